@@ -1,0 +1,69 @@
+#include "tavrin/platform/clock.h"
+
+#include <atomic>
+#include <chrono>
+#include <memory>
+#include <mutex>
+
+namespace tavrin::platform {
+
+namespace {
+
+struct State {
+    std::mutex mutex;
+    Clock::Source source;
+    bool fixed = false;
+    double fixedValue = 0;
+    std::atomic<bool> custom{false};
+};
+
+State& state() {
+    static State s;
+    return s;
+}
+
+double systemNow() {
+    using namespace std::chrono;
+    return duration<double>(system_clock::now().time_since_epoch()).count();
+}
+
+}  // namespace
+
+double Clock::now() {
+    auto& s = state();
+    if (!s.custom.load(std::memory_order_acquire)) return systemNow();
+    std::lock_guard lock(s.mutex);
+    if (s.fixed) return s.fixedValue;
+    return s.source ? s.source() : systemNow();
+}
+
+void Clock::setSource(Source source) {
+    auto& s = state();
+    std::lock_guard lock(s.mutex);
+    s.fixed = false;
+    s.custom.store(static_cast<bool>(source), std::memory_order_release);
+    s.source = std::move(source);
+}
+
+void Clock::setFixed(double secondsSince1970) {
+    auto& s = state();
+    std::lock_guard lock(s.mutex);
+    s.fixed = true;
+    s.fixedValue = secondsSince1970;
+    s.source = nullptr;
+    s.custom.store(true, std::memory_order_release);
+}
+
+void Clock::advance(double seconds) {
+    auto& s = state();
+    std::lock_guard lock(s.mutex);
+    if (!s.fixed) {
+        s.fixedValue = (s.source ? s.source() : systemNow());
+        s.fixed = true;
+        s.source = nullptr;
+        s.custom.store(true, std::memory_order_release);
+    }
+    s.fixedValue += seconds;
+}
+
+}  // namespace tavrin::platform

@@ -1,0 +1,41 @@
+#pragma once
+// JSON facility: nlohmann::json with insertion-ordered objects (member order
+// on the wire is the order records write them), plus base64 for byte buffers.
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include <nlohmann/json.hpp>
+
+namespace tavrin {
+
+// Objects keep the order in which members were inserted.
+using Json = nlohmann::ordered_json;
+using Bytes = std::vector<std::uint8_t>;
+
+namespace platform {
+
+// Standard alphabet, padded.
+std::string base64Encode(const std::uint8_t* data, std::size_t size);
+inline std::string base64Encode(const Bytes& data) { return base64Encode(data.data(), data.size()); }
+inline std::string base64Encode(std::string_view text) {
+    return base64Encode(reinterpret_cast<const std::uint8_t*>(text.data()), text.size());
+}
+// Strict: standard alphabet, correct padding, no white space; anything else gives nothing.
+std::optional<Bytes> base64Decode(std::string_view text);
+
+// Parses JSON text; gives nothing for malformed text (never throws).
+std::optional<Json> parseJson(std::string_view text);
+
+// Compact serialisation (no spaces, no sorting). Invalid UTF-8 in strings is
+// replaced rather than thrown, so a diagnostic dump never fails.
+std::string dumpJson(const Json& value);
+
+inline Bytes toBytes(std::string_view text) { return Bytes(text.begin(), text.end()); }
+inline std::string toString(const Bytes& bytes) { return std::string(bytes.begin(), bytes.end()); }
+
+}  // namespace platform
+}  // namespace tavrin

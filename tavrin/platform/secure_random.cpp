@@ -1,0 +1,41 @@
+#include "tavrin/platform/secure_random.h"
+
+#include <sys/random.h>
+
+#include <cerrno>
+#include <cstdlib>
+#include <cstdio>
+#include <stdexcept>
+
+namespace tavrin::platform {
+
+void SecureRandom::fill(void* buffer, std::size_t size) {
+    auto* out = static_cast<unsigned char*>(buffer);
+    while (size > 0) {
+        ssize_t n = getrandom(out, size, 0);
+        if (n < 0) {
+            if (errno == EINTR) continue;
+            // Without a random source no identifier can be trusted; the kernel
+            // only fails here on systems too old for getrandom(2).
+            std::fprintf(stderr, "getrandom failed (errno %d)\n", errno);
+            std::abort();
+        }
+        out += n;
+        size -= static_cast<std::size_t>(n);
+    }
+}
+
+std::uint64_t SecureRandom::next64() {
+    std::uint64_t v;
+    fill(&v, sizeof v);
+    return v;
+}
+
+std::int64_t SecureRandom::uniform(std::int64_t low, std::int64_t high) {
+    if (low > high) throw std::invalid_argument("SecureRandom::uniform: low > high");
+    const std::uint64_t range = static_cast<std::uint64_t>(high) - static_cast<std::uint64_t>(low) + 1;
+    const std::uint64_t offset = boundedWith(range, [] { return next64(); });
+    return static_cast<std::int64_t>(static_cast<std::uint64_t>(low) + offset);
+}
+
+}  // namespace tavrin::platform

@@ -1,0 +1,20 @@
+#include "tavrin/tracking/json_stringify.h"
+
+namespace tavrin::detail {
+
+std::string stringifyFailure(const std::exception& error) {
+    const std::string description = error.what();
+    LoggerUtility::shared().error([&] { return "Failed to encode object to JSON: " + description; });
+    return "Error: JSON encoding failed. " + description;
+}
+
+std::string stringifyEncoded(const Json& json) {
+    try {
+        // Strict serialisation: text that is not valid UTF-8 cannot become a JSON string.
+        return json.dump();
+    } catch (const Json::exception&) {
+        return "Error: Failed to convert JSON data to string.";
+    }
+}
+
+}  // namespace tavrin::detail
