@@ -1,0 +1,51 @@
+#pragma once
+// The application's durable key-value store: typed values (text, integer,
+// bytes) by key. The standard store is a SQLite database file in the data
+// directory; the host application may choose the directory, or install its
+// own store, before configuring the SDK.
+
+#include <cstdint>
+#include <filesystem>
+#include <memory>
+#include <optional>
+#include <string>
+#include <variant>
+
+#include "tavrin/platform/json.h"
+
+namespace tavrin::platform {
+
+class KeyValueStore {
+public:
+    using Value = std::variant<std::string, std::int64_t, Bytes>;
+
+    virtual ~KeyValueStore() = default;
+
+    // Durable when it returns true; a failure is logged and gives false.
+    virtual bool set(const std::string& key, const Value& value) = 0;
+    // Any stored value ("value for key").
+    virtual std::optional<Value> value(const std::string& key) const = 0;
+    virtual bool remove(const std::string& key) = 0;
+    // Flushes whatever is not yet durable; true when everything is.
+    virtual bool synchronize() = 0;
+
+    bool setString(const std::string& key, const std::string& v) { return set(key, Value(v)); }
+    bool setInteger(const std::string& key, std::int64_t v) { return set(key, Value(v)); }
+    bool setData(const std::string& key, const Bytes& v) { return set(key, Value(v)); }
+    // Typed reads give nothing when the key holds another type.
+    std::optional<std::string> string(const std::string& key) const;
+    std::optional<std::int64_t> integer(const std::string& key) const;
+    std::optional<Bytes> data(const std::string& key) const;
+
+    // The process-wide standard store, opened on first use in dataDirectory().
+    static std::shared_ptr<KeyValueStore> standard();
+    // Installs a store as the standard one (nullptr: reopen the default on next use).
+    static void setStandard(std::shared_ptr<KeyValueStore> store);
+
+    // Where the default store lives: set by the host before configuring, else
+    // $XDG_DATA_HOME/<application id>/, else ~/.local/share/<application id>/.
+    static void setDataDirectory(std::optional<std::filesystem::path> directory);
+    static std::filesystem::path dataDirectory();
+};
+
+}  // namespace tavrin::platform
