@@ -55,9 +55,12 @@ public:
 
 private:
     struct Statements;
+    enum class Access { readWrite, readOnly, immutable, memory };
 
     void open();
-    bool openAt(const std::string& location, bool inMemory, int& failureCode, std::string& failure);
+    bool openAt(Access access, int& failureCode, std::string& failure);
+    void openInMemory(const std::string& reason);
+    bool quickCheck(int& failureCode, std::string& failure);
     void close();
     std::optional<std::filesystem::path> moveAside();
     bool execute(const char* sql, int& failureCode, std::string& failure);
