@@ -385,17 +385,22 @@ std::optional<KeyValueStore::Value> SqliteKeyValueStore::value(const std::string
     }
     const auto* typeText = reinterpret_cast<const char*>(sqlite3_column_text(s, 0));
     const std::string_view type = typeText ? typeText : "";
-    if (type == "integer") return Value(static_cast<std::int64_t>(sqlite3_column_int64(s, 1)));
-    if (type == "string") {
+    // Built in place: moving a finished variant into the optional trips a
+    // false maybe-uninitialized warning in GCC 12 sanitizer builds.
+    std::optional<Value> result;
+    if (type == "integer") {
+        result.emplace(std::in_place_type<std::int64_t>, sqlite3_column_int64(s, 1));
+    } else if (type == "string") {
         const auto* text = reinterpret_cast<const char*>(sqlite3_column_text(s, 1));
-        return Value(std::string(text ? text : "", static_cast<std::size_t>(sqlite3_column_bytes(s, 1))));
-    }
-    if (type == "data") {
+        result.emplace(std::in_place_type<std::string>, text ? text : "",
+                       static_cast<std::size_t>(sqlite3_column_bytes(s, 1)));
+    } else if (type == "data") {
         const auto* blob = static_cast<const std::uint8_t*>(sqlite3_column_blob(s, 1));
         const auto size = static_cast<std::size_t>(sqlite3_column_bytes(s, 1));
-        return Value(blob ? Bytes(blob, blob + size) : Bytes{});
+        result.emplace(std::in_place_type<Bytes>);
+        if (blob) std::get<Bytes>(*result).assign(blob, blob + size);
     }
-    return std::nullopt;
+    return result;
 }
 
 bool SqliteKeyValueStore::remove(const std::string& key) {
