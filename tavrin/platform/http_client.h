@@ -106,6 +106,9 @@ public:
 
     // Starts the request. The future gives the response (any status) or throws
     // UrlError (or std::invalid_argument for a header that cannot be sent).
+    // Interim 1xx answers are skipped, but a server that ends the exchange
+    // after one (closing, or sending no valid final status line) has that
+    // 1xx reported as its status, with its fields and no body.
     virtual std::future<HttpResponse> send(HttpRequest request) = 0;
 
     std::future<HttpResponse> post(std::string url, HttpHeaders headers, Bytes body, double timeoutSeconds = 60);

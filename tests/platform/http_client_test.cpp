@@ -270,17 +270,6 @@ TEST(CurlHttpClientErrors, RejectedBeforeSending) {
     EXPECT_THROW(badName.get(), std::invalid_argument);
 }
 
-TEST(UrlErrorTest, DescriptionAndReason) {
-    UrlError cancelled(UrlError::Code::cancelled);
-    EXPECT_STREQ(cancelled.what(), "The request was cancelled.");
-    EXPECT_STREQ(UrlError::name(UrlError::Code::secureConnectionFailed), "secureConnectionFailed");
-    UrlError timedOut(UrlError::Code::timedOut, "Timeout was reached", "Operation timed out after 300 ms");
-    EXPECT_STREQ(timedOut.what(), "The request timed out. (curl: Timeout was reached)");
-    EXPECT_EQ(timedOut.detail(), "Operation timed out after 300 ms");
-    const std::runtime_error& base = timedOut;
-    EXPECT_STREQ(base.what(), timedOut.what());
-}
-
 // ---- concurrency and shutdown
 
 TEST(CurlHttpClientConcurrency, HundredConcurrentRequestsAllComplete) {
@@ -331,6 +320,7 @@ TEST(CurlHttpClientShutdown, FailsWaitingAndRunningRequestsWithCancelled) {
             ADD_FAILURE() << "a request survived shutdown";
         } catch (const UrlError& error) {
             EXPECT_EQ(error.code(), UrlError::Code::cancelled);
+            EXPECT_STREQ(error.what(), "The request was cancelled.");
         }
     }
     auto late = client.get(silent.baseUrl() + "/late");
