@@ -118,10 +118,5 @@ TEST(AnyValueJson, ValuesWithoutJsonFormFailTheWholeText) {
     EXPECT_EQ(AnyValue::sortedJsonText({{"\xc0\xaf", 1}}), std::nullopt);  // invalid key too
 }
 
-TEST(AnyValueDescribe, NamesKindAndPayload) {
-    EXPECT_EQ(describe(AnyValue::Array{"a", 1, true, nullptr}), R"(array[text("a"), integer(1), boolean(true), null])");
-    EXPECT_EQ(describe(AnyValue::Dictionary{{"k", 2.5}}), R"(dictionary{"k": number(2.5)})");
-}
-
 }  // namespace
 }  // namespace tavrin
