@@ -83,11 +83,5 @@ TEST_F(SystemLogTest, SyslogSinkFollowsTheLogMask) {
     closelog();
 }
 
-TEST(LogTypeName, Names) {
-    EXPECT_STREQ(logTypeName(LogType::debug), "DEBUG");
-    EXPECT_STREQ(logTypeName(LogType::info), "INFO");
-    EXPECT_STREQ(logTypeName(LogType::error), "ERROR");
-}
-
 }  // namespace
 }  // namespace tavrin::platform
