@@ -11,9 +11,10 @@ namespace {
 
 struct State {
     std::mutex mutex;
-    Clock::Source source;
+    std::shared_ptr<const Clock::Source> source;
     bool fixed = false;
     double fixedValue = 0;
+    // Fast path: while false, now() reads the system clock without locking.
     std::atomic<bool> custom{false};
 };
 
@@ -32,9 +33,14 @@ double systemNow() {
 double Clock::now() {
     auto& s = state();
     if (!s.custom.load(std::memory_order_acquire)) return systemNow();
-    std::lock_guard lock(s.mutex);
-    if (s.fixed) return s.fixedValue;
-    return s.source ? s.source() : systemNow();
+    std::shared_ptr<const Source> source;
+    {
+        std::lock_guard lock(s.mutex);
+        if (s.fixed) return s.fixedValue;
+        source = s.source;
+    }
+    // Called outside the lock so a source may itself read the clock.
+    return source ? (*source)() : systemNow();
 }
 
 void Clock::setSource(Source source) {
@@ -42,7 +48,7 @@ void Clock::setSource(Source source) {
     std::lock_guard lock(s.mutex);
     s.fixed = false;
     s.custom.store(static_cast<bool>(source), std::memory_order_release);
-    s.source = std::move(source);
+    s.source = source ? std::make_shared<const Source>(std::move(source)) : nullptr;
 }
 
 void Clock::setFixed(double secondsSince1970) {
@@ -56,12 +62,19 @@ void Clock::setFixed(double secondsSince1970) {
 
 void Clock::advance(double seconds) {
     auto& s = state();
-    std::lock_guard lock(s.mutex);
+    std::unique_lock lock(s.mutex);
     if (!s.fixed) {
-        s.fixedValue = (s.source ? s.source() : systemNow());
-        s.fixed = true;
-        s.source = nullptr;
-        s.custom.store(true, std::memory_order_release);
+        // Freeze at the current reading first, then move from there.
+        auto source = s.source;
+        lock.unlock();
+        const double start = source ? (*source)() : systemNow();
+        lock.lock();
+        if (!s.fixed) {
+            s.fixedValue = start;
+            s.fixed = true;
+            s.source = nullptr;
+            s.custom.store(true, std::memory_order_release);
+        }
     }
     s.fixedValue += seconds;
 }

@@ -14,7 +14,8 @@ public:
     static double now();
     // Installs a source; an empty function restores the system clock.
     static void setSource(Source source);
-    // Convenience for tests: a fixed time that can be moved by hand.
+    // Convenience for tests: a fixed time that can be moved by hand. advance
+    // on a running clock first freezes it at the current reading.
     static void setFixed(double secondsSince1970);
     static void advance(double seconds);
     static void reset() { setSource({}); }

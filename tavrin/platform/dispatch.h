@@ -1,6 +1,11 @@
 #pragma once
 // Dispatch: serial queues, concurrent queues with barrier writes, a shared
 // pool for background tasks, and the process-wide lock.
+//
+// Each queue keeps its working state in a block shared with its thread, so a
+// queue may be destroyed from one of its own blocks (the last owner of an
+// object dropped on its own queue): the thread then finishes the blocks
+// already submitted and ends by itself.
 
 #include <condition_variable>
 #include <cstdint>
@@ -27,12 +32,13 @@ void setCurrentThreadName(const std::string& name);
 class SerialQueue {
 public:
     explicit SerialQueue(std::string label);
-    // Runs every block already submitted, then joins the thread.
+    // Runs every block already submitted, then joins the thread (or, when
+    // called from one of its own blocks, lets the thread finish on its own).
     ~SerialQueue();
     SerialQueue(const SerialQueue&) = delete;
     SerialQueue& operator=(const SerialQueue&) = delete;
 
-    const std::string& label() const noexcept { return label_; }
+    const std::string& label() const noexcept { return state_->label; }
 
     void async(std::function<void()> block);
 
@@ -43,23 +49,30 @@ public:
     auto sync(F&& block) -> std::invoke_result_t<F> {
         using R = std::invoke_result_t<F>;
         if (isCurrent()) return block();
-        std::packaged_task<R()> task(std::forward<F>(block));
-        auto future = task.get_future();
-        enqueue([&task] { task(); });
+        // Shared with the queued block: the caller may wake and return while
+        // the queue thread is still leaving the task.
+        auto task = std::make_shared<std::packaged_task<R()>>(std::forward<F>(block));
+        auto future = task->get_future();
+        enqueue([task] { (*task)(); });
         return future.get();
     }
 
     bool isCurrent() const noexcept;
 
 private:
-    void enqueue(std::function<void()> block);
-    void run();
+    struct State {
+        explicit State(std::string l) : label(std::move(l)) {}
+        const std::string label;
+        std::mutex mutex;
+        std::condition_variable cv;
+        std::deque<std::function<void()>> blocks;
+        bool stopping = false;
+    };
 
-    std::string label_;
-    std::mutex mutex_;
-    std::condition_variable cv_;
-    std::deque<std::function<void()>> blocks_;
-    bool stopping_ = false;
+    void enqueue(std::function<void()> block);
+    static void run(const std::shared_ptr<State>& state);
+
+    std::shared_ptr<State> state_;
     std::thread thread_;
 };
 
@@ -69,18 +82,23 @@ private:
 class ConcurrentQueue {
 public:
     explicit ConcurrentQueue(std::string label);
-    // Applies every pending write, then joins the writer thread.
+    // Applies every pending write, then joins the writer thread (or, when
+    // called from a write, lets the thread finish on its own).
     ~ConcurrentQueue();
     ConcurrentQueue(const ConcurrentQueue&) = delete;
     ConcurrentQueue& operator=(const ConcurrentQueue&) = delete;
 
-    const std::string& label() const noexcept { return label_; }
+    const std::string& label() const noexcept { return state_->label; }
 
     template <class F>
     auto sync(F&& read) -> std::invoke_result_t<F> {
-        if (isWriterThread()) return read();  // a read made by a write already holds the data
+        // Inside a write the data is already held exclusively; inside a read
+        // it is already held shared, and waiting for a newer write would
+        // wait on ourselves.
+        if (isWriterThread() || isReadingThread()) return read();
         waitForWritesBefore(submittedTicket());
-        std::shared_lock lock(data_);
+        std::shared_lock lock(state_->data);
+        ReadScope scope(state_.get());
         return read();
     }
 
@@ -92,19 +110,34 @@ public:
     bool isWriterThread() const noexcept;
 
 private:
+    struct State {
+        explicit State(std::string l) : label(std::move(l)) {}
+        const std::string label;
+        std::shared_mutex data;
+        std::mutex mutex;
+        std::condition_variable cv;
+        std::condition_variable appliedCv;
+        std::deque<std::function<void()>> writes;
+        std::uint64_t submitted = 0;
+        std::uint64_t applied = 0;
+        bool stopping = false;
+    };
+
+    // Marks the calling thread as reading this queue for the scope's life.
+    class ReadScope {
+    public:
+        explicit ReadScope(const void* queue);
+        ~ReadScope();
+        ReadScope(const ReadScope&) = delete;
+        ReadScope& operator=(const ReadScope&) = delete;
+    };
+
+    bool isReadingThread() const noexcept;
     std::uint64_t submittedTicket();
     void waitForWritesBefore(std::uint64_t ticket);
-    void run();
+    static void run(const std::shared_ptr<State>& state);
 
-    std::string label_;
-    std::shared_mutex data_;
-    std::mutex mutex_;
-    std::condition_variable cv_;
-    std::condition_variable appliedCv_;
-    std::deque<std::function<void()>> writes_;
-    std::uint64_t submitted_ = 0;
-    std::uint64_t applied_ = 0;
-    bool stopping_ = false;
+    std::shared_ptr<State> state_;
     std::thread thread_;
 };
 
@@ -112,7 +145,8 @@ private:
 class TaskPool {
 public:
     explicit TaskPool(std::size_t threads, std::string label = "com.tavrin.task");
-    // Runs the tasks already submitted, then joins.
+    // Runs the tasks already submitted, then joins (from one of its own
+    // tasks: lets the threads finish on their own).
     ~TaskPool();
     TaskPool(const TaskPool&) = delete;
     TaskPool& operator=(const TaskPool&) = delete;
@@ -134,14 +168,19 @@ public:
     void detach(std::function<void()> fn);
 
 private:
-    void enqueue(std::function<void()> block);
-    void run();
+    struct State {
+        explicit State(std::string l) : label(std::move(l)) {}
+        const std::string label;
+        std::mutex mutex;
+        std::condition_variable cv;
+        std::deque<std::function<void()>> tasks;
+        bool stopping = false;
+    };
 
-    std::string label_;
-    std::mutex mutex_;
-    std::condition_variable cv_;
-    std::deque<std::function<void()>> tasks_;
-    bool stopping_ = false;
+    void enqueue(std::function<void()> block);
+    static void run(const std::shared_ptr<State>& state);
+
+    std::shared_ptr<State> state_;
     std::vector<std::thread> threads_;
 };
 

@@ -14,6 +14,44 @@ constexpr std::array<int, 256> makeReverse() {
     return table;
 }
 constexpr auto kReverse = makeReverse();
+
+// Deeper documents are refused: decoding walks them recursively, and no
+// record of ours nests anywhere near this far.
+constexpr std::size_t kMaxNestingDepth = 512;
+
+// Checks what the parser would let through: nesting beyond the limit, and a
+// NUL byte, which the parser takes for the end of the text (so "[1]\0junk"
+// would pass). A NUL is never valid JSON, inside strings or out.
+bool passesPrescan(std::string_view text) {
+    std::size_t depth = 0;
+    bool inString = false;
+    bool escaped = false;
+    for (const char c : text) {
+        if (c == '\0') return false;
+        if (inString) {
+            if (escaped)
+                escaped = false;
+            else if (c == '\\')
+                escaped = true;
+            else if (c == '"')
+                inString = false;
+            continue;
+        }
+        switch (c) {
+            case '"': inString = true; break;
+            case '[':
+            case '{':
+                if (++depth > kMaxNestingDepth) return false;
+                break;
+            case ']':
+            case '}':
+                if (depth > 0) --depth;
+                break;
+            default: break;
+        }
+    }
+    return true;
+}
 }  // namespace
 
 std::string base64Encode(const std::uint8_t* data, std::size_t size) {
@@ -72,9 +110,14 @@ std::optional<Bytes> base64Decode(std::string_view text) {
 }
 
 std::optional<Json> parseJson(std::string_view text) {
-    Json value = Json::parse(text.begin(), text.end(), nullptr, /*allow_exceptions=*/false);
-    if (value.is_discarded()) return std::nullopt;
-    return value;
+    if (!passesPrescan(text)) return std::nullopt;
+    try {
+        Json value = Json::parse(text.begin(), text.end(), nullptr, /*allow_exceptions=*/false);
+        if (value.is_discarded()) return std::nullopt;
+        return value;
+    } catch (const Json::exception&) {
+        return std::nullopt;
+    }
 }
 
 std::string dumpJson(const Json& value) {

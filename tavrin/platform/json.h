@@ -27,7 +27,9 @@ inline std::string base64Encode(std::string_view text) {
 // Strict: standard alphabet, correct padding, no white space; anything else gives nothing.
 std::optional<Bytes> base64Decode(std::string_view text);
 
-// Parses JSON text; gives nothing for malformed text (never throws).
+// Parses JSON text; gives nothing for malformed text (a NUL byte anywhere
+// included) or for arrays and objects nested deeper than 512 levels (never
+// throws).
 std::optional<Json> parseJson(std::string_view text);
 
 // Compact serialisation (no spaces, no sorting). Invalid UTF-8 in strings is

@@ -2,7 +2,6 @@
 
 #include <syslog.h>
 
-#include <atomic>
 #include <cstdio>
 
 namespace tavrin::platform {
@@ -46,9 +45,9 @@ bool SyslogSink::isEnabled(LogType type) const {
 
 void SyslogSink::write(const LogRecord& record) {
     std::lock_guard lock(mutex_);
-    if (identity_ != record.subsystem) {
-        identity_ = record.subsystem;
-        openlog(identity_.c_str(), LOG_PID, LOG_USER);
+    if (!identity_ || *identity_ != record.subsystem) {
+        identity_ = &*identities_.insert(record.subsystem).first;
+        openlog(identity_->c_str(), LOG_PID, LOG_USER);
     }
     syslog(syslogPriority(record.type), "[%s] %s", record.category.c_str(), record.message.c_str());
 }

@@ -5,6 +5,7 @@
 
 #include <memory>
 #include <mutex>
+#include <set>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -41,7 +42,9 @@ public:
 
 private:
     std::mutex mutex_;
-    std::string identity_;  // openlog keeps the pointer, so the text must outlive it
+    // openlog keeps the pointer it is given, so every identity text used stays alive.
+    std::set<std::string> identities_;
+    const std::string* identity_ = nullptr;
 };
 
 // One line per message on standard error: "<subsystem> [<category>] <TYPE>: <message>".

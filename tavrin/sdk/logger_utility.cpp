@@ -1,35 +1,59 @@
 #include "tavrin/sdk/logger_utility.h"
 
+#include <map>
+#include <mutex>
+
 #include "tavrin/platform/device_facts.h"
 
 namespace tavrin {
 
 namespace {
+
 constexpr const char* kFallbackSubsystem = "com.tavrin.TavrinSDK";
 constexpr const char* kCategory = "default";
+
+// One handle per subsystem ever used; entries are never removed.
+const platform::SystemLog* handleForCurrentSubsystem() {
+    static std::mutex mutex;
+    static auto* handles = new std::map<std::string, platform::SystemLog>();
+    std::string subsystem = platform::DeviceFacts::bundleIdentifier().value_or(kFallbackSubsystem);
+    if (subsystem.empty()) subsystem = kFallbackSubsystem;
+    std::lock_guard lock(mutex);
+    auto it = handles->find(subsystem);
+    if (it == handles->end()) it = handles->try_emplace(subsystem, subsystem, kCategory).first;
+    return &it->second;
+}
+
 }  // namespace
 
-LoggerUtility::LoggerUtility(std::string subsystem) : logger_(std::move(subsystem), kCategory) {}
+LoggerUtility::LoggerUtility(const platform::SystemLog* logger) : logger_(logger) {}
 
 LoggerUtility& LoggerUtility::shared() {
     // Function-local static: created once, thread-safely, and kept for the process.
-    static LoggerUtility instance(platform::DeviceFacts::bundleIdentifier().value_or(kFallbackSubsystem));
+    static LoggerUtility instance(handleForCurrentSubsystem());
     return instance;
 }
 
-void LoggerUtility::resetShared() { shared().logLevel_.store(LogLevel::info, std::memory_order_relaxed); }
+void LoggerUtility::resetShared() {
+    auto& logger = shared();
+    logger.logger_.store(handleForCurrentSubsystem(), std::memory_order_release);
+    logger.logLevel_.store(LogLevel::info, std::memory_order_relaxed);
+}
 
 void LoggerUtility::setLogLevel(LogLevel level) {
     logLevel_.store(level, std::memory_order_relaxed);
     // Written regardless of the threshold; the level name is not marked public.
-    if (logger_.isEnabled(platform::LogType::info)) {
-        logger_.log(platform::LogType::info, std::string("Log level updated to: ") + description(level),
-                    platform::LogPrivacy::privateText);
+    const auto& log = logger();
+    if (log.isEnabled(platform::LogType::info)) {
+        log.log(platform::LogType::info, std::string("Log level updated to: ") + description(level),
+                platform::LogPrivacy::privateText);
     }
 }
 
-void LoggerUtility::write(platform::LogType type, std::string_view text) {
-    logger_.log(type, text, platform::LogPrivacy::publicText);
+void LoggerUtility::write(platform::LogSink& sink, platform::LogType type, std::string text) const {
+    const auto& log = logger();
+    sink.write(platform::LogRecord{type, log.subsystem(), log.category(), std::move(text),
+                                   platform::LogPrivacy::publicText});
 }
 
 }  // namespace tavrin

@@ -17,8 +17,8 @@ namespace tavrin {
 class LoggerUtility {
 public:
     static LoggerUtility& shared();
-    // Tests: drops the shared instance so the next shared() starts fresh
-    // (level info, subsystem read again).
+    // Tests: puts the shared instance back to its starting state: level info
+    // and the subsystem read again from the host's bundle identifier.
     static void resetShared();
 
     // Each message operation takes either text or a callable returning text;
@@ -36,24 +36,30 @@ public:
     void setLogLevel(LogLevel level);
     LogLevel logLevel() const noexcept { return logLevel_.load(std::memory_order_relaxed); }
 
-    const platform::SystemLog& logger() const noexcept { return logger_; }
+    // The platform logger handle (subsystem and category). The reference
+    // stays valid for the life of the process.
+    const platform::SystemLog& logger() const noexcept { return *logger_.load(std::memory_order_acquire); }
 
 private:
-    explicit LoggerUtility(std::string subsystem);
+    explicit LoggerUtility(const platform::SystemLog* logger);
 
     template <class M>
     void emit(LogLevel atLeast, platform::LogType type, M&& message) {
+        // The threshold comes first: a filtered-out message asks the platform nothing.
         if (rawValue(logLevel_.load(std::memory_order_relaxed)) > rawValue(atLeast)) return;
-        if (!logger_.isEnabled(type)) return;
+        auto sink = platform::SystemLog::sink();
+        if (!sink->isEnabled(type)) return;
         if constexpr (std::is_invocable_v<M>) {
-            write(type, std::string_view(message()));
+            write(*sink, type, std::string(message()));
         } else {
-            write(type, std::string_view(message));
+            write(*sink, type, std::string(std::forward<M>(message)));
         }
     }
-    void write(platform::LogType type, std::string_view text);
+    void write(platform::LogSink& sink, platform::LogType type, std::string text) const;
 
-    platform::SystemLog logger_;
+    // Handles live in a registry that is never emptied, so a reset can switch
+    // the subsystem while other threads still hold the old handle.
+    std::atomic<const platform::SystemLog*> logger_;
     std::atomic<LogLevel> logLevel_{LogLevel::info};
 };
 

@@ -1,37 +1,38 @@
 #include "tavrin/tracking/any_codable.h"
 
 #include <cmath>
+#include <limits>
 
 namespace tavrin {
 
 AnyCodable AnyCodable::decode(const Decoder& decoder) {
-    try {
-        return AnyCodable(decoder.decodeBool());
-    } catch (const DecodingError&) {
-    }
-    try {
+    // The first kind that decodes wins: boolean, integer, double, text,
+    // dictionary, array. The node's type answers each attempt without
+    // throwing; a container whose member fails ends in the error below, at
+    // this value's path.
+    const Json& node = decoder.json();
+    if (node.is_boolean()) return AnyCodable(decoder.decodeBool());
+    if (node.is_number_integer() &&
+        (!node.is_number_unsigned() ||
+         node.get<std::uint64_t>() <= static_cast<std::uint64_t>(std::numeric_limits<std::int64_t>::max())))
         return AnyCodable(decoder.decodeInt64());
-    } catch (const DecodingError&) {
-    }
-    try {
-        return AnyCodable(decoder.decodeDouble());
-    } catch (const DecodingError&) {
-    }
-    try {
-        return AnyCodable(decoder.decodeString());
-    } catch (const DecodingError&) {
-    }
-    try {
-        Dictionary dict;
-        for (const auto& [key, member] : decoder.members()) dict.insert_or_assign(key, decode(member));
-        return AnyCodable(std::move(dict));
-    } catch (const DecodingError&) {
-    }
-    try {
-        Array array;
-        for (const auto& element : decoder.elements()) array.push_back(decode(element));
-        return AnyCodable(std::move(array));
-    } catch (const DecodingError&) {
+    if (node.is_number()) return AnyCodable(decoder.decodeDouble());
+    if (node.is_string()) return AnyCodable(decoder.decodeString());
+    if (node.is_object()) {
+        try {
+            Dictionary dict;
+            for (const auto& [key, member] : decoder.members()) dict.insert_or_assign(key, decode(member));
+            return AnyCodable(std::move(dict));
+        } catch (const DecodingError&) {
+        }
+    } else if (node.is_array()) {
+        try {
+            Array array;
+            array.reserve(node.size());
+            for (const auto& element : decoder.elements()) array.push_back(decode(element));
+            return AnyCodable(std::move(array));
+        } catch (const DecodingError&) {
+        }
     }
     throw DecodingError(DecodingError::Kind::typeMismatch, decoder.codingPath(), "Unsupported JSON value");
 }
@@ -40,7 +41,10 @@ Json AnyCodable::encodeAt(const CodingPath& path) const {
     if (const auto* b = std::any_cast<bool>(&value_)) return Json(*b);
     if (const auto* i = std::any_cast<std::int64_t>(&value_)) return Json(*i);
     if (const auto* d = std::any_cast<double>(&value_)) {
-        if (!std::isfinite(*d)) throw EncodingError(path, "Unable to encode a non-finite Double directly in JSON.");
+        if (!std::isfinite(*d)) {
+            const char* name = std::isnan(*d) ? "nan" : (*d > 0 ? "infinity" : "-infinity");
+            throw EncodingError(value_, path, std::string("Unable to encode Double.") + name + " directly in JSON.");
+        }
         return Json(*d);
     }
     if (const auto* s = std::any_cast<std::string>(&value_)) return Json(*s);
@@ -63,13 +67,14 @@ Json AnyCodable::encodeAt(const CodingPath& path) const {
         }
         return out;
     }
-    throw EncodingError(path, "Unsupported JSON value");
+    throw EncodingError(value_, path, "Unsupported JSON value");
 }
 
 bool operator==(const AnyCodable& a, const AnyCodable& b) {
-    // Equal when both encode to the same JSON; unencodable values are never equal.
+    // Equal when both encode to the same JSON text (so 1 and 1.0 differ);
+    // unencodable values are never equal.
     try {
-        return a.encode() == b.encode();
+        return platform::dumpJson(a.encode()) == platform::dumpJson(b.encode());
     } catch (const EncodingError&) {
         return false;
     }

@@ -7,6 +7,8 @@
 #include <cstdint>
 #include <map>
 #include <string>
+#include <string_view>
+#include <type_traits>
 #include <vector>
 
 #include "tavrin/tracking/coding.h"
@@ -19,8 +21,9 @@ public:
     using Array = std::vector<AnyCodable>;
 
     AnyCodable() = default;  // wraps nothing (not encodable)
-    // Wraps any value without checking it. Integer types are widened to
-    // std::int64_t and C strings become std::string so that literals behave.
+    // Wraps any value without checking it. Signed integer types are widened
+    // to std::int64_t, float to double, and C strings and string views become
+    // std::string, so that literals behave.
     template <class T, class = std::enable_if_t<!std::is_same_v<std::decay_t<T>, AnyCodable>>>
     AnyCodable(T&& value) : value_(normalize(std::forward<T>(value))) {}  // NOLINT(implicit)
 
@@ -45,7 +48,8 @@ private:
             return static_cast<std::int64_t>(value);
         } else if constexpr (std::is_same_v<D, float>) {
             return static_cast<double>(value);
-        } else if constexpr (std::is_same_v<D, const char*> || std::is_same_v<D, char*>) {
+        } else if constexpr (std::is_same_v<D, const char*> || std::is_same_v<D, char*> ||
+                             std::is_same_v<D, std::string_view>) {
             return std::string(value);
         } else {
             return std::any(std::forward<T>(value));

@@ -1,51 +1,68 @@
 #include "tavrin/tracking/codable_value.h"
 
 #include <cmath>
+#include <limits>
 #include <sstream>
 
 namespace tavrin {
 
+namespace {
+
+// Whether the node decodes as a signed 64-bit integer (no fraction, no
+// exponent, in range), the same test Decoder::decodeInt64 applies.
+bool isInt64(const Json& node) {
+    if (node.is_number_integer() && !node.is_number_unsigned()) return true;
+    return node.is_number_unsigned() &&
+           node.get<std::uint64_t>() <= static_cast<std::uint64_t>(std::numeric_limits<std::int64_t>::max());
+}
+
+}  // namespace
+
 CodableValue CodableValue::decode(const Decoder& decoder) {
-    // Each attempt's error is discarded; the order decides the case.
-    try {
-        return string(decoder.decodeString());
-    } catch (const DecodingError&) {
-    }
-    try {
-        return boolean(decoder.decodeBool());
-    } catch (const DecodingError&) {
-    }
-    try {
-        return integer(decoder.decodeInt64());
-    } catch (const DecodingError&) {
-    }
-    try {
-        return decimalNumber(decoder.decodeDouble());
-    } catch (const DecodingError&) {
-    }
-    try {
-        Array values;
-        for (const auto& element : decoder.elements()) values.push_back(decode(element));
-        return array(std::move(values));
-    } catch (const DecodingError&) {
+    // The first kind that decodes wins: text, boolean, integer, double, array.
+    // The node's type answers each attempt without throwing; only an array
+    // whose element fails ends in the error below, at this value's path.
+    const Json& node = decoder.json();
+    if (node.is_string()) return string(decoder.decodeString());
+    if (node.is_boolean()) return boolean(decoder.decodeBool());
+    if (isInt64(node)) return integer(decoder.decodeInt64());
+    if (node.is_number()) return decimalNumber(decoder.decodeDouble());
+    if (node.is_array()) {
+        try {
+            Array values;
+            values.reserve(node.size());
+            for (const auto& element : decoder.elements()) values.push_back(decode(element));
+            return array(std::move(values));
+        } catch (const DecodingError&) {
+        }
     }
     throw DecodingError(DecodingError::Kind::typeMismatch, decoder.codingPath(), "Failed to decode CodableValue");
 }
 
-Json CodableValue::encode() const {
+Json CodableValue::encode() const { return encodeAt({}); }
+
+Json CodableValue::encodeAt(const CodingPath& path) const {
     switch (kind()) {
         case Kind::string: return Json(asString());
         case Kind::boolean: return Json(asBool());
         case Kind::integer: return Json(asInteger());
-        case Kind::decimalNumber:
+        case Kind::decimalNumber: {
             // JSON has no NaN or infinity; writing null would break the no-null promise.
-            if (!std::isfinite(asDecimalNumber()))
-                throw EncodingError({}, "Unable to encode Double." + std::string(std::isnan(asDecimalNumber()) ? "nan" : "infinity") +
-                                            " directly in JSON.");
-            return Json(asDecimalNumber());
+            const double d = asDecimalNumber();
+            if (!std::isfinite(d)) {
+                const char* name = std::isnan(d) ? "nan" : (d > 0 ? "infinity" : "-infinity");
+                throw EncodingError(d, path, std::string("Unable to encode Double.") + name + " directly in JSON.");
+            }
+            return Json(d);
+        }
         case Kind::array: {
             Json out = Json::array();
-            for (const auto& v : asArray()) out.push_back(v.encode());
+            std::size_t index = 0;
+            for (const auto& v : asArray()) {
+                CodingPath p = path;
+                p.push_back("Index " + std::to_string(index++));
+                out.push_back(v.encodeAt(p));
+            }
             return out;
         }
     }

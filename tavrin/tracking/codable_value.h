@@ -42,6 +42,7 @@ public:
 
 private:
     using Storage = std::variant<std::string, bool, std::int64_t, double, Array>;
+    Json encodeAt(const CodingPath& path) const;
     explicit CodableValue(std::string value) : storage_(std::in_place_index<0>, std::move(value)) {}
     explicit CodableValue(Storage storage) : storage_(std::move(storage)) {}
 

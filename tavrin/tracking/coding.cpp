@@ -70,7 +70,11 @@ DecodingError::DecodingError(Kind kind, CodingPath codingPath, std::string debug
       debugDescription_(std::move(debugDescription)) {}
 
 EncodingError::EncodingError(CodingPath codingPath, std::string debugDescription)
+    : EncodingError(std::any{}, std::move(codingPath), std::move(debugDescription)) {}
+
+EncodingError::EncodingError(std::any value, CodingPath codingPath, std::string debugDescription)
     : std::runtime_error(describeEncoding(codingPath, debugDescription)),
+      value_(std::move(value)),
       codingPath_(std::move(codingPath)),
       debugDescription_(std::move(debugDescription)) {}
 

@@ -7,6 +7,7 @@
 // Maps with text keys, vectors, optionals and the plain scalar types are
 // handled by encodeJson / decodeJson below.
 
+#include <any>
 #include <cstdint>
 #include <map>
 #include <optional>
@@ -48,12 +49,17 @@ public:
     enum class Kind { invalidValue };
 
     EncodingError(CodingPath codingPath, std::string debugDescription);
+    // With the value that could not be encoded.
+    EncodingError(std::any value, CodingPath codingPath, std::string debugDescription);
 
     Kind kind() const noexcept { return Kind::invalidValue; }
+    // The rejected value, when the thrower supplied it.
+    const std::any& value() const noexcept { return value_; }
     const CodingPath& codingPath() const noexcept { return codingPath_; }
     const std::string& debugDescription() const noexcept { return debugDescription_; }
 
 private:
+    std::any value_;
     CodingPath codingPath_;
     std::string debugDescription_;
 };
@@ -112,6 +118,10 @@ template <class T>
 struct IsOptional<std::optional<T>> : std::true_type {};
 }  // namespace detail
 
+// Byte buffers travel as base64 text. A plain function, so it wins over the
+// vector overload below.
+inline Json encodeJson(const Bytes& bytes) { return Json(platform::base64Encode(bytes)); }
+
 template <class T>
 Json encodeJson(const T& value);
 template <class T>
@@ -149,9 +159,6 @@ Json encodeJson(const T& value) {
     } else if constexpr (std::is_same_v<T, bool> || std::is_arithmetic_v<T> ||
                          std::is_convertible_v<const T&, std::string_view>) {
         return Json(value);
-    } else if constexpr (std::is_same_v<T, Bytes>) {
-        // Byte buffers travel as base64 text.
-        return Json(platform::base64Encode(value));
     } else {
         static_assert(detail::HasEncode<T>::value, "type has no JSON encoding");
     }

@@ -4,6 +4,7 @@
 
 #include <cmath>
 #include <limits>
+#include <map>
 
 namespace tavrin {
 namespace {
@@ -33,6 +34,18 @@ TEST(CodableValueDecode, NullAndObjectFailWithTypeMismatch) {
             EXPECT_EQ(e.kind(), DecodingError::Kind::typeMismatch) << text;
             EXPECT_EQ(e.debugDescription(), "Failed to decode CodableValue") << text;
         }
+    }
+}
+
+TEST(CodableValueDecode, FailureInsideARecordCarriesTheMemberPath) {
+    try {
+        decodeJson<std::map<std::string, CodableValue>>(R"({"ok":[1],"bad":[1,{}]})");
+        FAIL() << "decoded";
+    } catch (const DecodingError& e) {
+        EXPECT_EQ(e.kind(), DecodingError::Kind::typeMismatch);
+        // The array as a whole fails, at its own path.
+        EXPECT_EQ(e.codingPath(), CodingPath{"bad"});
+        EXPECT_EQ(e.debugDescription(), "Failed to decode CodableValue");
     }
 }
 
@@ -70,6 +83,19 @@ TEST(CodableValueEncode, WritesBarePayloads) {
     for (const auto& v : {CodableValue::integer(-7), CodableValue::decimalNumber(2.25), CodableValue::boolean(true)})
         EXPECT_EQ(decodeText(encodeJsonText(v)), v);
     EXPECT_THROW(encodeJsonText(CodableValue::decimalNumber(std::nan(""))), EncodingError);
+}
+
+TEST(CodableValueEncode, NonFiniteNumbersFailWithTheirPath) {
+    try {
+        CodableValue::array({CodableValue::integer(1), CodableValue::array({CodableValue::decimalNumber(
+                                                           std::numeric_limits<double>::infinity())})})
+            .encode();
+        FAIL() << "encoded infinity";
+    } catch (const EncodingError& e) {
+        EXPECT_EQ(e.kind(), EncodingError::Kind::invalidValue);
+        EXPECT_EQ(e.codingPath(), (CodingPath{"Index 1", "Index 0"}));
+        EXPECT_EQ(e.debugDescription(), "Unable to encode Double.infinity directly in JSON.");
+    }
 }
 
 }  // namespace

@@ -1,0 +1,91 @@
+#include "tavrin/platform/json.h"
+
+#include <gtest/gtest.h>
+
+#include <string>
+
+namespace tavrin::platform {
+namespace {
+
+TEST(Base64, EncodesTheStandardVectors) {
+    const std::pair<const char*, const char*> vectors[] = {{"", ""},         {"f", "Zg=="},     {"fo", "Zm8="},
+                                                           {"foo", "Zm9v"},  {"foob", "Zm9vYg=="}, {"fooba", "Zm9vYmE="},
+                                                           {"foobar", "Zm9vYmFy"}};
+    for (const auto& [plain, encoded] : vectors) {
+        EXPECT_EQ(base64Encode(std::string_view(plain)), encoded);
+        const auto decoded = base64Decode(encoded);
+        ASSERT_TRUE(decoded) << encoded;
+        EXPECT_EQ(toString(*decoded), plain);
+    }
+    // Characters from the top of the alphabet and every byte value survive a round trip.
+    EXPECT_EQ(base64Encode(Bytes{0xFB, 0xFF, 0xBF}), "+/+/");
+    Bytes all(256);
+    for (int i = 0; i < 256; ++i) all[i] = static_cast<std::uint8_t>(i);
+    for (std::size_t n : {0u, 1u, 2u, 3u, 255u, 256u}) {
+        const Bytes part(all.begin(), all.begin() + static_cast<std::ptrdiff_t>(n));
+        const auto text = base64Encode(part);
+        EXPECT_EQ(text.size(), (n + 2) / 3 * 4);
+        EXPECT_EQ(base64Decode(text), part) << n;
+    }
+}
+
+TEST(Base64, RejectsMalformedText) {
+    for (const char* bad : {"Zg", "Zg=", "Zm9", "Z===", "====", "Zg==Zg==", "Zm=v", "Zm9v=", "Zm9v====",
+                            "Zh==",   // padding hides set bits
+                            "Zm9=",   // likewise, one pad character
+                            "Zm9v\n", " Zm9v", "Zm-_", "Zm9*", "Zm9v\xC3\xA9"}) {
+        EXPECT_FALSE(base64Decode(bad).has_value()) << ::testing::PrintToString(std::string(bad));
+    }
+    EXPECT_FALSE(base64Decode(std::string_view("Zm\0v", 4)).has_value());
+    EXPECT_EQ(base64Decode(""), Bytes{});
+}
+
+TEST(ParseJson, GivesNothingForMalformedText) {
+    for (const char* bad : {"", " ", "{", "[1,]", "{\"a\":1,}", "{'a':1}", "nul", "1 2", "\"\\x\"", "\"\xff\"",
+                            "NaN", "[1] x", "{\"a\"}", "01", "1e999", "\"\\ud800\""}) {
+        EXPECT_FALSE(parseJson(bad).has_value()) << ::testing::PrintToString(std::string(bad));
+    }
+    EXPECT_FALSE(parseJson(std::string_view("[1]\0", 4)).has_value());
+}
+
+TEST(ParseJson, KeepsMemberOrderAndNumberKinds) {
+    const auto doc = parseJson(R"( {"z":1,"a":-2,"m":1.5,"b":18446744073709551615,"t":true,"n":null} )");
+    ASSERT_TRUE(doc);
+    std::vector<std::string> keys;
+    for (auto it = doc->begin(); it != doc->end(); ++it) keys.push_back(it.key());
+    EXPECT_EQ(keys, (std::vector<std::string>{"z", "a", "m", "b", "t", "n"}));
+    EXPECT_TRUE((*doc)["a"].is_number_integer());
+    EXPECT_TRUE((*doc)["m"].is_number_float());
+    EXPECT_TRUE((*doc)["b"].is_number_unsigned());
+}
+
+TEST(ParseJson, LimitsNestingDepth) {
+    auto nested = [](int depth, char open, char close, const std::string& inner) {
+        return std::string(depth, open) + inner + std::string(depth, close);
+    };
+    EXPECT_TRUE(parseJson(nested(512, '[', ']', "")).has_value());
+    EXPECT_FALSE(parseJson(nested(513, '[', ']', "")).has_value());
+    EXPECT_FALSE(parseJson(std::string(1'000'000, '[')).has_value());
+    std::string objects;
+    for (int i = 0; i < 513; ++i) objects += "{\"k\":";
+    objects += "1" + std::string(513, '}');
+    EXPECT_FALSE(parseJson(objects).has_value());
+    // Brackets in strings, escaped quotes included, are text.
+    EXPECT_TRUE(parseJson("[\"" + std::string(600, '[') + "\\\"" + std::string(600, '{') + "\"]").has_value());
+}
+
+TEST(DumpJson, IsCompactUnsortedAndNeverThrows) {
+    Json doc = Json::object();
+    doc["b"] = 1;
+    doc["a"] = Json::array({1.5, "x", nullptr, false});
+    EXPECT_EQ(dumpJson(doc), R"({"b":1,"a":[1.5,"x",null,false]})");
+    EXPECT_EQ(dumpJson(Json("caf\xC3\xA9")), "\"caf\xC3\xA9\"");
+    // Invalid UTF-8 is replaced rather than thrown.
+    std::string dumped;
+    EXPECT_NO_THROW(dumped = dumpJson(Json("a\xFF")));
+    EXPECT_EQ(dumped, "\"a\xEF\xBF\xBD\"");
+    EXPECT_EQ(dumpJson(Json(1.0)), "1.0");
+}
+
+}  // namespace
+}  // namespace tavrin::platform
