@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
 # Installs dependencies, builds and runs the whole suite, then builds and runs it
 # again under AddressSanitizer + UndefinedBehaviorSanitizer.
-# Set TAVRIN_TSAN=1 to also run the ThreadSanitizer suite.
+# In between, the threaded platform pieces (queues, HTTP client, path monitor)
+# run under ThreadSanitizer. TAVRIN_TSAN=full runs the whole suite under it instead.
 set -uo pipefail
 cd "$(dirname "$0")/.."
 
@@ -10,25 +11,36 @@ status=0
 
 bash scripts/bootstrap || exit 1
 
+# run_suite DIR [TARGETS] [LABEL] -- CMAKE_ARGS...
 run_suite() {
-  local dir=$1; shift
+  local dir=$1 targets=$2 label=$3; shift 4
   echo "=== configure $dir ($*)"
   cmake -S . -B "$dir" -DCMAKE_BUILD_TYPE=RelWithDebInfo "$@" >"$dir.configure.log" 2>&1 \
     || { cat "$dir.configure.log"; return 1; }
   echo "=== build $dir"
-  cmake --build "$dir" -j "$jobs" 2>&1 | tail -n 40
+  local target_args=()
+  for t in $targets; do target_args+=(--target "$t"); done
+  cmake --build "$dir" -j "$jobs" "${target_args[@]}" 2>&1 | tail -n 40
   [ "${PIPESTATUS[0]}" -eq 0 ] || return 1
   echo "=== test $dir"
-  (cd "$dir" && ctest --output-on-failure -j "$jobs" --timeout 300)
+  local label_args=()
+  [ -n "$label" ] && label_args=(-L "$label")
+  (cd "$dir" && ctest --output-on-failure -j "$jobs" --timeout 300 "${label_args[@]}")
 }
 
 mkdir -p build
-run_suite build/release || status=1
-ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 \
-  run_suite build/asan -DTAVRIN_SANITIZE=address || status=1
-if [ "${TAVRIN_TSAN:-0}" = "1" ]; then
-  TSAN_OPTIONS=halt_on_error=1 run_suite build/tsan -DTAVRIN_SANITIZE=thread || status=1
+run_suite build/release "" "" -- || status=1
+
+export TSAN_OPTIONS="halt_on_error=1 second_deadlock_stack=1 suppressions=$PWD/tests/tsan.supp"
+if [ "${TAVRIN_TSAN:-}" = "full" ]; then
+  run_suite build/tsan "" "" -- -DTAVRIN_SANITIZE=thread || status=1
+else
+  run_suite build/tsan "platform_dispatch_test platform_http_client_test platform_path_monitor_test" threads -- \
+    -DTAVRIN_SANITIZE=thread || status=1
 fi
+
+ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 \
+  run_suite build/asan "" "" -- -DTAVRIN_SANITIZE=address || status=1
 
 if [ $status -ne 0 ]; then echo "test.sh: FAILED"; else echo "test.sh: all suites passed"; fi
 exit $status
