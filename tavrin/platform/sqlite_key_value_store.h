@@ -1,0 +1,75 @@
+#pragma once
+// The default key-value store: one SQLite database file, one row per key with
+// its value's type kept beside it. Every write is its own transaction in WAL
+// mode with synchronous=FULL, so a write that returned true survives a crash.
+// One connection serves all threads behind a mutex.
+//
+// Opening never fails the caller: a file that is not a database (or is
+// corrupt) is renamed aside and a fresh store is created; a location that
+// cannot be opened at all gives an in-memory store for this run. Both are
+// logged at error level.
+
+#include <filesystem>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+
+#include "tavrin/platform/key_value_store.h"
+
+struct sqlite3;
+struct sqlite3_stmt;
+
+namespace tavrin::platform {
+
+class SqliteKeyValueStore final : public KeyValueStore {
+public:
+    // File name of the standard store inside the data directory.
+    static constexpr const char* kFileName = "tavrin.sqlite";
+
+    struct Options {
+        // Opens the file read-only: reads work, every write fails (and logs).
+        bool readOnly = false;
+        // Milliseconds a statement waits for another process's lock.
+        int busyTimeoutMilliseconds = 5000;
+    };
+
+    // Opens (creating when missing, with its directory) the database at `file`.
+    explicit SqliteKeyValueStore(std::filesystem::path file);
+    SqliteKeyValueStore(std::filesystem::path file, Options options);
+    ~SqliteKeyValueStore() override;
+    SqliteKeyValueStore(const SqliteKeyValueStore&) = delete;
+    SqliteKeyValueStore& operator=(const SqliteKeyValueStore&) = delete;
+
+    bool set(const std::string& key, const Value& value) override;
+    std::optional<Value> value(const std::string& key) const override;
+    bool remove(const std::string& key) override;
+    bool synchronize() override;
+
+    // The database file asked for.
+    const std::filesystem::path& path() const noexcept { return path_; }
+    // False when the file could not be used and values live in memory only.
+    bool isPersistent() const;
+    // Where a bad file found at open was moved; empty when none was.
+    std::optional<std::filesystem::path> movedAsidePath() const;
+
+private:
+    struct Statements;
+
+    void open();
+    bool openAt(const std::string& location, bool inMemory, int& failureCode, std::string& failure);
+    void close();
+    std::optional<std::filesystem::path> moveAside();
+    bool execute(const char* sql, int& failureCode, std::string& failure);
+    void logFailure(const char* operation, const std::string& key, int code) const;
+
+    std::filesystem::path path_;
+    Options options_;
+    mutable std::mutex mutex_;
+    sqlite3* db_ = nullptr;
+    std::unique_ptr<Statements> statements_;
+    bool inMemory_ = false;
+    std::optional<std::filesystem::path> movedAside_;
+};
+
+}  // namespace tavrin::platform
