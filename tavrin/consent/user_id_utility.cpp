@@ -1,0 +1,53 @@
+#include "tavrin/consent/user_id_utility.h"
+
+#include <cmath>
+
+#include "tavrin/consent/user_defaults_utility.h"
+#include "tavrin/platform/clock.h"
+#include "tavrin/platform/secure_random.h"
+#include "tavrin/sdk/fatal_error.h"
+#include "tavrin/sdk/logger_utility.h"
+
+namespace tavrin {
+
+namespace {
+constexpr std::int64_t kRandomPartMax = 100000;
+
+std::int64_t currentMilliseconds() {
+    const double millis = std::trunc(platform::Clock::now() * 1000.0);
+    // 2^63 is exactly representable; anything at or beyond it does not fit.
+    constexpr double kLimit = 9223372036854775808.0;
+    if (!std::isfinite(millis) || millis >= kLimit || millis < -kLimit)
+        detail::fatalError("Double value cannot be converted to Int64 because it is either infinite, NaN or outside "
+                           "the representable range");
+    return static_cast<std::int64_t>(millis);
+}
+}  // namespace
+
+void UserIDUtility::storeUserID(const std::string& id) const {
+    UserDefaultsUtility::setString(id, userIDKey);
+    LoggerUtility::shared().info([&] { return "User ID successfully stored in UserDefaults with key: " + userIDKey + "."; });
+}
+
+std::optional<std::string> UserIDUtility::retrieveUserID() const {
+    auto id = UserDefaultsUtility::string(userIDKey);
+    if (id)
+        LoggerUtility::shared().info(
+            [&] { return "User ID successfully retrieved from UserDefaults with key: " + userIDKey + "."; });
+    else
+        LoggerUtility::shared().warning([&] { return "No User ID found in UserDefaults with key " + userIDKey + "."; });
+    return id;
+}
+
+std::string UserIDUtility::generateUserID() {
+    return generateUserID([](std::int64_t low, std::int64_t high) { return platform::SecureRandom::uniform(low, high); });
+}
+
+std::string UserIDUtility::generateUserID(const UniformDraw& draw) {
+    const std::int64_t millis = currentMilliseconds();
+    const std::int64_t first = draw(0, kRandomPartMax);
+    const std::int64_t second = draw(0, kRandomPartMax);
+    return std::to_string(first) + std::to_string(millis) + std::to_string(second);
+}
+
+}  // namespace tavrin
