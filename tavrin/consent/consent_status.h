@@ -7,6 +7,7 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <variant>
 
 #include "tavrin/tracking/coding.h"
@@ -36,10 +37,8 @@ public:
     // Case order is also the case tag.
     enum class Kind { boolean = 0, string = 1 };
 
-    static VendorValue boolean(bool value) { return VendorValue(Storage(std::in_place_index<0>, value)); }
-    static VendorValue string(std::string value) {
-        return VendorValue(Storage(std::in_place_index<1>, std::move(value)));
-    }
+    static VendorValue boolean(bool value) { return VendorValue(std::in_place_index<0>, value); }
+    static VendorValue string(std::string value) { return VendorValue(std::in_place_index<1>, std::move(value)); }
 
     Kind kind() const noexcept { return static_cast<Kind>(storage_.index()); }
     // Accessors throw std::bad_variant_access when the case differs.
@@ -57,7 +56,9 @@ public:
 
 private:
     using Storage = std::variant<bool, std::string>;
-    explicit VendorValue(Storage storage) : storage_(std::move(storage)) {}
+    // Built in place: no temporary variant to copy from.
+    template <std::size_t I, class V>
+    VendorValue(std::in_place_index_t<I> tag, V&& value) : storage_(tag, std::forward<V>(value)) {}
 
     Storage storage_;
 };
