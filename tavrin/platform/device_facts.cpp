@@ -3,10 +3,12 @@
 #include <sys/utsname.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstdlib>
+#include <cstring>
 #include <fstream>
+#include <iterator>
 #include <mutex>
-#include <sstream>
 
 namespace tavrin::platform {
 
@@ -23,55 +25,101 @@ HostFacts& host() {
     return h;
 }
 
-std::string trim(std::string s) {
+std::string trim(std::string_view s) {
     const auto first = s.find_first_not_of(" \t\r\n");
-    if (first == std::string::npos) return {};
+    if (first == std::string_view::npos) return {};
     const auto last = s.find_last_not_of(" \t\r\n");
-    return s.substr(first, last - first + 1);
+    return std::string(s.substr(first, last - first + 1));
 }
 
-std::optional<std::string> readFirstLine(const char* path) {
-    std::ifstream in(path);
+std::optional<std::string> nonEmpty(std::string s) {
+    if (s.empty()) return std::nullopt;
+    return s;
+}
+
+// The first line of a short text file: DMI files end in a newline, device-tree
+// strings in a NUL.
+std::optional<std::string> readFirstLine(const std::filesystem::path& path) {
+    std::ifstream in(path, std::ios::binary);
     if (!in) return std::nullopt;
-    std::string line;
-    std::getline(in, line, '\0');  // device-tree strings end in NUL, DMI files in a newline
-    line = trim(line.substr(0, line.find('\n')));
-    if (line.empty()) return std::nullopt;
-    return line;
+    std::string content{std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
+    content = content.substr(0, content.find_first_of(std::string_view("\0\n", 2)));
+    return nonEmpty(trim(content));
 }
 
-// Value of KEY=value in os-release, quotes removed.
-std::optional<std::string> osReleaseValue(std::string_view key) {
-    for (const char* path : {"/etc/os-release", "/usr/lib/os-release"}) {
-        std::ifstream in(path);
-        if (!in) continue;
-        std::string line;
-        while (std::getline(in, line)) {
-            if (line.size() <= key.size() || line.compare(0, key.size(), key) != 0 || line[key.size()] != '=')
-                continue;
-            std::string value = trim(line.substr(key.size() + 1));
-            if (value.size() >= 2 && (value.front() == '"' || value.front() == '\'') && value.back() == value.front())
-                value = value.substr(1, value.size() - 2);
-            if (value.empty()) return std::nullopt;
-            return value;
+// Removes shell quoting as os-release allows it: double quotes with backslash
+// escapes, single quotes, backslash outside quotes. Absent when a quote is
+// not closed.
+std::optional<std::string> unquoteShellValue(std::string_view v) {
+    std::string out;
+    std::size_t i = 0;
+    while (i < v.size()) {
+        const char c = v[i];
+        if (c == '"') {
+            ++i;
+            while (i < v.size() && v[i] != '"') {
+                if (v[i] == '\\' && i + 1 < v.size() && std::strchr("\"\\$`", v[i + 1])) ++i;
+                out += v[i++];
+            }
+            if (i >= v.size()) return std::nullopt;
+            ++i;
+        } else if (c == '\'') {
+            const auto end = v.find('\'', i + 1);
+            if (end == std::string_view::npos) return std::nullopt;
+            out.append(v.substr(i + 1, end - i - 1));
+            i = end + 1;
+        } else if (c == '\\') {
+            if (i + 1 < v.size()) out += v[i + 1];
+            i += 2;
+        } else if (c == ' ' || c == '\t') {
+            break;  // unquoted blank ends the assignment
+        } else {
+            out += c;
+            ++i;
         }
-        return std::nullopt;
     }
-    return std::nullopt;
+    return out;
 }
 
-std::optional<std::string> executableName() {
-    char buffer[4096];
-    const ssize_t n = readlink("/proc/self/exe", buffer, sizeof buffer - 1);
-    if (n <= 0) return std::nullopt;
-    std::string path(buffer, static_cast<std::size_t>(n));
-    const auto slash = path.rfind('/');
-    std::string name = slash == std::string::npos ? path : path.substr(slash + 1);
-    if (name.empty()) return std::nullopt;
-    return name;
-}
+bool isAsciiAlpha(char c) { return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z'); }
+bool isAsciiDigit(char c) { return c >= '0' && c <= '9'; }
 
 }  // namespace
+
+namespace detail {
+
+std::optional<std::string> readModel(const std::filesystem::path& root) {
+    if (auto m = readFirstLine(root / "sys/class/dmi/id/product_name")) return m;
+    return readFirstLine(root / "proc/device-tree/model");
+}
+
+std::optional<std::string> readOsReleaseValue(const std::filesystem::path& root, std::string_view key) {
+    std::ifstream in(root / "etc/os-release");
+    if (!in) in.open(root / "usr/lib/os-release");
+    if (!in) return std::nullopt;
+    std::optional<std::string> value;
+    std::string line;
+    while (std::getline(in, line)) {
+        const std::string text = trim(line);
+        if (text.empty() || text.front() == '#') continue;
+        if (text.size() <= key.size() || text.compare(0, key.size(), key) != 0 || text[key.size()] != '=') continue;
+        // As in the shell that may source the file, a later assignment wins.
+        value = unquoteShellValue(std::string_view(text).substr(key.size() + 1));
+    }
+    if (!value || value->empty()) return std::nullopt;
+    return value;
+}
+
+std::string readSystemName(const std::filesystem::path& root) {
+    // "Linux" is the documented default of an os-release without NAME.
+    return readOsReleaseValue(root, "NAME").value_or("Linux");
+}
+
+std::optional<std::string> readSystemVersion(const std::filesystem::path& root) {
+    return readOsReleaseValue(root, "VERSION_ID");
+}
+
+}  // namespace detail
 
 void DeviceFacts::setApplicationInfo(ApplicationInfo info) {
     std::lock_guard lock(host().mutex);
@@ -111,14 +159,11 @@ std::optional<ScreenBounds> DeviceFacts::screenBounds() {
     return host().screen;
 }
 
-std::optional<std::string> DeviceFacts::model() {
-    if (auto m = readFirstLine("/sys/class/dmi/id/product_name")) return m;
-    return readFirstLine("/proc/device-tree/model");
-}
+std::optional<std::string> DeviceFacts::model() { return detail::readModel("/"); }
 
-std::optional<std::string> DeviceFacts::systemName() { return osReleaseValue("NAME"); }
+std::string DeviceFacts::systemName() { return detail::readSystemName("/"); }
 
-std::optional<std::string> DeviceFacts::systemVersion() { return osReleaseValue("VERSION_ID"); }
+std::optional<std::string> DeviceFacts::systemVersion() { return detail::readSystemVersion("/"); }
 
 std::optional<std::string> DeviceFacts::machine() {
     struct utsname u {};
@@ -126,17 +171,42 @@ std::optional<std::string> DeviceFacts::machine() {
     return std::string(u.machine);
 }
 
+std::optional<std::string> DeviceFacts::executableName() {
+    char buffer[4096];
+    const ssize_t n = readlink("/proc/self/exe", buffer, sizeof buffer);
+    if (n > 0 && static_cast<std::size_t>(n) < sizeof buffer) {
+        std::string path(buffer, static_cast<std::size_t>(n));
+        // The link of a program replaced on disk while running.
+        constexpr std::string_view deleted = " (deleted)";
+        if (path.ends_with(deleted)) path.resize(path.size() - deleted.size());
+        if (auto name = nonEmpty(std::filesystem::path(path).filename().string())) return name;
+    }
+    // No /proc: the name the program was started under.
+    return nonEmpty(program_invocation_short_name ? program_invocation_short_name : "");
+}
+
 LocaleCodes DeviceFacts::parseLocale(std::string_view name) {
     LocaleCodes codes;
-    // language[_territory][.codeset][@modifier]
-    const auto cut = name.find_first_of(".@");
-    std::string_view base = name.substr(0, cut);
-    if (base.empty() || base == "C" || base == "POSIX") return codes;
-    const auto underscore = base.find('_');
-    std::string_view language = base.substr(0, underscore);
-    if (!language.empty()) codes.languageCode = std::string(language);
-    if (underscore != std::string_view::npos && underscore + 1 < base.size())
-        codes.regionCode = std::string(base.substr(underscore + 1));
+    const std::string_view base = name.substr(0, name.find_first_of(".@"));
+    if (base == "C" || base == "POSIX") return codes;
+    const auto separator = base.find('_');
+    const std::string_view language = base.substr(0, separator);
+    if (language.size() < 2 || language.size() > 3) return codes;
+    std::string lang;
+    for (char c : language) {
+        if (!isAsciiAlpha(c)) return codes;
+        lang += static_cast<char>(c | 0x20);
+    }
+    codes.languageCode = std::move(lang);
+    if (separator == std::string_view::npos) return codes;
+    const std::string_view region = base.substr(separator + 1);
+    if (region.size() == 2 && isAsciiAlpha(region[0]) && isAsciiAlpha(region[1])) {
+        std::string r;
+        for (char c : region) r += static_cast<char>(c & ~0x20);
+        codes.regionCode = std::move(r);
+    } else if (region.size() == 3 && isAsciiDigit(region[0]) && isAsciiDigit(region[1]) && isAsciiDigit(region[2])) {
+        codes.regionCode = std::string(region);
+    }
     return codes;
 }
 

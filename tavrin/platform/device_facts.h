@@ -4,6 +4,7 @@
 // system. A fact that cannot be found is absent, so callers apply their own
 // fallbacks.
 
+#include <filesystem>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -29,6 +30,8 @@ struct ScreenBounds {
 struct LocaleCodes {
     std::optional<std::string> languageCode;  // "de" of "de_AT.UTF-8"
     std::optional<std::string> regionCode;    // "AT" of "de_AT.UTF-8"
+
+    friend bool operator==(const LocaleCodes&, const LocaleCodes&) = default;
 };
 
 class DeviceFacts {
@@ -37,24 +40,40 @@ public:
     static void setApplicationInfo(ApplicationInfo info);
     static ApplicationInfo applicationInfo();
     static std::optional<std::string> bundleIdentifier();
-    // Text value of an information-dictionary key; bundle name falls back to
-    // the executable's name.
+    // Text value of an information-dictionary key; "CFBundleName" falls back
+    // to the executable's name.
     static std::optional<std::string> infoDictionaryString(std::string_view key);
     static void setScreenBounds(std::optional<ScreenBounds> bounds);
     static std::optional<ScreenBounds> screenBounds();
 
     // System facts (read from the system each call; callers cache what cannot change).
-    static std::optional<std::string> model();          // DMI product name or device-tree model
-    static std::optional<std::string> systemName();     // os-release NAME
+    static std::optional<std::string> model();          // DMI product name, else device-tree model
+    static std::string systemName();                    // os-release NAME; "Linux" when not given
     static std::optional<std::string> systemVersion();  // os-release VERSION_ID
-    static std::optional<std::string> machine();        // uname machine
-    // From LC_ALL, LC_MESSAGES, LANG (first one set); "C" and "POSIX" give neither code.
+    static std::optional<std::string> machine();        // uname machine, as the kernel gives it
+    static std::optional<std::string> executableName(); // file name of the running program
+    // From the first of LC_ALL, LC_MESSAGES, LANG that is set and not empty.
     static LocaleCodes currentLocale();
-    // Parses a POSIX locale name such as "de_AT.UTF-8@euro".
+    // Parses a POSIX locale name, language[_territory][.codeset][@modifier]:
+    // "de_AT.UTF-8" gives de and AT, "en" gives en alone, "C" and "POSIX"
+    // (with any codeset) give neither. The language is two or three letters
+    // (lower-cased), the region two letters (upper-cased) or three digits;
+    // anything else is absent.
     static LocaleCodes parseLocale(std::string_view name);
 
     // Tests: forget host-supplied facts.
     static void reset();
 };
+
+namespace detail {
+// The file readers behind the system facts, against a root directory ("/"
+// on a running system; tests hand in a directory tree of their own).
+std::optional<std::string> readModel(const std::filesystem::path& root);
+// A value of the os-release file (/etc/os-release, or /usr/lib/os-release
+// when the former does not exist), shell quoting removed.
+std::optional<std::string> readOsReleaseValue(const std::filesystem::path& root, std::string_view key);
+std::string readSystemName(const std::filesystem::path& root);
+std::optional<std::string> readSystemVersion(const std::filesystem::path& root);
+}  // namespace detail
 
 }  // namespace tavrin::platform

@@ -13,28 +13,34 @@ NotificationCenter& NotificationCenter::defaultCenter() {
 NotificationCenter::Token NotificationCenter::addObserver(const std::string& name, Handler handler) {
     std::lock_guard lock(mutex_);
     const Token token = next_++;
-    entries_.push_back({token, name, std::make_shared<Handler>(std::move(handler))});
+    entries_.push_back({token, name, std::make_shared<Observer>(std::move(handler))});
     return token;
 }
 
 void NotificationCenter::removeObserver(Token token) {
     std::lock_guard lock(mutex_);
-    std::erase_if(entries_, [token](const Entry& e) { return e.token == token; });
+    std::erase_if(entries_, [token](const Entry& e) {
+        if (e.token != token) return false;
+        e.observer->removed.store(true);
+        return true;
+    });
 }
 
 void NotificationCenter::post(const std::string& name) {
-    // Copy the matching handlers so they run without the lock held.
-    std::vector<std::shared_ptr<Handler>> handlers;
+    // Handlers run without the lock held so they can add and remove observers.
+    std::vector<std::shared_ptr<Observer>> observers;
     {
         std::lock_guard lock(mutex_);
         for (const auto& e : entries_)
-            if (e.name == name) handlers.push_back(e.handler);
+            if (e.name == name) observers.push_back(e.observer);
     }
-    for (const auto& h : handlers) (*h)(name);
+    for (const auto& o : observers)
+        if (!o->removed.load()) o->handler(name);
 }
 
 void NotificationCenter::removeAllObservers() {
     std::lock_guard lock(mutex_);
+    for (const auto& e : entries_) e.observer->removed.store(true);
     entries_.clear();
 }
 

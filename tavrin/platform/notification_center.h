@@ -2,6 +2,7 @@
 // In-process notification center: observers by name, delivery on the posting
 // thread. The host application posts the lifecycle notifications.
 
+#include <atomic>
 #include <cstdint>
 #include <functional>
 #include <memory>
@@ -23,20 +24,31 @@ public:
 
     static NotificationCenter& defaultCenter();
 
+    // Registers a handler for one name; the token removes it again.
     Token addObserver(const std::string& name, Handler handler);
+    // Unknown or already removed tokens are ignored. An observer removed while
+    // a post is under way is not called by it if its turn has not come yet; a
+    // call already running on another thread is not waited for.
     void removeObserver(Token token);
     // Calls every observer of the name, in registration order, on this thread.
-    // Observers may add or remove observers while being called.
+    // Observers may add or remove observers while being called; one added
+    // during a post first hears the next post. An exception from an observer
+    // reaches the poster and the remaining observers are skipped.
     void post(const std::string& name);
 
     // Tests: drop every observer.
     void removeAllObservers();
 
 private:
+    struct Observer {
+        explicit Observer(Handler h) : handler(std::move(h)) {}
+        Handler handler;
+        std::atomic<bool> removed{false};
+    };
     struct Entry {
         Token token;
         std::string name;
-        std::shared_ptr<Handler> handler;
+        std::shared_ptr<Observer> observer;
     };
     std::mutex mutex_;
     std::vector<Entry> entries_;

@@ -3,10 +3,12 @@
 #include <sqlite3.h>
 #include <sys/stat.h>
 
+#include <cctype>
 #include <cerrno>
 #include <cmath>
 #include <cstring>
 #include <ctime>
+#include <fstream>
 #include <system_error>
 
 #include "tavrin/platform/clock.h"
@@ -56,10 +58,22 @@ bool makeDirectories(const std::filesystem::path& directory, std::string& failur
         return false;
     }
     if (!std::filesystem::is_directory(directory, ec)) {
-        failure = directory.string() + " is not a directory";
+        failure = "cannot create directory " + directory.string() + ": a file of that name is in the way";
         return false;
     }
     return true;
+}
+
+// A file that has content but not the database header is someone else's:
+// SQLite is not let near it (it would reset a journal lying beside it).
+bool hasForeignHeader(const std::filesystem::path& file) {
+    static constexpr char kMagic[] = "SQLite format 3";  // with its NUL: 16 bytes
+    std::ifstream in(file, std::ios::binary);
+    if (!in) return false;
+    char header[sizeof kMagic] = {};
+    in.read(header, sizeof header);
+    const auto got = in.gcount();
+    return got > 0 && std::memcmp(header, kMagic, static_cast<std::size_t>(got)) != 0;
 }
 
 // "20240131T235959Z" of the current time.
@@ -70,6 +84,22 @@ std::string timestamp() {
     char text[32];
     std::strftime(text, sizeof text, "%Y%m%dT%H%M%SZ", &utc);
     return text;
+}
+
+// Percent-encodes what a URI path may not carry as is.
+std::string uriPath(const std::string& path) {
+    static constexpr char hex[] = "0123456789ABCDEF";
+    std::string out;
+    for (unsigned char c : path) {
+        if (std::isalnum(c) || std::strchr("/-._~", c)) {
+            out += static_cast<char>(c);
+        } else {
+            out += '%';
+            out += hex[c >> 4];
+            out += hex[c & 0xf];
+        }
+    }
+    return out;
 }
 
 std::filesystem::path withSuffix(const std::filesystem::path& file, const std::string& suffix) {
@@ -149,11 +179,25 @@ bool SqliteKeyValueStore::execute(const char* sql, int& failureCode, std::string
     return false;
 }
 
-bool SqliteKeyValueStore::openAt(const std::string& location, bool inMemory, int& failureCode,
-                                 std::string& failure) {
-    const bool readOnly = options_.readOnly && !inMemory;
+bool SqliteKeyValueStore::openAt(Access access, int& failureCode, std::string& failure) {
+    const bool inMemory = access == Access::memory;
+    const bool readOnly = access == Access::readOnly || access == Access::immutable;
+    std::string location = path_.string();
     int flags = SQLITE_OPEN_NOMUTEX;  // our own mutex serialises every use
-    flags |= readOnly ? SQLITE_OPEN_READONLY : (SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE);
+    if (inMemory) {
+        location = ":memory:";
+        flags |= SQLITE_OPEN_READWRITE;
+    } else if (readOnly) {
+        flags |= SQLITE_OPEN_READONLY;
+    } else {
+        flags |= SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE;
+    }
+    if (access == Access::immutable) {
+        // Without write access to the directory SQLite cannot create the WAL
+        // index, and only an immutable open reads the file at all.
+        location = "file:" + uriPath(location) + "?immutable=1";
+        flags |= SQLITE_OPEN_URI;
+    }
     const int rc = sqlite3_open_v2(location.c_str(), &db_, flags, nullptr);
     if (rc != SQLITE_OK) {
         failureCode = db_ ? sqlite3_extended_errcode(db_) : rc;
@@ -166,32 +210,10 @@ bool SqliteKeyValueStore::openAt(const std::string& location, bool inMemory, int
 
     // Reading the header and every page catches a file that is not a database
     // or is damaged now, rather than on some later write.
-    sqlite3_stmt* check = nullptr;
-    int checkRc = sqlite3_prepare_v2(db_, "PRAGMA quick_check", -1, &check, nullptr);
-    std::string verdict;
-    if (checkRc == SQLITE_OK) {
-        checkRc = sqlite3_step(check);
-        if (checkRc == SQLITE_ROW) {
-            const auto* text = sqlite3_column_text(check, 0);
-            verdict = text ? reinterpret_cast<const char*>(text) : "";
-            checkRc = SQLITE_OK;
-        }
-    }
-    if (checkRc != SQLITE_OK && checkRc != SQLITE_DONE) {
-        failureCode = sqlite3_extended_errcode(db_);
-        failure = describe(failureCode, sqlite3_errmsg(db_));
-        sqlite3_finalize(check);
+    if (!inMemory && !quickCheck(failureCode, failure)) {
         close();
         return false;
     }
-    sqlite3_finalize(check);
-    if (verdict != "ok") {
-        failureCode = SQLITE_CORRUPT;
-        failure = "integrity check failed: " + verdict;
-        close();
-        return false;
-    }
-
     if (!readOnly) {
         if (!execute("PRAGMA journal_mode = WAL", failureCode, failure) ||
             !execute("PRAGMA synchronous = FULL", failureCode, failure) ||
@@ -200,11 +222,9 @@ bool SqliteKeyValueStore::openAt(const std::string& location, bool inMemory, int
             return false;
         }
     }
-    if (options_.readOnly && inMemory) {
-        if (!execute("PRAGMA query_only = ON", failureCode, failure)) {
-            close();
-            return false;
-        }
+    if (options_.readOnly && inMemory && !execute("PRAGMA query_only = ON", failureCode, failure)) {
+        close();
+        return false;
     }
 
     statements_ = std::make_unique<Statements>();
@@ -218,6 +238,28 @@ bool SqliteKeyValueStore::openAt(const std::string& location, bool inMemory, int
         }
     }
     inMemory_ = inMemory;
+    return true;
+}
+
+bool SqliteKeyValueStore::quickCheck(int& failureCode, std::string& failure) {
+    sqlite3_stmt* check = nullptr;
+    int rc = sqlite3_prepare_v2(db_, "PRAGMA quick_check", -1, &check, nullptr);
+    std::string verdict;
+    if (rc == SQLITE_OK) rc = sqlite3_step(check);
+    if (rc == SQLITE_ROW) {
+        const auto* text = sqlite3_column_text(check, 0);
+        verdict = text ? reinterpret_cast<const char*>(text) : "";
+    } else {
+        failureCode = sqlite3_extended_errcode(db_);
+        failure = describe(failureCode, sqlite3_errmsg(db_));
+    }
+    sqlite3_finalize(check);
+    if (rc != SQLITE_ROW) return false;
+    if (verdict != "ok") {
+        failureCode = SQLITE_CORRUPT;
+        failure = "integrity check failed: " + verdict;
+        return false;
+    }
     return true;
 }
 
@@ -244,23 +286,51 @@ std::optional<std::filesystem::path> SqliteKeyValueStore::moveAside() {
 void SqliteKeyValueStore::open() {
     int code = SQLITE_OK;
     std::string failure;
-    bool usable = makeDirectories(path_.parent_path(), failure);
-    if (usable) {
-        usable = openAt(path_.string(), false, code, failure);
-        if (!usable && isNotADatabase(code) && !options_.readOnly) {
+    std::error_code ec;
+    if (!makeDirectories(path_.parent_path(), failure)) {
+        openInMemory(failure);
+        return;
+    }
+    if (!options_.readOnly) {
+        if (hasForeignHeader(path_)) {
+            code = SQLITE_NOTADB;
+            failure = "no database header";
+        } else if (openAt(Access::readWrite, code, failure)) {
+            if (sqlite3_db_readonly(db_, "main") == 1)
+                logError("the file " + path_.string() + " is write-protected; writes will fail");
+            return;
+        }
+        if (isNotADatabase(code)) {
             logError("the file " + path_.string() + " is not a usable database (" + failure + ")");
             if (auto target = moveAside()) {
                 movedAside_ = target;
                 logError("moved the unusable file to " + target->string() + " and started an empty store");
-                usable = openAt(path_.string(), false, code, failure);
+                if (openAt(Access::readWrite, code, failure)) return;
             }
         }
+        if (!std::filesystem::exists(path_, ec)) {
+            openInMemory(failure);
+            return;
+        }
+        // The values are there but cannot be written: keep reading them.
+        const std::string writeFailure = failure;
+        if (openAt(Access::readOnly, code, failure) || openAt(Access::immutable, code, failure)) {
+            logError("cannot open " + path_.string() + " for writing (" + writeFailure +
+                     "); it is opened read-only and writes will fail");
+            return;
+        }
+    } else if (openAt(Access::readOnly, code, failure) || openAt(Access::immutable, code, failure)) {
+        return;
     }
-    if (usable) return;
+    openInMemory(failure);
+}
 
-    logError("cannot open " + path_.string() + " (" + failure +
+void SqliteKeyValueStore::openInMemory(const std::string& reason) {
+    logError("cannot open " + path_.string() + " (" + reason +
              "); values are kept in memory for this run only and will not persist");
-    if (!openAt(":memory:", true, code, failure)) logError("cannot open an in-memory store: " + failure);
+    int code = SQLITE_OK;
+    std::string failure;
+    if (!openAt(Access::memory, code, failure)) logError("cannot open an in-memory store: " + failure);
 }
 
 void SqliteKeyValueStore::logFailure(const char* operation, const std::string& key, int code) const {
@@ -315,17 +385,22 @@ std::optional<KeyValueStore::Value> SqliteKeyValueStore::value(const std::string
     }
     const auto* typeText = reinterpret_cast<const char*>(sqlite3_column_text(s, 0));
     const std::string_view type = typeText ? typeText : "";
-    if (type == "integer") return Value(static_cast<std::int64_t>(sqlite3_column_int64(s, 1)));
-    if (type == "string") {
+    // Built in place: moving a finished variant into the optional trips a
+    // false maybe-uninitialized warning in GCC 12 sanitizer builds.
+    std::optional<Value> result;
+    if (type == "integer") {
+        result.emplace(std::in_place_type<std::int64_t>, sqlite3_column_int64(s, 1));
+    } else if (type == "string") {
         const auto* text = reinterpret_cast<const char*>(sqlite3_column_text(s, 1));
-        return Value(std::string(text ? text : "", static_cast<std::size_t>(sqlite3_column_bytes(s, 1))));
-    }
-    if (type == "data") {
+        result.emplace(std::in_place_type<std::string>, text ? text : "",
+                       static_cast<std::size_t>(sqlite3_column_bytes(s, 1)));
+    } else if (type == "data") {
         const auto* blob = static_cast<const std::uint8_t*>(sqlite3_column_blob(s, 1));
         const auto size = static_cast<std::size_t>(sqlite3_column_bytes(s, 1));
-        return Value(blob ? Bytes(blob, blob + size) : Bytes{});
+        result.emplace(std::in_place_type<Bytes>);
+        if (blob) std::get<Bytes>(*result).assign(blob, blob + size);
     }
-    return std::nullopt;
+    return result;
 }
 
 bool SqliteKeyValueStore::remove(const std::string& key) {

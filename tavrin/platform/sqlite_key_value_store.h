@@ -4,10 +4,13 @@
 // mode with synchronous=FULL, so a write that returned true survives a crash.
 // One connection serves all threads behind a mutex.
 //
-// Opening never fails the caller: a file that is not a database (or is
-// corrupt) is renamed aside and a fresh store is created; a location that
-// cannot be opened at all gives an in-memory store for this run. Both are
-// logged at error level.
+// Opening never fails the caller, and every fallback is logged at error level:
+// - a file that is not a database, or fails the quick integrity check, is
+//   renamed to "<file>.corrupt-<UTC time>" (with its -wal/-shm) and a fresh
+//   store is created in its place;
+// - a file that exists but cannot be written (read-only file system, no write
+//   access) is opened read-only: stored values stay readable, writes fail;
+// - a location that cannot be used at all gives an in-memory store for this run.
 
 #include <filesystem>
 #include <memory>
@@ -28,7 +31,8 @@ public:
     static constexpr const char* kFileName = "tavrin.sqlite";
 
     struct Options {
-        // Opens the file read-only: reads work, every write fails (and logs).
+        // Opens the file read-only and never repairs it: reads work, every
+        // write fails (and logs).
         bool readOnly = false;
         // Milliseconds a statement waits for another process's lock.
         int busyTimeoutMilliseconds = 5000;
@@ -55,9 +59,12 @@ public:
 
 private:
     struct Statements;
+    enum class Access { readWrite, readOnly, immutable, memory };
 
     void open();
-    bool openAt(const std::string& location, bool inMemory, int& failureCode, std::string& failure);
+    bool openAt(Access access, int& failureCode, std::string& failure);
+    void openInMemory(const std::string& reason);
+    bool quickCheck(int& failureCode, std::string& failure);
     void close();
     std::optional<std::filesystem::path> moveAside();
     bool execute(const char* sql, int& failureCode, std::string& failure);

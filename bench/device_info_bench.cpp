@@ -1,0 +1,38 @@
+// Cost of the device snapshot that every push carries.
+#include <benchmark/benchmark.h>
+
+#include "tavrin/monitor/device_info_utility.h"
+#include "tavrin/monitor/user_agent_utility.h"
+#include "tavrin/platform/uuid.h"
+
+namespace {
+
+void BM_CollectDeviceInfo(benchmark::State& state) {
+    tavrin::platform::DeviceFacts::setScreenBounds(tavrin::platform::ScreenBounds{390, 844});
+    tavrin::DeviceInfoUtility::reset();
+    benchmark::DoNotOptimize(tavrin::DeviceInfoUtility::collectDeviceInfo());  // reads the fixed facts once
+    for (auto _ : state) benchmark::DoNotOptimize(tavrin::DeviceInfoUtility::collectDeviceInfo());
+}
+BENCHMARK(BM_CollectDeviceInfo);
+
+// The floor under a collection: one random UUID.
+void BM_UuidMake(benchmark::State& state) {
+    for (auto _ : state) benchmark::DoNotOptimize(tavrin::platform::Uuid::make());
+}
+BENCHMARK(BM_UuidMake);
+
+// First collection of a process: system files, uname and bundle keys read.
+void BM_CollectDeviceInfoCold(benchmark::State& state) {
+    for (auto _ : state) {
+        tavrin::DeviceInfoUtility::reset();
+        benchmark::DoNotOptimize(tavrin::DeviceInfoUtility::collectDeviceInfo());
+    }
+}
+BENCHMARK(BM_CollectDeviceInfoCold);
+
+void BM_UserAgent(benchmark::State& state) {
+    for (auto _ : state) benchmark::DoNotOptimize(tavrin::UserAgentUtility::userAgent("TavrinSDK", "1.0", "18"));
+}
+BENCHMARK(BM_UserAgent);
+
+}  // namespace

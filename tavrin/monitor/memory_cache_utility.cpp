@@ -1,0 +1,55 @@
+#include "tavrin/monitor/memory_cache_utility.h"
+
+#include <algorithm>
+#include <unordered_set>
+
+namespace tavrin {
+
+MemoryCacheUtility::MemoryCacheUtility() : queue_("com.tavrin.cache") {}
+
+MemoryCacheUtility& MemoryCacheUtility::shared() {
+    static MemoryCacheUtility instance;
+    return instance;
+}
+
+void MemoryCacheUtility::resetShared() {
+    auto& cache = shared();
+    cache.clear();
+    cache.drain();
+}
+
+void MemoryCacheUtility::setAny(const std::string& key, std::any value) {
+    queue_.asyncBarrier([this, key, value = std::move(value)]() mutable { cache_.setObject(key, std::move(value)); });
+}
+
+std::any MemoryCacheUtility::getAny(const std::string& key) const {
+    return queue_.sync([&] { return cache_.object(key); });
+}
+
+void MemoryCacheUtility::remove(const std::string& key) {
+    queue_.asyncBarrier([this, key] { cache_.removeObject(key); });
+}
+
+void MemoryCacheUtility::appendPushPayload(PushPayload payload) {
+    queue_.asyncBarrier([this, payload = std::move(payload)]() mutable { pushPayloads_.push_back(std::move(payload)); });
+}
+
+std::vector<PushPayload> MemoryCacheUtility::getPushPayloads() const {
+    return queue_.sync([&] { return pushPayloads_; });
+}
+
+void MemoryCacheUtility::removePushPayloads(std::vector<std::string> ids) {
+    queue_.asyncBarrier([this, ids = std::move(ids)] {
+        const std::unordered_set<std::string> drop(ids.begin(), ids.end());
+        std::erase_if(pushPayloads_, [&](const PushPayload& p) { return drop.contains(p.id); });
+    });
+}
+
+void MemoryCacheUtility::clear() {
+    queue_.asyncBarrier([this] {
+        cache_.removeAllObjects();
+        pushPayloads_.clear();
+    });
+}
+
+}  // namespace tavrin

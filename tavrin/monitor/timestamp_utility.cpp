@@ -1,0 +1,12 @@
+#include "tavrin/monitor/timestamp_utility.h"
+
+#include "tavrin/monitor/int64_truncation.h"
+#include "tavrin/platform/clock.h"
+
+namespace tavrin {
+
+std::int64_t TimestampUtility::currentTimestampInMillis() {
+    return detail::truncateToInt64OrStop(platform::Clock::now() * 1000.0, "Timestamp in milliseconds");
+}
+
+}  // namespace tavrin

@@ -1,0 +1,166 @@
+#pragma once
+// The platform HTTP client: asynchronous requests whose results complete a
+// std::future. The default client drives libcurl on one background thread,
+// reuses connections and always verifies TLS peers and host names. Transport
+// failures (no connection, timeout, TLS, cancellation) are UrlError
+// exceptions; an HTTP status of any value is a response, not an error.
+
+#include <cstdint>
+#include <future>
+#include <memory>
+#include <optional>
+#include <stdexcept>
+#include <string>
+#include <string_view>
+#include <utility>
+#include <vector>
+
+#include "tavrin/platform/json.h"
+
+namespace tavrin::platform {
+
+// Header fields in the order they are sent or were received. Names compare
+// without regard to case; a name may occur more than once.
+using HttpHeaders = std::vector<std::pair<std::string, std::string>>;
+
+// The first value of the named header field, compared without regard to case.
+std::optional<std::string> headerValue(const HttpHeaders& headers, std::string_view name);
+
+struct HttpRequest {
+    std::string method = "GET";
+    std::string url;
+    HttpHeaders headers;
+    Bytes body;
+    // Whole-exchange limit (connecting, sending, waiting and reading).
+    // Zero or less means the default of 60 seconds.
+    double timeoutSeconds = 60;
+
+    // Replaces every field of that name (any case) by one field with this
+    // value, keeping the first one's position; appends it when absent.
+    void setHeader(std::string name, std::string value);
+};
+
+struct HttpResponse {
+    int statusCode = 0;
+    HttpHeaders headers;
+    Bytes body;
+
+    std::optional<std::string> header(std::string_view name) const { return headerValue(headers, name); }
+};
+
+// A request that did not produce an HTTP response.
+class UrlError : public std::runtime_error {
+public:
+    enum class Code {
+        badURL,
+        unsupportedURL,
+        cannotFindHost,
+        cannotConnectToHost,
+        timedOut,
+        secureConnectionFailed,
+        networkConnectionLost,
+        notConnectedToInternet,
+        badServerResponse,
+        cancelled,
+        unknown,
+    };
+
+    // reason: the transport's own short reason, shown in parentheses after
+    // the description; detail: its longer message, if any.
+    UrlError(Code code, std::string reason = {}, std::string detail = {});
+
+    Code code() const noexcept { return code_; }
+    // The transport's short reason ("Couldn't connect to server"), or empty.
+    const std::string& reason() const noexcept { return reason_; }
+    // The transport's specific message ("Failed to connect to 127.0.0.1 port
+    // 9 ..."), or empty.
+    const std::string& detail() const noexcept { return detail_; }
+
+    // The description of a code: "Could not connect to the server." ...
+    static const char* description(Code code) noexcept;
+    // The case name: "cannotConnectToHost" ...
+    static const char* name(Code code) noexcept;
+
+private:
+    Code code_;
+    std::string reason_;
+    std::string detail_;
+};
+
+// A URL as the transport understands it; only text with a scheme and a host
+// parses.
+struct Url {
+    std::string text;    // the text as given
+    std::string scheme;  // lower case
+    std::string host;    // without the brackets of an IPv6 literal
+    std::optional<int> port;  // only when the text names one
+    std::string path;    // "/" when the text has none
+    std::optional<std::string> query;
+
+    static std::optional<Url> parse(std::string_view text);
+};
+
+class HttpClient {
+public:
+    virtual ~HttpClient() = default;
+
+    // Starts the request. The future gives the response (any status) or throws
+    // UrlError (or std::invalid_argument for a header that cannot be sent).
+    // Interim 1xx answers are skipped, but a server that ends the exchange
+    // after one (closing, or sending no valid final status line) has that
+    // 1xx reported as its status, with its fields and no body.
+    virtual std::future<HttpResponse> send(HttpRequest request) = 0;
+
+    std::future<HttpResponse> post(std::string url, HttpHeaders headers, Bytes body, double timeoutSeconds = 60);
+    std::future<HttpResponse> get(std::string url, HttpHeaders headers = {}, double timeoutSeconds = 60);
+
+    // The process-wide client, a CurlHttpClient with default options created
+    // on first use.
+    static std::shared_ptr<HttpClient> shared();
+    // Installs the process-wide client (nullptr: create the default again on
+    // next use).
+    static void setShared(std::shared_ptr<HttpClient> client);
+};
+
+// libcurl multi handle driven by one thread; connections are kept and reused.
+class CurlHttpClient final : public HttpClient {
+public:
+    struct Options {
+        // PEM file of the certificate authorities to trust instead of the
+        // system store.
+        std::optional<std::string> caFile;
+        // Sent as User-Agent unless a request sets its own; none when absent.
+        std::optional<std::string> userAgent;
+        double connectTimeoutSeconds = 30;
+        // Connections kept open to one host at a time; further requests wait
+        // for a free one.
+        long maxConnectionsPerHost = 6;
+        bool followRedirects = true;
+        // Proxy URL; empty text means no proxy; absent means the environment's
+        // (http_proxy, https_proxy, no_proxy).
+        std::optional<std::string> proxy;
+    };
+
+    CurlHttpClient();
+    explicit CurlHttpClient(Options options);
+    // Shuts down (see shutdown()).
+    ~CurlHttpClient() override;
+    CurlHttpClient(const CurlHttpClient&) = delete;
+    CurlHttpClient& operator=(const CurlHttpClient&) = delete;
+
+    std::future<HttpResponse> send(HttpRequest request) override;
+
+    // Fails every waiting and running request with UrlError cancelled and
+    // joins the client's thread. Later requests fail at once with cancelled.
+    // Idempotent. Must not be called from the client's own thread.
+    void shutdown();
+
+    const Options& options() const noexcept { return options_; }
+
+private:
+    struct Impl;
+    Options options_;
+    std::unique_ptr<Impl> impl_;
+};
+
+}  // namespace tavrin::platform
