@@ -1,27 +1,14 @@
 #include "tavrin/consent/user_id_utility.h"
 
-#include <cmath>
-
 #include "tavrin/consent/user_defaults_utility.h"
-#include "tavrin/platform/clock.h"
+#include "tavrin/monitor/timestamp_utility.h"
 #include "tavrin/platform/secure_random.h"
-#include "tavrin/sdk/fatal_error.h"
 #include "tavrin/sdk/logger_utility.h"
 
 namespace tavrin {
 
 namespace {
 constexpr std::int64_t kRandomPartMax = 100000;
-
-std::int64_t currentMilliseconds() {
-    const double millis = std::trunc(platform::Clock::now() * 1000.0);
-    // 2^63 is exactly representable; anything at or beyond it does not fit.
-    constexpr double kLimit = 9223372036854775808.0;
-    if (!std::isfinite(millis) || millis >= kLimit || millis < -kLimit)
-        detail::fatalError("Double value cannot be converted to Int64 because it is either infinite, NaN or outside "
-                           "the representable range");
-    return static_cast<std::int64_t>(millis);
-}
 }  // namespace
 
 void UserIDUtility::storeUserID(const std::string& id) const {
@@ -44,7 +31,7 @@ std::string UserIDUtility::generateUserID() {
 }
 
 std::string UserIDUtility::generateUserID(const UniformDraw& draw) {
-    const std::int64_t millis = currentMilliseconds();
+    const std::int64_t millis = TimestampUtility::currentTimestampInMillis();
     const std::int64_t first = draw(0, kRandomPartMax);
     const std::int64_t second = draw(0, kRandomPartMax);
     return std::to_string(first) + std::to_string(millis) + std::to_string(second);

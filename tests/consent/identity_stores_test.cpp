@@ -134,7 +134,7 @@ TEST_F(UserIDGenerator, UnrepresentableClockIsFatal) {
                 platform::Clock::setFixed(now);
                 UserIDUtility::generateUserID();
             },
-            "Double value cannot be converted to Int64")
+            "Timestamp in milliseconds cannot be converted to a 64-bit integer")
             << now;
     }
 }
