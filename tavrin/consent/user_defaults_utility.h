@@ -1,0 +1,98 @@
+#pragma once
+// The one path to the application's key-value store for identifiers,
+// consents and settings, with a process-wide read cache in front of it.
+//
+// Writes go through to the store and are flushed at once; the first read of a
+// key fills the cache, and later reads of it never touch the store again, so
+// a value changed behind the SDK's back is not seen once its key is cached.
+
+#include <any>
+#include <cstdint>
+#include <exception>
+#include <optional>
+#include <string>
+#include <type_traits>
+
+#include "tavrin/platform/json.h"
+#include "tavrin/platform/object_cache.h"
+#include "tavrin/tracking/coding.h"
+
+namespace tavrin {
+
+class UserDefaultsUtility {
+public:
+    UserDefaultsUtility() = delete;
+
+    // Writes, flushes, then caches the value.
+    static void setString(const std::string& value, const std::string& key);
+    static void setInt(std::int64_t value, const std::string& key);
+
+    // A cached text as is; otherwise the store's value when it is text. The
+    // result is cached; a miss removes the key's cache entry.
+    static std::optional<std::string> string(const std::string& key);
+
+    // Stores the value's JSON encoding as data under the key, flushes, and
+    // caches the value itself. A byte buffer encodes as a JSON string of its
+    // base64. An encoding failure is logged and nothing is written.
+    template <class T>
+    static void save(const T& value, const std::string& key) {
+        Bytes encoded;
+        try {
+            encoded = encodedBytes(encodeForStore(value));
+        } catch (const std::exception& error) {
+            logSaveFailure(key, error.what());
+            return;
+        }
+        writeEncoded(key, encoded, std::any(value));
+    }
+
+    // A cached byte buffer as is; otherwise the store's data decoded as the
+    // JSON string of a base64 buffer (what save writes for bytes), cached on
+    // success. Missing or undecodable data gives nothing, silently.
+    static std::optional<Bytes> loadData(const std::string& key);
+
+    // A cached T as is; otherwise the store's data decoded as a T, cached on
+    // success. Missing or undecodable data gives nothing, silently.
+    template <class T>
+    static std::optional<T> load(const std::string& key) {
+        if (auto cached = readCache().objectAs<T>(key)) return cached;
+        auto data = storedData(key);
+        if (!data) return std::nullopt;
+        try {
+            T value = decodeJson<T>(platform::toString(*data));
+            cache(key, std::any(value));
+            return value;
+        } catch (const DecodingError&) {
+            return std::nullopt;
+        }
+    }
+
+    // Removes the key from the store and the cache, then flushes.
+    static void remove(const std::string& key);
+
+    // Tests: forgets every cached value so the next reads go to the store.
+    static void resetCacheForTesting();
+
+    // Compact JSON text of an encoded value as bytes; text that is not valid
+    // UTF-8 cannot be written and throws EncodingError.
+    static Bytes encodedBytes(const Json& encoded);
+
+private:
+    template <class T>
+    static Json encodeForStore(const T& value) {
+        // Spelled out for bytes: the generic encodeJson takes a byte vector
+        // for an array of numbers, while the stored form is base64 text.
+        if constexpr (std::is_same_v<T, Bytes>)
+            return Json(platform::base64Encode(value));
+        else
+            return encodeJson(value);
+    }
+    static void logSaveFailure(const std::string& key, const std::string& description);
+    static void writeEncoded(const std::string& key, const Bytes& encoded, std::any value);
+    static std::optional<Bytes> storedData(const std::string& key);
+    static void cache(const std::string& key, std::any value) { readCache().setObject(key, std::move(value)); }
+    // Process-wide; each access is atomic.
+    static platform::ObjectCache& readCache();
+};
+
+}  // namespace tavrin

@@ -1,0 +1,40 @@
+#include "tavrin/consent/user_id_utility.h"
+
+#include "tavrin/consent/user_defaults_utility.h"
+#include "tavrin/monitor/timestamp_utility.h"
+#include "tavrin/platform/secure_random.h"
+#include "tavrin/sdk/logger_utility.h"
+
+namespace tavrin {
+
+namespace {
+constexpr std::int64_t kRandomPartMax = 100000;
+}  // namespace
+
+void UserIDUtility::storeUserID(const std::string& id) const {
+    UserDefaultsUtility::setString(id, userIDKey);
+    LoggerUtility::shared().info([&] { return "User ID successfully stored in UserDefaults with key: " + userIDKey + "."; });
+}
+
+std::optional<std::string> UserIDUtility::retrieveUserID() const {
+    auto id = UserDefaultsUtility::string(userIDKey);
+    if (id)
+        LoggerUtility::shared().info(
+            [&] { return "User ID successfully retrieved from UserDefaults with key: " + userIDKey + "."; });
+    else
+        LoggerUtility::shared().warning([&] { return "No User ID found in UserDefaults with key " + userIDKey + "."; });
+    return id;
+}
+
+std::string UserIDUtility::generateUserID() {
+    return generateUserID([](std::int64_t low, std::int64_t high) { return platform::SecureRandom::uniform(low, high); });
+}
+
+std::string UserIDUtility::generateUserID(const UniformDraw& draw) {
+    const std::int64_t millis = TimestampUtility::currentTimestampInMillis();
+    const std::int64_t first = draw(0, kRandomPartMax);
+    const std::int64_t second = draw(0, kRandomPartMax);
+    return std::to_string(first) + std::to_string(millis) + std::to_string(second);
+}
+
+}  // namespace tavrin

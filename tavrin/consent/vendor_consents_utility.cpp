@@ -1,0 +1,39 @@
+#include "tavrin/consent/vendor_consents_utility.h"
+
+#include "tavrin/consent/user_defaults_utility.h"
+#include "tavrin/sdk/logger_utility.h"
+
+namespace tavrin {
+
+void VendorConsentsUtility::storeVendorConsents(const VendorConsents& consents) const {
+    auto& logger = LoggerUtility::shared();
+    Bytes encoded;
+    try {
+        encoded = UserDefaultsUtility::encodedBytes(encodeJson(consents));
+    } catch (const std::exception& error) {
+        logger.error([&] { return std::string("Failed to store Vendor Consents. Encoding error: ") + error.what(); });
+        return;
+    }
+    UserDefaultsUtility::save(encoded, vendorConsentsKey);
+    logger.info([&] { return "Vendor consents successfully stored in UserDefaults with key: " + vendorConsentsKey + "."; });
+    // The strict encoding above only produces valid UTF-8, so the text is the bytes.
+    logger.debug([&] { return "Stored Vendor Consents (Raw JSON): " + platform::toString(encoded); });
+}
+
+std::optional<VendorValues> VendorConsentsUtility::retrieveVendorConsents() const {
+    auto& logger = LoggerUtility::shared();
+    if (auto data = UserDefaultsUtility::loadData(vendorConsentsKey)) {
+        try {
+            auto consents = decodeJson<VendorConsents>(platform::toString(*data));
+            logger.info([&] {
+                return "Vendor consents successfully retrieved from UserDefaults with key: " + vendorConsentsKey + ".";
+            });
+            return toVendorValues(consents);
+        } catch (const DecodingError&) {
+        }
+    }
+    logger.warning([&] { return "No vendor consents found in UserDefaults with key " + vendorConsentsKey + "."; });
+    return std::nullopt;
+}
+
+}  // namespace tavrin
