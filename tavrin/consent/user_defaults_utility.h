@@ -38,7 +38,7 @@ public:
     static void save(const T& value, const std::string& key) {
         Bytes encoded;
         try {
-            encoded = encodedBytes(encodeForStore(value));
+            encoded = encodedBytes(encodeJson(value));
         } catch (const std::exception& error) {
             logSaveFailure(key, error.what());
             return;
@@ -78,15 +78,6 @@ public:
     static Bytes encodedBytes(const Json& encoded);
 
 private:
-    template <class T>
-    static Json encodeForStore(const T& value) {
-        // Spelled out for bytes: the generic encodeJson takes a byte vector
-        // for an array of numbers, while the stored form is base64 text.
-        if constexpr (std::is_same_v<T, Bytes>)
-            return Json(platform::base64Encode(value));
-        else
-            return encodeJson(value);
-    }
     static void logSaveFailure(const std::string& key, const std::string& description);
     static void writeEncoded(const std::string& key, const Bytes& encoded, std::any value);
     static std::optional<Bytes> storedData(const std::string& key);

@@ -1,9 +1,8 @@
 #include "tavrin/monitor/int64_truncation.h"
 
-#include <cmath>
-#include <cstdio>
-#include <cstdlib>
 #include <string>
+
+#include "tavrin/sdk/fatal_error.h"
 
 namespace tavrin::detail {
 
@@ -13,11 +12,7 @@ std::int64_t truncateToInt64OrStop(double value, std::string_view what) {
     constexpr double lowest = -9223372036854775808.0;
     constexpr double limit = 9223372036854775808.0;
     if (!(value >= lowest && value < limit)) {
-        const std::string message = std::string(what) + " cannot be converted to a 64-bit integer: " +
-                                    std::to_string(value);
-        std::fprintf(stderr, "%s\n", message.c_str());
-        std::fflush(stderr);
-        std::abort();
+        fatalError(std::string(what) + " cannot be converted to a 64-bit integer: " + std::to_string(value));
     }
     return static_cast<std::int64_t>(value);
 }
