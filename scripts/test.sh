@@ -19,13 +19,14 @@ run_suite() {
     || { cat "$dir.configure.log"; return 1; }
   echo "=== build $dir"
   local target_args=()
-  for t in $targets; do target_args+=(--target "$t"); done
+  # shellcheck disable=SC2206 # the list is split on purpose
+  [ -n "$targets" ] && target_args=(--target $targets)
   cmake --build "$dir" -j "$jobs" "${target_args[@]}" 2>&1 | tail -n 40
   [ "${PIPESTATUS[0]}" -eq 0 ] || return 1
   echo "=== test $dir"
   local label_args=()
   [ -n "$label" ] && label_args=(-L "$label")
-  (cd "$dir" && ctest --output-on-failure -j "$jobs" --timeout 300 "${label_args[@]}")
+  (cd "$dir" && ctest --output-on-failure --no-tests=error -j "$jobs" --timeout 300 "${label_args[@]}")
 }
 
 mkdir -p build
