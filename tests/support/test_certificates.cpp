@@ -8,7 +8,6 @@
 #include <openssl/x509.h>
 #include <openssl/x509v3.h>
 
-#include <memory>
 #include <stdexcept>
 
 namespace tavrin::testing {
@@ -23,109 +22,94 @@ struct Deleter {
 };
 using KeyPtr = std::unique_ptr<EVP_PKEY, Deleter>;
 using CertPtr = std::unique_ptr<X509, Deleter>;
-using BioPtr = std::unique_ptr<BIO, Deleter>;
-using ExtensionPtr = std::unique_ptr<X509_EXTENSION, Deleter>;
 
 [[noreturn]] void fail(const std::string& what) {
-    const unsigned long code = ERR_get_error();
     char reason[256] = {};
-    if (code) ERR_error_string_n(code, reason, sizeof reason);
-    throw std::runtime_error("test certificate: " + what + (code ? std::string(": ") + reason : std::string()));
+    ERR_error_string_n(ERR_get_error(), reason, sizeof reason);
+    throw std::runtime_error("test certificate: " + what + ": " + reason);
+}
+
+void check(bool ok, const std::string& what) {
+    if (!ok) fail(what);
 }
 
 KeyPtr makeKey() {
     KeyPtr key(EVP_EC_gen("P-256"));
-    if (!key) fail("key generation");
+    check(key != nullptr, "key generation");
     return key;
 }
 
-void addExtension(X509* certificate, X509* issuer, int nid, const std::string& value) {
-    X509V3_CTX context;
-    X509V3_set_ctx_nodb(&context);
-    X509V3_set_ctx(&context, issuer, certificate, nullptr, nullptr, 0);
-    ExtensionPtr extension(X509V3_EXT_conf_nid(nullptr, &context, nid, value.c_str()));
-    if (!extension || X509_add_ext(certificate, extension.get(), -1) != 1) fail("extension " + value);
-}
-
-CertPtr makeCertificate(EVP_PKEY* subjectKey, const std::string& commonName, X509* issuer) {
+// An unsigned certificate for `subjectKey`, issued by `issuer` (itself when null),
+// valid from an hour ago (clock skew) for two days, with the given extensions.
+CertPtr makeCertificate(EVP_PKEY* subjectKey, const std::string& commonName, X509* issuer,
+                        std::initializer_list<std::pair<int, std::string>> extensions) {
     CertPtr certificate(X509_new());
-    if (!certificate) fail("X509_new");
-    X509_set_version(certificate.get(), 2);
+    X509* cert = certificate.get();
+    check(cert != nullptr, "X509_new");
+    X509_set_version(cert, 2);
     unsigned char serial[16];
-    if (RAND_bytes(serial, sizeof serial) != 1) fail("serial");
+    check(RAND_bytes(serial, sizeof serial) == 1, "serial");
     serial[0] &= 0x7f;  // positive
     BIGNUM* number = BN_bin2bn(serial, sizeof serial, nullptr);
-    if (!number || !BN_to_ASN1_INTEGER(number, X509_get_serialNumber(certificate.get()))) fail("serial");
+    check(number && BN_to_ASN1_INTEGER(number, X509_get_serialNumber(cert)), "serial");
     BN_free(number);
-    // Valid from an hour ago (tolerates clock skew) for two days.
-    X509_gmtime_adj(X509_getm_notBefore(certificate.get()), -3600);
-    X509_gmtime_adj(X509_getm_notAfter(certificate.get()), 2 * 24 * 3600);
-    X509_NAME* name = X509_get_subject_name(certificate.get());
-    X509_NAME_add_entry_by_txt(name, "O", MBSTRING_ASC, reinterpret_cast<const unsigned char*>("Tavrin Tests"), -1, -1, 0);
-    X509_NAME_add_entry_by_txt(name, "CN", MBSTRING_ASC, reinterpret_cast<const unsigned char*>(commonName.c_str()), -1,
-                               -1, 0);
-    X509_set_issuer_name(certificate.get(), issuer ? X509_get_subject_name(issuer) : name);
-    if (X509_set_pubkey(certificate.get(), subjectKey) != 1) fail("public key");
+    X509_gmtime_adj(X509_getm_notBefore(cert), -3600);
+    X509_gmtime_adj(X509_getm_notAfter(cert), 2 * 24 * 3600);
+    X509_NAME* name = X509_get_subject_name(cert);
+    X509_NAME_add_entry_by_txt(name, "CN", MBSTRING_ASC, reinterpret_cast<const unsigned char*>(commonName.c_str()),
+                               -1, -1, 0);
+    X509_set_issuer_name(cert, issuer ? X509_get_subject_name(issuer) : name);
+    check(X509_set_pubkey(cert, subjectKey) == 1, "public key");
+    for (const auto& [nid, value] : extensions) {
+        X509V3_CTX context;
+        X509V3_set_ctx_nodb(&context);
+        X509V3_set_ctx(&context, issuer ? issuer : cert, cert, nullptr, nullptr, 0);
+        std::unique_ptr<X509_EXTENSION, Deleter> extension(X509V3_EXT_conf_nid(nullptr, &context, nid, value.c_str()));
+        check(extension && X509_add_ext(cert, extension.get(), -1) == 1, "extension " + value);
+    }
     return certificate;
 }
 
-void writeKey(const std::filesystem::path& path, EVP_PKEY* key) {
-    BioPtr out(BIO_new_file(path.c_str(), "w"));
-    if (!out || PEM_write_bio_PrivateKey(out.get(), key, nullptr, nullptr, 0, nullptr, nullptr) != 1)
-        fail("writing " + path.string());
-}
-
-void writeCertificate(const std::filesystem::path& path, X509* certificate) {
-    BioPtr out(BIO_new_file(path.c_str(), "w"));
-    if (!out || PEM_write_bio_X509(out.get(), certificate) != 1) fail("writing " + path.string());
-}
-
-KeyPtr readKey(const std::filesystem::path& path) {
-    BioPtr in(BIO_new_file(path.c_str(), "r"));
-    KeyPtr key(in ? PEM_read_bio_PrivateKey(in.get(), nullptr, nullptr, nullptr) : nullptr);
-    if (!key) fail("reading " + path.string());
-    return key;
-}
-
-CertPtr readCertificate(const std::filesystem::path& path) {
-    BioPtr in(BIO_new_file(path.c_str(), "r"));
-    CertPtr certificate(in ? PEM_read_bio_X509(in.get(), nullptr, nullptr, nullptr) : nullptr);
-    if (!certificate) fail("reading " + path.string());
-    return certificate;
+void writePem(const std::filesystem::path& path, EVP_PKEY* key, X509* certificate) {
+    std::unique_ptr<BIO, Deleter> out(BIO_new_file(path.c_str(), "w"));
+    check(out && (key ? PEM_write_bio_PrivateKey(out.get(), key, nullptr, nullptr, 0, nullptr, nullptr)
+                      : PEM_write_bio_X509(out.get(), certificate)) == 1,
+          "writing " + path.string());
 }
 
 }  // namespace
 
-TestCertificateAuthority::TestCertificateAuthority(std::filesystem::path directory, const std::string& commonName)
-    : directory_(std::move(directory)), caCertificate_(directory_ / "ca.pem"), caKey_(directory_ / "ca-key.pem") {
-    KeyPtr key = makeKey();
-    CertPtr certificate = makeCertificate(key.get(), commonName, nullptr);
-    addExtension(certificate.get(), certificate.get(), NID_basic_constraints, "critical,CA:TRUE");
-    addExtension(certificate.get(), certificate.get(), NID_key_usage, "critical,keyCertSign,cRLSign");
-    addExtension(certificate.get(), certificate.get(), NID_subject_key_identifier, "hash");
-    if (X509_sign(certificate.get(), key.get(), EVP_sha256()) <= 0) fail("signing the authority");
-    writeKey(caKey_, key.get());
-    writeCertificate(caCertificate_, certificate.get());
+struct TestCertificateAuthority::Keys {
+    KeyPtr key;
+    CertPtr certificate;
+};
+
+TestCertificateAuthority::TestCertificateAuthority(std::filesystem::path directory)
+    : directory_(std::move(directory)), keys_(std::make_unique<Keys>()) {
+    keys_->key = makeKey();
+    keys_->certificate = makeCertificate(keys_->key.get(), "Tavrin Test CA", nullptr,
+                                         {{NID_basic_constraints, "critical,CA:TRUE"},
+                                          {NID_key_usage, "critical,keyCertSign,cRLSign"},
+                                          {NID_subject_key_identifier, "hash"}});
+    check(X509_sign(keys_->certificate.get(), keys_->key.get(), EVP_sha256()) > 0, "signing the authority");
+    writePem(certificateFile(), nullptr, keys_->certificate.get());
 }
 
-TlsFiles TestCertificateAuthority::issueServerCertificate(const std::string& fileStem,
-                                                          const std::vector<std::string>& subjectAltNames) const {
-    KeyPtr caKey = readKey(caKey_);
-    CertPtr caCertificate = readCertificate(caCertificate_);
-    KeyPtr key = makeKey();
-    CertPtr certificate = makeCertificate(key.get(), fileStem, caCertificate.get());
-    addExtension(certificate.get(), caCertificate.get(), NID_basic_constraints, "critical,CA:FALSE");
-    addExtension(certificate.get(), caCertificate.get(), NID_key_usage, "critical,digitalSignature");
-    addExtension(certificate.get(), caCertificate.get(), NID_ext_key_usage, "serverAuth");
-    addExtension(certificate.get(), caCertificate.get(), NID_authority_key_identifier, "keyid:always");
-    std::string names;
-    for (const auto& entry : subjectAltNames) names += (names.empty() ? "" : ",") + entry;
-    if (!names.empty()) addExtension(certificate.get(), caCertificate.get(), NID_subject_alt_name, names);
-    if (X509_sign(certificate.get(), caKey.get(), EVP_sha256()) <= 0) fail("signing " + fileStem);
+TestCertificateAuthority::~TestCertificateAuthority() = default;
 
+TlsFiles TestCertificateAuthority::issueServerCertificate(const std::string& fileStem,
+                                                          const std::string& subjectAltNames) const {
+    KeyPtr key = makeKey();
+    CertPtr certificate = makeCertificate(key.get(), fileStem, keys_->certificate.get(),
+                                          {{NID_basic_constraints, "critical,CA:FALSE"},
+                                           {NID_key_usage, "critical,digitalSignature"},
+                                           {NID_ext_key_usage, "serverAuth"},
+                                           {NID_authority_key_identifier, "keyid:always"},
+                                           {NID_subject_alt_name, subjectAltNames}});
+    check(X509_sign(certificate.get(), keys_->key.get(), EVP_sha256()) > 0, "signing " + fileStem);
     TlsFiles files{directory_ / (fileStem + ".pem"), directory_ / (fileStem + "-key.pem")};
-    writeKey(files.privateKey, key.get());
-    writeCertificate(files.certificate, certificate.get());
+    writePem(files.privateKey, key.get(), nullptr);
+    writePem(files.certificate, nullptr, certificate.get());
     return files;
 }
 
