@@ -1,13 +1,13 @@
 #include "test_certificates.h"
 
-#include <openssl/bn.h>
 #include <openssl/err.h>
 #include <openssl/evp.h>
 #include <openssl/pem.h>
-#include <openssl/rand.h>
 #include <openssl/x509.h>
 #include <openssl/x509v3.h>
 
+#include <atomic>
+#include <memory>
 #include <stdexcept>
 
 namespace tavrin::testing {
@@ -23,14 +23,11 @@ struct Deleter {
 using KeyPtr = std::unique_ptr<EVP_PKEY, Deleter>;
 using CertPtr = std::unique_ptr<X509, Deleter>;
 
-[[noreturn]] void fail(const std::string& what) {
+void check(bool ok, const std::string& what) {
+    if (ok) return;
     char reason[256] = {};
     ERR_error_string_n(ERR_get_error(), reason, sizeof reason);
     throw std::runtime_error("test certificate: " + what + ": " + reason);
-}
-
-void check(bool ok, const std::string& what) {
-    if (!ok) fail(what);
 }
 
 KeyPtr makeKey() {
@@ -47,12 +44,8 @@ CertPtr makeCertificate(EVP_PKEY* subjectKey, const std::string& commonName, X50
     X509* cert = certificate.get();
     check(cert != nullptr, "X509_new");
     X509_set_version(cert, 2);
-    unsigned char serial[16];
-    check(RAND_bytes(serial, sizeof serial) == 1, "serial");
-    serial[0] &= 0x7f;  // positive
-    BIGNUM* number = BN_bin2bn(serial, sizeof serial, nullptr);
-    check(number && BN_to_ASN1_INTEGER(number, X509_get_serialNumber(cert)), "serial");
-    BN_free(number);
+    static std::atomic<long> serial{1};  // unique per issuer
+    ASN1_INTEGER_set(X509_get_serialNumber(cert), serial++);
     X509_gmtime_adj(X509_getm_notBefore(cert), -3600);
     X509_gmtime_adj(X509_getm_notAfter(cert), 2 * 24 * 3600);
     X509_NAME* name = X509_get_subject_name(cert);
@@ -79,38 +72,31 @@ void writePem(const std::filesystem::path& path, EVP_PKEY* key, X509* certificat
 
 }  // namespace
 
-struct TestCertificateAuthority::Keys {
-    KeyPtr key;
-    CertPtr certificate;
-};
-
-TestCertificateAuthority::TestCertificateAuthority(std::filesystem::path directory)
-    : directory_(std::move(directory)), keys_(std::make_unique<Keys>()) {
-    keys_->key = makeKey();
-    keys_->certificate = makeCertificate(keys_->key.get(), "Tavrin Test CA", nullptr,
-                                         {{NID_basic_constraints, "critical,CA:TRUE"},
-                                          {NID_key_usage, "critical,keyCertSign,cRLSign"},
-                                          {NID_subject_key_identifier, "hash"}});
-    check(X509_sign(keys_->certificate.get(), keys_->key.get(), EVP_sha256()) > 0, "signing the authority");
-    writePem(certificateFile(), nullptr, keys_->certificate.get());
-}
-
-TestCertificateAuthority::~TestCertificateAuthority() = default;
-
-TlsFiles TestCertificateAuthority::issueServerCertificate(const std::string& fileStem,
-                                                          const std::string& subjectAltNames) const {
-    KeyPtr key = makeKey();
-    CertPtr certificate = makeCertificate(key.get(), fileStem, keys_->certificate.get(),
-                                          {{NID_basic_constraints, "critical,CA:FALSE"},
-                                           {NID_key_usage, "critical,digitalSignature"},
-                                           {NID_ext_key_usage, "serverAuth"},
-                                           {NID_authority_key_identifier, "keyid:always"},
-                                           {NID_subject_alt_name, subjectAltNames}});
-    check(X509_sign(certificate.get(), keys_->key.get(), EVP_sha256()) > 0, "signing " + fileStem);
-    TlsFiles files{directory_ / (fileStem + ".pem"), directory_ / (fileStem + "-key.pem")};
-    writePem(files.privateKey, key.get(), nullptr);
-    writePem(files.certificate, nullptr, certificate.get());
-    return files;
+TestCertificates makeTestCertificates(const std::filesystem::path& directory,
+                                      const std::vector<std::string>& subjectAltNames) {
+    TestCertificates made{directory / "ca.pem", {}};
+    KeyPtr caKey = makeKey();
+    CertPtr ca = makeCertificate(caKey.get(), "Tavrin Test CA", nullptr,
+                                 {{NID_basic_constraints, "critical,CA:TRUE"},
+                                  {NID_key_usage, "critical,keyCertSign,cRLSign"},
+                                  {NID_subject_key_identifier, "hash"}});
+    check(X509_sign(ca.get(), caKey.get(), EVP_sha256()) > 0, "signing the authority");
+    writePem(made.authority, nullptr, ca.get());
+    for (const auto& names : subjectAltNames) {
+        const std::string stem = "server" + std::to_string(made.servers.size());
+        KeyPtr key = makeKey();
+        CertPtr certificate = makeCertificate(key.get(), stem, ca.get(),
+                                              {{NID_basic_constraints, "critical,CA:FALSE"},
+                                               {NID_key_usage, "critical,digitalSignature"},
+                                               {NID_ext_key_usage, "serverAuth"},
+                                               {NID_authority_key_identifier, "keyid:always"},
+                                               {NID_subject_alt_name, names}});
+        check(X509_sign(certificate.get(), caKey.get(), EVP_sha256()) > 0, "signing " + stem);
+        made.servers.push_back({directory / (stem + ".pem"), directory / (stem + "-key.pem")});
+        writePem(made.servers.back().privateKey, key.get(), nullptr);
+        writePem(made.servers.back().certificate, nullptr, certificate.get());
+    }
+    return made;
 }
 
 }  // namespace tavrin::testing
