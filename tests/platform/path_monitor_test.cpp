@@ -13,6 +13,7 @@
 #include <functional>
 #include <future>
 #include <mutex>
+#include <set>
 #include <string>
 #include <thread>
 #include <vector>
@@ -31,35 +32,28 @@ std::string describe(const Statuses& statuses) {
     return text + "]";
 }
 
-// Collects reports and the queue each ran on; waits with a deadline instead of sleeping.
-class Recorder {
-public:
+// Collects reports and the queues they ran on; waits with a deadline instead of sleeping.
+struct Recorder {
     PathMonitor::UpdateHandler handler() {
         return [this](PathStatus status) {
-            std::lock_guard lock(mutex_);
-            updates_.push_back(status);
-            labels_.push_back(currentQueueLabel());
-            cv_.notify_all();
+            std::lock_guard lock(mutex);
+            reports.push_back(status);
+            queues.insert(currentQueueLabel());
+            reported.notify_all();
         };
     }
     bool waitForCount(std::size_t count, std::chrono::milliseconds timeout = 5s) {
-        std::unique_lock lock(mutex_);
-        return cv_.wait_for(lock, timeout, [&] { return updates_.size() >= count; });
+        std::unique_lock lock(mutex);
+        return reported.wait_for(lock, timeout, [&] { return reports.size() >= count; });
     }
     Statuses updates() {
-        std::lock_guard lock(mutex_);
-        return updates_;
+        std::lock_guard lock(mutex);
+        return reports;
     }
-    std::vector<std::string> labels() {
-        std::lock_guard lock(mutex_);
-        return labels_;
-    }
-
-private:
-    std::mutex mutex_;
-    std::condition_variable cv_;
-    Statuses updates_;
-    std::vector<std::string> labels_;
+    std::mutex mutex;
+    std::condition_variable reported;
+    Statuses reports;
+    std::set<std::string> queues;
 };
 
 TEST(PathEvaluation, NeedsAnUpRunningNonLoopbackInterfaceCarryingADefaultRoute) {
@@ -119,7 +113,7 @@ TEST(ScriptedPathMonitor, ReportsOnTheQueueFromStartUntilCancel) {
     ASSERT_TRUE(second.waitForCount(1));
     EXPECT_EQ(first.updates(), (Statuses{U, U, S, S, U, S})) << describe(first.updates());
     EXPECT_EQ(second.updates(), Statuses{U});
-    for (const auto& label : first.labels()) EXPECT_EQ(label, "test.path.scripted");
+    EXPECT_EQ(first.queues, std::set<std::string>{"test.path.scripted"});
 
     // Cancel drops reports still waiting on the queue, and later ones.
     std::promise<void> gate;
@@ -192,7 +186,7 @@ TEST(NetlinkPathMonitor, FirstReportIsTheCurrentStatusOnTheQueue) {
     }
     queue.sync([] {});
     EXPECT_EQ(recorder.updates().front(), *now);
-    EXPECT_EQ(recorder.labels().front(), "test.path.netlink");
+    EXPECT_EQ(recorder.queues, std::set<std::string>{"test.path.netlink"});
 }
 
 // ---- rtnetlink monitor inside a network namespace of its own (needs root or CAP_SYS_ADMIN)
@@ -202,8 +196,10 @@ TEST(NetlinkPathMonitor, FirstReportIsTheCurrentStatusOnTheQueue) {
 void runInOwnNetworkNamespace(const std::function<void()>& scenario) {
     std::string skip;
     std::thread([&] {
-        if (unshare(CLONE_NEWNET) != 0) return void(skip = std::string("unshare(CLONE_NEWNET): ") + std::strerror(errno));
-        scenario();
+        if (unshare(CLONE_NEWNET) != 0)
+            skip = std::string("unshare(CLONE_NEWNET): ") + std::strerror(errno) + " (needs root or CAP_SYS_ADMIN)";
+        else
+            scenario();
     }).join();
     if (!skip.empty()) GTEST_SKIP() << skip;
 }
