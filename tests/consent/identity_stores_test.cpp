@@ -47,9 +47,12 @@ TEST_F(StoreTest, IdentifiersAbsentThenStoredAndRetrievedUnderTheirKeys) {
         store("id in " + key);
         EXPECT_EQ(retrieve(), "id in " + key);
         EXPECT_EQ(openFile()->string(key), "id in " + key);
-        EXPECT_EQ(log.sink->messages(), (Lines{"No " + noun + " found in UserDefaults with key " + key + ".",
-                                               noun + " successfully stored in UserDefaults with key: " + key + ".",
-                                               noun + " successfully retrieved from UserDefaults with key: " + key + "."}));
+        // The warning goes out as an error line.
+        EXPECT_EQ(log.sink->messages(platform::LogType::error),
+                  Lines{"No " + noun + " found in UserDefaults with key " + key + "."});
+        EXPECT_EQ(log.sink->messages(platform::LogType::info),
+                  (Lines{noun + " successfully stored in UserDefaults with key: " + key + ".",
+                         noun + " successfully retrieved from UserDefaults with key: " + key + "."}));
     }
     EXPECT_EQ(a.retrieveConsentID(), "id in a_consentID");
 
@@ -126,7 +129,9 @@ TEST_F(StoreTest, VendorConsentsAnyOtherStoredFormReadsAsAbsentWithTheWarning) {
         UserDefaultsUtility::resetCacheForTesting();
         log.sink->clear();
         EXPECT_EQ(utility.retrieveVendorConsents(), std::nullopt);
-        EXPECT_EQ(log.sink->messages(), Lines{"No vendor consents found in UserDefaults with key VendorConsents."});
+        EXPECT_EQ(log.sink->messages(platform::LogType::error),
+                  Lines{"No vendor consents found in UserDefaults with key VendorConsents."});
+        EXPECT_EQ(log.sink->records().size(), 1u);
     }
 }
 

@@ -85,7 +85,8 @@ TEST_F(TrackingSettingsStore, NothingOrGarbageStoredLeavesTheInstanceInPlace) {
         UserDefaultsUtility::resetCacheForTesting();
         log.sink->clear();
         TrackingSettings::loadConfigFromUserDefaults();
-        EXPECT_EQ(log.sink->messages(), Lines{"No TrackConfig found in UserDefaults."});
+        EXPECT_EQ(log.sink->messages(platform::LogType::error), Lines{"No TrackConfig found in UserDefaults."});
+        EXPECT_EQ(log.sink->records().size(), 1u);
         EXPECT_EQ(TrackingSettings::shared(), before);
     }
 }
