@@ -4,7 +4,9 @@
 #include <gtest/gtest.h>
 
 #include <cmath>
-#include <limits>
+#include <functional>
+#include <regex>
+#include <tuple>
 #include <utility>
 #include <vector>
 
@@ -18,51 +20,47 @@
 namespace tavrin {
 namespace {
 
+using testing::fullConfig;
 using testing::StoreTest;
+using Lines = std::vector<std::string>;
 
 const platform::Pattern kUserIDPattern("^[0-9]{1,5}[0-9]{13}[0-9]{1,5}$");
+const VendorConsents kDecision{{"x", ConsentStatus::allow}, {"y", ConsentStatus::deny}, {"z", ConsentStatus::ncm}};
+const VendorValues kDecisionValues{
+    {"x", VendorValue::boolean(true)}, {"y", VendorValue::boolean(false)}, {"z", VendorValue::string("ncm")}};
 
-TrackConfig configFor(const std::string& container) {
-    return TrackConfig{.trackDomain = "collect.example.com",
-                       .container = container,
-                       .environment = TrackConfig::Environment::stage,
-                       .version = "3",
-                       .debugCode = std::nullopt,
-                       .sessionTimeoutInSeconds = 900,
-                       .authorizationToken = "token",
-                       .customProtocol = std::nullopt,
-                       .enableOfflineTracking = true,
-                       .offlineTrackingTimeout = 86400};
-}
+// Each identifier under its own key, with the exact log lines; consent IDs per container.
+TEST_F(StoreTest, IdentifiersAbsentThenStoredAndRetrievedUnderTheirKeys) {
+    UserIDUtility user;
+    ConsentIDUtility a("a"), b("b");
+    const std::vector<std::tuple<std::function<void(const std::string&)>, std::function<std::optional<std::string>()>,
+                                 std::string, std::string>>
+        cases{{[&](const std::string& id) { user.storeUserID(id); }, [&] { return user.retrieveUserID(); },
+               "global_user_id", "User ID"},
+              {[&](const std::string& id) { a.storeConsentID(id); }, [&] { return a.retrieveConsentID(); },
+               "a_consentID", "Consent ID"},
+              {[&](const std::string& id) { b.storeConsentID(id); }, [&] { return b.retrieveConsentID(); },
+               "b_consentID", "Consent ID"}};
+    for (const auto& [store, retrieve, key, noun] : cases) {
+        log.sink->clear();
+        EXPECT_EQ(retrieve(), std::nullopt);
+        store("id in " + key);
+        EXPECT_EQ(retrieve(), "id in " + key);
+        EXPECT_EQ(openFile()->string(key), "id in " + key);
+        // The warning goes out as an error line.
+        EXPECT_EQ(log.sink->messages(platform::LogType::error),
+                  Lines{"No " + noun + " found in UserDefaults with key " + key + "."});
+        EXPECT_EQ(log.sink->messages(platform::LogType::info),
+                  (Lines{noun + " successfully stored in UserDefaults with key: " + key + ".",
+                         noun + " successfully retrieved from UserDefaults with key: " + key + "."}));
+    }
+    EXPECT_EQ(a.retrieveConsentID(), "id in a_consentID");
 
-// A random part as the generator writes it: 0...100000 without leading zeros.
-bool isRandomPart(const std::string& text) {
-    if (text.empty() || text.size() > 6 || (text.size() > 1 && text[0] == '0')) return false;
-    for (char c : text)
-        if (c < '0' || c > '9') return false;
-    return std::stoll(text) <= 100000;
-}
-
-using UserIDStore = StoreTest;
-
-TEST_F(UserIDStore, FreshInstallHasNoUserIDAndWarns) {
-    UserIDUtility utility;
-    EXPECT_EQ(utility.userIDKey, "global_user_id");
-    EXPECT_EQ(utility.retrieveUserID(), std::nullopt);
-    EXPECT_EQ(log.sink->messages(platform::LogType::error),
-              std::vector<std::string>{"No User ID found in UserDefaults with key global_user_id."});
-}
-
-TEST_F(UserIDStore, StoredIDComesBackFromTheCacheWithoutAStoreRead) {
-    auto store = countReads();
-    UserIDUtility utility;
-    utility.storeUserID("123");
-    EXPECT_EQ(utility.retrieveUserID(), "123");
-    EXPECT_EQ(store->reads, 0);
-    EXPECT_EQ(openFile()->string("global_user_id"), "123");
-    EXPECT_EQ(log.sink->messages(platform::LogType::info),
-              (std::vector<std::string>{"User ID successfully stored in UserDefaults with key: global_user_id.",
-                                        "User ID successfully retrieved from UserDefaults with key: global_user_id."}));
+    // Without a container the configured one is used.
+    TrackingSettings::configure(fullConfig("shop-app"));
+    EXPECT_EQ(ConsentIDUtility().consentIDKey, "shop-app_consentID");
+    TrackingSettings::configure(fullConfig("other"));
+    EXPECT_EQ(ConsentIDUtility().consentIDKey, "other_consentID");
 }
 
 class UserIDGenerator : public ::testing::Test {
@@ -70,141 +68,56 @@ protected:
     void TearDown() override { platform::Clock::reset(); }
 };
 
-TEST_F(UserIDGenerator, ComposesFirstRandomThenMillisecondsThenSecondRandom) {
-    platform::Clock::setFixed(1731667200.1239);
-    std::vector<std::pair<std::int64_t, std::int64_t>> ranges;
-    std::vector<std::int64_t> results{482, 77};
-    auto draw = [&](std::int64_t low, std::int64_t high) {
-        ranges.emplace_back(low, high);
-        auto next = results.front();
-        results.erase(results.begin());
-        return next;
-    };
-    EXPECT_EQ(UserIDUtility::generateUserID(draw), "482173166720012377");
-    EXPECT_EQ(ranges, (std::vector<std::pair<std::int64_t, std::int64_t>>{{0, 100000}, {0, 100000}}));
-}
-
-TEST_F(UserIDGenerator, PatternBoundaries) {
+TEST_F(UserIDGenerator, FirstRandomThenMillisecondsThenSecondRandomAndPatternBoundaries) {
     platform::Clock::setFixed(1731667200.123);
-    auto constant = [](std::int64_t value) { return [value](std::int64_t, std::int64_t) { return value; }; };
-
-    const auto smallest = UserIDUtility::generateUserID(constant(0));
-    EXPECT_EQ(smallest, "017316672001230");
-    EXPECT_TRUE(kUserIDPattern.matches(smallest));
-
     // Six-digit parts are kept; both at 100000 make 25 digits, too long for the pattern.
-    const auto largest = UserIDUtility::generateUserID(constant(100000));
-    EXPECT_EQ(largest, "1000001731667200123100000");
-    EXPECT_EQ(largest.size(), 25u);
-    EXPECT_FALSE(kUserIDPattern.matches(largest));
-
-    // One six-digit part still fits within 23 digits.
-    std::vector<std::int64_t> parts{100000, 5};
-    auto mixed = [&](std::int64_t, std::int64_t) {
-        auto v = parts.front();
-        parts.erase(parts.begin());
-        return v;
-    };
-    const auto oneSix = UserIDUtility::generateUserID(mixed);
-    EXPECT_EQ(oneSix, "10000017316672001235");
-    EXPECT_TRUE(kUserIDPattern.matches(oneSix));
+    const std::vector<std::tuple<std::int64_t, std::int64_t, std::string, bool>> cases{
+        {482, 77, "482173166720012377", true},
+        {0, 0, "017316672001230", true},
+        {100000, 5, "10000017316672001235", true},
+        {100000, 100000, "1000001731667200123100000", false}};
+    for (const auto& [first, second, id, matches] : cases) {
+        std::vector<std::pair<std::int64_t, std::int64_t>> ranges;
+        const auto generated = UserIDUtility::generateUserID([&](std::int64_t low, std::int64_t high) {
+            ranges.emplace_back(low, high);
+            return ranges.size() == 1 ? first : second;
+        });
+        EXPECT_EQ(generated, id);
+        EXPECT_EQ(kUserIDPattern.matches(generated), matches) << generated;
+        EXPECT_EQ(ranges, (std::vector<std::pair<std::int64_t, std::int64_t>>{{0, 100000}, {0, 100000}}));
+    }
 }
 
 TEST_F(UserIDGenerator, SecureRandomIDsAreDigitsAroundTheMillisecondTime) {
     platform::Clock::setFixed(1731667200.5);
-    const std::string millis = "1731667200500";
+    // Each random part is 0...100000 without leading zeros: 15 to 25 digits in all.
+    const std::regex composed("(0|[1-9][0-9]{0,4}|100000)1731667200500(0|[1-9][0-9]{0,4}|100000)");
     for (int i = 0; i < 200; ++i) {
         const auto id = UserIDUtility::generateUserID();
-        ASSERT_GE(id.size(), 15u) << id;
-        ASSERT_LE(id.size(), 25u) << id;
-        ASSERT_EQ(id.find_first_not_of("0123456789"), std::string::npos) << id;
-        bool composed = false;
-        for (std::size_t at = 1; at <= 6 && !composed; ++at)
-            composed = id.compare(at, millis.size(), millis) == 0 && isRandomPart(id.substr(0, at)) &&
-                       isRandomPart(id.substr(at + millis.size()));
-        ASSERT_TRUE(composed) << id;
+        ASSERT_TRUE(std::regex_match(id, composed)) << id;
     }
-}
-
-TEST_F(UserIDGenerator, UnrepresentableClockIsFatal) {
     GTEST_FLAG_SET(death_test_style, "threadsafe");
-    for (double now : {std::nan(""), HUGE_VAL, -HUGE_VAL, 9.3e15, -9.3e15}) {
-        EXPECT_DEATH(
-            {
-                platform::Clock::setFixed(now);
-                UserIDUtility::generateUserID();
-            },
-            "Timestamp in milliseconds cannot be converted to a 64-bit integer")
-            << now;
-    }
+    platform::Clock::setFixed(std::nan(""));
+    EXPECT_DEATH(UserIDUtility::generateUserID(), "Timestamp in milliseconds cannot be converted to a 64-bit integer");
 }
 
-using ConsentIDStore = StoreTest;
-
-TEST_F(ConsentIDStore, KeptPerContainer) {
-    ConsentIDUtility a("a");
-    ConsentIDUtility b("b");
-    EXPECT_EQ(a.consentIDKey, "a_consentID");
-    EXPECT_EQ(b.consentIDKey, "b_consentID");
-    a.storeConsentID("consent-a");
-    EXPECT_EQ(b.retrieveConsentID(), std::nullopt);
-    b.storeConsentID("consent-b");
-    EXPECT_EQ(a.retrieveConsentID(), "consent-a");
-    EXPECT_EQ(b.retrieveConsentID(), "consent-b");
-    EXPECT_EQ(openFile()->string("a_consentID"), "consent-a");
-    EXPECT_EQ(openFile()->string("b_consentID"), "consent-b");
-
-    const auto info = log.sink->messages(platform::LogType::info);
-    EXPECT_EQ(info.front(), "Consent ID successfully stored in UserDefaults with key: a_consentID.");
-    EXPECT_EQ(info.back(), "Consent ID successfully retrieved from UserDefaults with key: b_consentID.");
-    EXPECT_EQ(log.sink->messages(platform::LogType::error),
-              std::vector<std::string>{"No Consent ID found in UserDefaults with key b_consentID."});
-}
-
-TEST_F(ConsentIDStore, DefaultKeyFollowsTheActiveConfiguration) {
-    TrackingSettings::configure(configFor("shop-app"));
-    EXPECT_EQ(ConsentIDUtility().consentIDKey, "shop-app_consentID");
-    TrackingSettings::configure(configFor("other"));
-    EXPECT_EQ(ConsentIDUtility().consentIDKey, "other_consentID");
-}
-
-using VendorConsentsStore = StoreTest;
-
-TEST_F(VendorConsentsStore, StoresDoublyEncodedAndReadsBackAsVendorValues) {
+// The stored form and a read from the file are checked across processes below.
+TEST_F(StoreTest, VendorConsentsStoresAndReadsBackAsVendorValues) {
     VendorConsentsUtility utility;
-    EXPECT_EQ(utility.vendorConsentsKey, "VendorConsents");
-    utility.storeVendorConsents({{"x", ConsentStatus::allow}, {"y", ConsentStatus::deny}, {"z", ConsentStatus::ncm}});
-
-    // The row is data: a JSON string holding the base64 of the JSON object of statuses.
-    const auto raw = openFile()->data("VendorConsents");
-    ASSERT_TRUE(raw);
-    const Json outer = Json::parse(platform::toString(*raw));
-    ASSERT_TRUE(outer.is_string());
-    const auto inner = platform::base64Decode(outer.get<std::string>());
-    ASSERT_TRUE(inner);
-    EXPECT_EQ(Json::parse(platform::toString(*inner)), Json::parse(R"({"x":"allow","y":"deny","z":"ncm"})"));
-
-    const VendorValues expected{{"x", VendorValue::boolean(true)},
-                                {"y", VendorValue::boolean(false)},
-                                {"z", VendorValue::string("ncm")}};
-    EXPECT_EQ(utility.retrieveVendorConsents(), expected);
-    UserDefaultsUtility::resetCacheForTesting();
-    EXPECT_EQ(utility.retrieveVendorConsents(), expected);
-
+    utility.storeVendorConsents(kDecision);
+    EXPECT_EQ(utility.retrieveVendorConsents(), kDecisionValues);
     EXPECT_EQ(log.sink->messages(platform::LogType::info),
-              (std::vector<std::string>{
-                  "Vendor consents successfully stored in UserDefaults with key: VendorConsents.",
-                  "Vendor consents successfully retrieved from UserDefaults with key: VendorConsents.",
-                  "Vendor consents successfully retrieved from UserDefaults with key: VendorConsents."}));
+              (Lines{"Vendor consents successfully stored in UserDefaults with key: VendorConsents.",
+                     "Vendor consents successfully retrieved from UserDefaults with key: VendorConsents."}));
     EXPECT_EQ(log.sink->messages(platform::LogType::debug),
-              std::vector<std::string>{R"(Stored Vendor Consents (Raw JSON): {"x":"allow","y":"deny","z":"ncm"})"});
+              Lines{R"(Stored Vendor Consents (Raw JSON): {"x":"allow","y":"deny","z":"ncm"})"});
 }
 
-TEST_F(VendorConsentsStore, AnyOtherStoredFormReadsAsAbsentWithTheWarning) {
+TEST_F(StoreTest, VendorConsentsAnyOtherStoredFormReadsAsAbsentWithTheWarning) {
     auto store = countReads();
     VendorConsentsUtility utility;
-    const std::string warning = "No vendor consents found in UserDefaults with key VendorConsents.";
-    const std::vector<platform::KeyValueStore::Value> forms{
+    const std::vector<std::optional<platform::KeyValueStore::Value>> forms{
+        std::nullopt,                                                                  // nothing
         platform::toBytes(R"({"x":"allow"})"),                                         // plain JSON
         platform::toBytes("\"" + platform::base64Encode(R"({"x":"maybe"})") + "\""),  // unknown status
         platform::toBytes("\"" + platform::base64Encode(R"(["allow"])") + "\""),      // not an object
@@ -212,17 +125,17 @@ TEST_F(VendorConsentsStore, AnyOtherStoredFormReadsAsAbsentWithTheWarning) {
         std::string(R"({"x":"allow"})"),  // text instead of data
         std::int64_t{1}};
     for (const auto& form : forms) {
-        store->inner().set("VendorConsents", form);
+        form ? store->inner().set("VendorConsents", *form) : store->inner().remove("VendorConsents");
         UserDefaultsUtility::resetCacheForTesting();
         log.sink->clear();
         EXPECT_EQ(utility.retrieveVendorConsents(), std::nullopt);
-        EXPECT_EQ(log.sink->messages(), std::vector<std::string>{warning});
+        EXPECT_EQ(log.sink->messages(platform::LogType::error),
+                  Lines{"No vendor consents found in UserDefaults with key VendorConsents."});
+        EXPECT_EQ(log.sink->records().size(), 1u);
     }
-    store->inner().remove("VendorConsents");
-    EXPECT_EQ(utility.retrieveVendorConsents(), std::nullopt);
 }
 
-TEST_F(VendorConsentsStore, UnencodableDecisionIsLoggedAndLeavesTheStoredOne) {
+TEST_F(StoreTest, VendorConsentsUnencodableDecisionIsLoggedAndLeavesTheStoredOne) {
     VendorConsentsUtility utility;
     utility.storeVendorConsents({{"x", ConsentStatus::allow}});
     log.sink->clear();
@@ -235,30 +148,23 @@ TEST_F(VendorConsentsStore, UnencodableDecisionIsLoggedAndLeavesTheStoredOne) {
     EXPECT_EQ(utility.retrieveVendorConsents(), (VendorValues{{"x", VendorValue::boolean(true)}}));
 }
 
-using StoresAcrossProcesses = StoreTest;
-
-TEST_F(StoresAcrossProcesses, WhatOneProcessWritesTheNextReadsFromTheFile) {
+TEST_F(StoreTest, AcrossProcessesWhatOneProcessWritesTheNextReadsFromTheFile) {
     platform::Clock::setFixed(1731667200.123);
-    const TrackConfig config = configFor("shop-app");
-
     // The child starts without an open store or cached values and writes
     // everything a first launch would.
     const pid_t child = fork();
     ASSERT_NE(child, -1);
     if (child == 0) {
-        UserIDUtility users;
-        users.storeUserID(UserIDUtility::generateUserID());
+        UserIDUtility().storeUserID(UserIDUtility::generateUserID());
         ConsentIDUtility("shop-app").storeConsentID("5d3e4f4a-0000-4000-8000-000000000001");
-        VendorConsentsUtility().storeVendorConsents(
-            {{"x", ConsentStatus::allow}, {"y", ConsentStatus::deny}, {"z", ConsentStatus::ncm}});
+        VendorConsentsUtility().storeVendorConsents(kDecision);
         UserDefaultsUtility::setInt(1731667200123, "VendorConsents_lastupdate");
-        TrackingSettings::configure(config);
+        TrackingSettings::configure(fullConfig());
         _exit(0);
     }
     int status = 0;
     ASSERT_EQ(waitpid(child, &status, 0), child);
-    ASSERT_TRUE(WIFEXITED(status));
-    ASSERT_EQ(WEXITSTATUS(status), 0);
+    ASSERT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
 
     forgetProcessState();
     const auto userID = UserIDUtility().retrieveUserID();
@@ -266,22 +172,18 @@ TEST_F(StoresAcrossProcesses, WhatOneProcessWritesTheNextReadsFromTheFile) {
     EXPECT_TRUE(kUserIDPattern.matches(*userID)) << *userID;
     EXPECT_NE(userID->find("1731667200123"), std::string::npos) << *userID;
     EXPECT_EQ(ConsentIDUtility("shop-app").retrieveConsentID(), "5d3e4f4a-0000-4000-8000-000000000001");
-    EXPECT_EQ(VendorConsentsUtility().retrieveVendorConsents(), (VendorValues{{"x", VendorValue::boolean(true)},
-                                                                              {"y", VendorValue::boolean(false)},
-                                                                              {"z", VendorValue::string("ncm")}}));
+    EXPECT_EQ(VendorConsentsUtility().retrieveVendorConsents(), kDecisionValues);
     TrackingSettings::loadConfigFromUserDefaults();
-    EXPECT_EQ(TrackingSettings::shared()->config(), config);
+    EXPECT_EQ(TrackingSettings::shared()->config(), fullConfig());
 
     // The stored forms themselves.
     auto file = openFile();
+    EXPECT_EQ(file->string("global_user_id"), userID);
     EXPECT_EQ(file->integer("VendorConsents_lastupdate"), 1731667200123);
-    const auto vendors = file->data("VendorConsents");
-    ASSERT_TRUE(vendors);
-    EXPECT_EQ(platform::toString(*vendors),
+    EXPECT_EQ(platform::toString(file->data("VendorConsents").value_or(Bytes{})),
               "\"" + platform::base64Encode(R"({"x":"allow","y":"deny","z":"ncm"})") + "\"");
-    const auto settings = file->data("com.tavrin.TrackingSettings");
-    ASSERT_TRUE(settings);
-    EXPECT_EQ(Json::parse(platform::toString(*settings)), encodeJson(config));
+    EXPECT_EQ(platform::toString(file->data("com.tavrin.TrackingSettings").value_or(Bytes{})),
+              encodeJsonText(fullConfig()));
     platform::Clock::reset();
 }
 

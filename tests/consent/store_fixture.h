@@ -1,42 +1,60 @@
 #pragma once
 // Tests of the stores run against the real SQLite store in a fresh directory.
-// CountingStore wraps it to count the reads and writes that reach it.
+// CountingStore wraps it to count the reads and writes that reach it. The
+// configurations are shared with the tests of TrackConfig itself.
 
 #include <gtest/gtest.h>
 
 #include <atomic>
 #include <memory>
+#include <string_view>
 
 #include "tavrin/consent/user_defaults_utility.h"
 #include "tavrin/platform/key_value_store.h"
 #include "tavrin/platform/sqlite_key_value_store.h"
+#include "tavrin/sdk/track_config.h"
 #include "tavrin/sdk/tracking_settings.h"
 #include "tests/support/log_capture.h"
 #include "tests/support/temp_dir.h"
 
 namespace tavrin::testing {
 
+// Every optional member empty.
+inline TrackConfig minimalConfig(double offlineTimeout = 0.25) {
+    return TrackConfig{.trackDomain = "d",
+                       .container = "c",
+                       .environment = TrackConfig::Environment::live,
+                       .version = std::nullopt,
+                       .debugCode = std::nullopt,
+                       .sessionTimeoutInSeconds = std::nullopt,
+                       .authorizationToken = "",
+                       .customProtocol = std::nullopt,
+                       .enableOfflineTracking = false,
+                       .offlineTrackingTimeout = offlineTimeout};
+}
+
+// Every member set, each to a value no other member has.
+inline TrackConfig fullConfig(const std::string& container = "shop-app", double offlineTimeout = 86400) {
+    return TrackConfig{.trackDomain = "collect.example.com",
+                       .container = container,
+                       .environment = TrackConfig::Environment::stage,
+                       .version = "3",
+                       .debugCode = "dbg-1",
+                       .sessionTimeoutInSeconds = 1800.5,
+                       .authorizationToken = "token",
+                       .customProtocol = "http",
+                       .enableOfflineTracking = true,
+                       .offlineTrackingTimeout = offlineTimeout};
+}
+
 class CountingStore final : public platform::KeyValueStore {
 public:
     explicit CountingStore(std::shared_ptr<platform::KeyValueStore> inner) : inner_(std::move(inner)) {}
 
-    bool set(const std::string& key, const Value& value) override {
-        ++writes;
-        return inner_->set(key, value);
-    }
-    std::optional<Value> value(const std::string& key) const override {
-        ++reads;
-        return inner_->value(key);
-    }
-    bool remove(const std::string& key) override {
-        ++removals;
-        return inner_->remove(key);
-    }
-    bool synchronize() override {
-        ++flushes;
-        return inner_->synchronize();
-    }
-
+    bool set(const std::string& key, const Value& value) override { ++writes; return inner_->set(key, value); }
+    std::optional<Value> value(const std::string& key) const override { ++reads; return inner_->value(key); }
+    bool remove(const std::string& key) override { ++removals; return inner_->remove(key); }
+    bool synchronize() override { ++flushes; return inner_->synchronize(); }
     platform::KeyValueStore& inner() { return *inner_; }
 
     mutable std::atomic<int> reads{0};
@@ -48,19 +66,27 @@ private:
     std::shared_ptr<platform::KeyValueStore> inner_;
 };
 
+// The error a decoder throws for the text; a test failure if it decodes.
+template <class T>
+DecodingError decodeFailure(std::string_view text) {
+    try {
+        decodeJson<T>(text);
+    } catch (const DecodingError& e) {
+        return e;
+    }
+    ADD_FAILURE() << text << " decoded";
+    return DecodingError(DecodingError::Kind::dataCorrupted, {}, "decoded");
+}
+
 // Every test starts with an empty store file, no cached values, no settings.
 class StoreTest : public ::testing::Test {
 protected:
     void SetUp() override {
         platform::KeyValueStore::setDataDirectory(dir.path());
-        platform::KeyValueStore::setStandard(nullptr);
-        UserDefaultsUtility::resetCacheForTesting();
-        TrackingSettings::resetForTesting();
+        forgetProcessState();
     }
     void TearDown() override {
-        TrackingSettings::resetForTesting();
-        UserDefaultsUtility::resetCacheForTesting();
-        platform::KeyValueStore::setStandard(nullptr);
+        forgetProcessState();
         platform::KeyValueStore::setDataDirectory(std::nullopt);
     }
 

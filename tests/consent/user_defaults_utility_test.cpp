@@ -2,60 +2,39 @@
 
 #include <gtest/gtest.h>
 
-#include "tavrin/sdk/track_config.h"
+#include <cmath>
+
 #include "tests/consent/store_fixture.h"
 
 namespace tavrin {
 namespace {
 
+using testing::minimalConfig;
 using testing::StoreTest;
 
-TrackConfig config(double offlineTimeout = 60) {
-    return TrackConfig{.trackDomain = "d",
-                       .container = "c",
-                       .environment = TrackConfig::Environment::live,
-                       .version = std::nullopt,
-                       .debugCode = std::nullopt,
-                       .sessionTimeoutInSeconds = std::nullopt,
-                       .authorizationToken = "t",
-                       .customProtocol = std::nullopt,
-                       .enableOfflineTracking = true,
-                       .offlineTrackingTimeout = offlineTimeout};
-}
-
-using UserDefaultsStrings = StoreTest;
-
-TEST_F(UserDefaultsStrings, WritesThroughFlushesAndServesLaterReadsFromTheCache) {
+TEST_F(StoreTest, TextAndIntegersWriteThroughAndTheCacheHidesChangesBehindItsBack) {
     auto store = countReads();
     UserDefaultsUtility::setString("123", "k");
-    EXPECT_EQ(store->writes, 1);
-    EXPECT_EQ(store->flushes, 1);
+    UserDefaultsUtility::setInt(1731667200123, "n");
+    EXPECT_EQ(store->writes, 2);
+    EXPECT_EQ(store->flushes, 2);
     EXPECT_EQ(openFile()->string("k"), "123");
-
+    EXPECT_EQ(openFile()->integer("n"), 1731667200123);
     EXPECT_EQ(UserDefaultsUtility::string("k"), "123");
     EXPECT_EQ(store->reads, 0);
-}
 
-TEST_F(UserDefaultsStrings, FirstReadFillsTheCacheAndHidesLaterChangesBehindItsBack) {
-    auto store = countReads();
-    store->inner().setString("k", "first");
-    EXPECT_EQ(UserDefaultsUtility::string("k"), "first");
-    EXPECT_EQ(store->reads, 1);
-
-    store->inner().setString("k", "second");
-    EXPECT_EQ(UserDefaultsUtility::string("k"), "first");
-    EXPECT_EQ(UserDefaultsUtility::string("k"), "first");
-    EXPECT_EQ(store->reads, 1);
-}
-
-TEST_F(UserDefaultsStrings, AMissIsNotCachedAndNonTextReadsAsAbsent) {
-    auto store = countReads();
-    EXPECT_EQ(UserDefaultsUtility::string("k"), std::nullopt);
-    store->inner().setString("k", "late");
-    EXPECT_EQ(UserDefaultsUtility::string("k"), "late");
+    // The first read of a key fills the cache; later changes in the store are not seen.
+    // A miss is not cached.
+    EXPECT_EQ(UserDefaultsUtility::string("other"), std::nullopt);
+    store->inner().setString("other", "first");
+    EXPECT_EQ(UserDefaultsUtility::string("other"), "first");
+    store->inner().setString("other", "second");
+    EXPECT_EQ(UserDefaultsUtility::string("other"), "first");
     EXPECT_EQ(store->reads, 2);
+}
 
-    // An integer or data under the key is not text.
+TEST_F(StoreTest, TextReadsOfOtherKindsAreAbsent) {
+    auto store = countReads();
     store->inner().setInteger("n", 5);
     store->inner().setData("d", platform::toBytes("\"x\""));
     EXPECT_EQ(UserDefaultsUtility::string("n"), std::nullopt);
@@ -68,68 +47,57 @@ TEST_F(UserDefaultsStrings, AMissIsNotCachedAndNonTextReadsAsAbsent) {
     EXPECT_EQ(UserDefaultsUtility::string("i"), std::nullopt);
     store->inner().setString("i", "now text");
     EXPECT_EQ(UserDefaultsUtility::string("i"), "now text");
-    EXPECT_EQ(store->reads, before + 2);
     EXPECT_EQ(UserDefaultsUtility::string("i"), "now text");
     EXPECT_EQ(store->reads, before + 2);
 }
 
-TEST_F(UserDefaultsStrings, SetIntWritesAnIntegerRow) {
-    UserDefaultsUtility::setInt(1731667200123, "VendorConsents_lastupdate");
-    EXPECT_EQ(openFile()->integer("VendorConsents_lastupdate"), 1731667200123);
-}
-
-using UserDefaultsData = StoreTest;
-
-TEST_F(UserDefaultsData, SavedBytesAreStoredAsJsonStringOfBase64AndCachedRaw) {
+TEST_F(StoreTest, SavedBytesAreAJsonStringOfBase64CachedRawAndUndecodableOnesAbsentSilently) {
     auto store = countReads();
     const Bytes inner = platform::toBytes(R"({"x":"allow"})");
     UserDefaultsUtility::save(inner, "blob");
     EXPECT_EQ(store->writes, 1);
     EXPECT_EQ(store->flushes, 1);
-
-    const auto raw = openFile()->data("blob");
-    ASSERT_TRUE(raw);
-    EXPECT_EQ(platform::toString(*raw), "\"" + platform::base64Encode(inner) + "\"");
-
-    // Served from the cache as the bytes passed in.
+    EXPECT_EQ(platform::toString(openFile()->data("blob").value_or(Bytes{})),
+              "\"" + platform::base64Encode(inner) + "\"");
     EXPECT_EQ(UserDefaultsUtility::loadData("blob"), inner);
     EXPECT_EQ(store->reads, 0);
 
     // From the file after the cache is gone, then cached again.
     UserDefaultsUtility::resetCacheForTesting();
     EXPECT_EQ(UserDefaultsUtility::loadData("blob"), inner);
-    EXPECT_EQ(store->reads, 1);
     store->inner().setData("blob", platform::toBytes("\"" + platform::base64Encode("other") + "\""));
     EXPECT_EQ(UserDefaultsUtility::loadData("blob"), inner);
     EXPECT_EQ(store->reads, 1);
-}
 
-TEST_F(UserDefaultsData, UndecodableDataIsAbsentSilentlyAndNotCached) {
-    auto store = countReads();
     for (const char* stored : {R"({"x":"allow"})", "\"not base64!\"", "\"YWJj\"junk", "", "\xff"}) {
-        store->inner().setData("blob", platform::toBytes(stored));
-        EXPECT_EQ(UserDefaultsUtility::loadData("blob"), std::nullopt) << stored;
+        store->inner().setData("bad", platform::toBytes(stored));
+        EXPECT_EQ(UserDefaultsUtility::loadData("bad"), std::nullopt) << stored;
     }
     store->inner().setString("text", "\"YWJj\"");  // text, not data
     EXPECT_EQ(UserDefaultsUtility::loadData("text"), std::nullopt);
     EXPECT_EQ(UserDefaultsUtility::loadData("missing"), std::nullopt);
     EXPECT_TRUE(log.sink->messages().empty());
-
-    store->inner().setData("blob", platform::toBytes("\"YWJj\""));
-    EXPECT_EQ(UserDefaultsUtility::loadData("blob"), platform::toBytes("abc"));
+    // Nothing of that was cached.
+    store->inner().setData("bad", platform::toBytes("\"YWJj\""));
+    EXPECT_EQ(UserDefaultsUtility::loadData("bad"), platform::toBytes("abc"));
 }
 
-TEST_F(UserDefaultsData, RecordsRoundTripThroughTheFileAndTheCache) {
+TEST_F(StoreTest, RecordsRoundTripThroughTheFileAndTheCacheUntilRemoved) {
     auto store = countReads();
-    UserDefaultsUtility::save(config(), "cfg");
-    EXPECT_EQ(UserDefaultsUtility::load<TrackConfig>("cfg"), config());
+    UserDefaultsUtility::save(minimalConfig(), "cfg");
+    EXPECT_EQ(UserDefaultsUtility::load<TrackConfig>("cfg"), minimalConfig());
     EXPECT_EQ(store->reads, 0);
-
     UserDefaultsUtility::resetCacheForTesting();
-    EXPECT_EQ(UserDefaultsUtility::load<TrackConfig>("cfg"), config());
+    EXPECT_EQ(UserDefaultsUtility::load<TrackConfig>("cfg"), minimalConfig());
+    EXPECT_EQ(UserDefaultsUtility::load<TrackConfig>("cfg"), minimalConfig());
     EXPECT_EQ(store->reads, 1);
-    EXPECT_EQ(UserDefaultsUtility::load<TrackConfig>("cfg"), config());
-    EXPECT_EQ(store->reads, 1);
+
+    UserDefaultsUtility::remove("cfg");
+    EXPECT_EQ(store->removals, 1);
+    EXPECT_EQ(store->flushes, 2);
+    EXPECT_EQ(openFile()->value("cfg"), std::nullopt);
+    EXPECT_EQ(UserDefaultsUtility::load<TrackConfig>("cfg"), std::nullopt);
+    EXPECT_EQ(store->reads, 2);
 
     // A cached value of another type is not taken for the record.
     UserDefaultsUtility::setString("x", "other");
@@ -138,35 +106,22 @@ TEST_F(UserDefaultsData, RecordsRoundTripThroughTheFileAndTheCache) {
     EXPECT_TRUE(log.sink->messages().empty());
 }
 
-TEST_F(UserDefaultsData, EncodingFailureIsLoggedAndWritesNothing) {
+TEST_F(StoreTest, EncodingFailureIsLoggedAndWritesNothing) {
     auto store = countReads();
-    UserDefaultsUtility::save(config(std::nan("")), "cfg");
+    UserDefaultsUtility::save(minimalConfig(std::nan("")), "cfg");
+    UserDefaultsUtility::save(std::string("\xff"), "bad");  // not UTF-8: no JSON either
     EXPECT_EQ(store->writes, 0);
     EXPECT_EQ(store->flushes, 0);
     EXPECT_EQ(openFile()->value("cfg"), std::nullopt);
     EXPECT_EQ(UserDefaultsUtility::load<TrackConfig>("cfg"), std::nullopt);
 
     const auto lines = log.sink->messages(platform::LogType::info);
-    ASSERT_EQ(lines.size(), 1u);
+    ASSERT_EQ(lines.size(), 2u);
     EXPECT_EQ(lines[0].rfind("❌ UserDefaultsUtility: Failed to encode and save data for key cfg - ", 0), 0u)
         << lines[0];
     EXPECT_NE(lines[0].find("offlineTrackingTimeout"), std::string::npos) << lines[0];
-
-    // Text that is not UTF-8 cannot become JSON either.
-    UserDefaultsUtility::save(std::string("\xff"), "bad");
-    EXPECT_EQ(openFile()->value("bad"), std::nullopt);
-    EXPECT_EQ(log.sink->messages(platform::LogType::info).size(), 2u);
-}
-
-TEST_F(UserDefaultsData, RemoveClearsFileAndCache) {
-    auto store = countReads();
-    UserDefaultsUtility::save(config(), "cfg");
-    UserDefaultsUtility::remove("cfg");
-    EXPECT_EQ(store->removals, 1);
-    EXPECT_EQ(store->flushes, 2);
-    EXPECT_EQ(openFile()->value("cfg"), std::nullopt);
-    EXPECT_EQ(UserDefaultsUtility::load<TrackConfig>("cfg"), std::nullopt);
-    EXPECT_EQ(store->reads, 1);
+    EXPECT_EQ(lines[1].rfind("❌ UserDefaultsUtility: Failed to encode and save data for key bad - ", 0), 0u)
+        << lines[1];
 }
 
 }  // namespace

@@ -5,9 +5,10 @@
 #include <atomic>
 #include <cmath>
 #include <cstdlib>
-#include <limits>
 #include <regex>
 #include <thread>
+#include <tuple>
+#include <vector>
 
 namespace tavrin {
 namespace {
@@ -18,8 +19,7 @@ using platform::ScreenBounds;
 class DeviceInfoUtilityTest : public ::testing::Test {
 protected:
     void SetUp() override {
-        DeviceFacts::reset();
-        DeviceInfoUtility::reset();
+        TearDown();
         unsetenv("LC_ALL");
         unsetenv("LC_MESSAGES");
         setenv("LANG", "en_US.UTF-8", 1);
@@ -29,76 +29,59 @@ protected:
         DeviceInfoUtility::reset();
     }
 
-    // A source with every system fact present, so tests change one at a time.
-    static DeviceFactsSource fullSource() {
+    // The system facts all present (each its own text) or all absent.
+    static DeviceFactsSource source(bool present) {
+        auto fact = [present](const char* text) {
+            return [=] { return present ? std::optional<std::string>(text) : std::nullopt; };
+        };
         DeviceFactsSource source;
-        source.model = [] { return std::optional<std::string>("iPhone"); };
-        source.systemName = [] { return std::optional<std::string>("iOS"); };
-        source.systemVersion = [] { return std::optional<std::string>("17.2.1"); };
-        source.machine = [] { return std::optional<std::string>("iPhone15,2"); };
+        source.model = fact("iPhone");
+        source.systemName = fact("iOS");
+        source.systemVersion = fact("17.2.1");
+        source.machine = fact("iPhone15,2");
         return source;
     }
 };
 
-TEST_F(DeviceInfoUtilityTest, FillsConstantsAndSystemFacts) {
-    DeviceInfoUtility::setFactsSource(fullSource());
+TEST_F(DeviceInfoUtilityTest, SystemFactsConstantsAndAFreshCanonicalIdEachTime) {
+    DeviceInfoUtility::setFactsSource(source(true));
     const auto info = DeviceInfoUtility::collectDeviceInfo();
-    EXPECT_EQ(info.appDeviceBrand, "Apple");
-    EXPECT_EQ(info.appDeviceModel, "iPhone");
-    EXPECT_EQ(info.appDeviceOS, "iOS");
-    EXPECT_EQ(info.appDeviceOSVersion, "17.2.1");
-    EXPECT_EQ(info.appDeviceLanguage, "en");
-    EXPECT_EQ(info.appDeviceRegion, "US");
+    EXPECT_EQ(std::tuple(info.appDeviceBrand, info.appDeviceModel, info.appDeviceOS, info.appDeviceOSVersion,
+                         info.appDeviceLanguage, info.appDeviceRegion, info.appDeviceNetworkType),
+              std::tuple("Apple", "iPhone", "iOS", "17.2.1", "en", "US", "Unknown"));
     EXPECT_EQ(info.appDeviceCarrier, std::optional<std::string>("Unknown"));
-    EXPECT_EQ(info.appDeviceNetworkType, "Unknown");
-}
 
-TEST_F(DeviceInfoUtilityTest, EveryCollectionHasItsOwnCanonicalId) {
-    const auto first = DeviceInfoUtility::collectDeviceInfo();
-    const auto second = DeviceInfoUtility::collectDeviceInfo();
     const std::regex canonical("[0-9A-F]{8}-[0-9A-F]{4}-[0-9A-F]{4}-[0-9A-F]{4}-[0-9A-F]{12}");
-    EXPECT_TRUE(std::regex_match(first.appDeviceId, canonical)) << first.appDeviceId;
-    EXPECT_NE(first.appDeviceId, second.appDeviceId);
-    // Everything else is the same device.
-    auto same = second;
-    same.appDeviceId = first.appDeviceId;
-    EXPECT_EQ(same, first);
+    EXPECT_TRUE(std::regex_match(info.appDeviceId, canonical)) << info.appDeviceId;
+    auto next = DeviceInfoUtility::collectDeviceInfo();
+    EXPECT_NE(next.appDeviceId, info.appDeviceId);
+    next.appDeviceId = info.appDeviceId;  // everything else is the same device
+    EXPECT_EQ(next, info);
 }
 
 TEST_F(DeviceInfoUtilityTest, ApplicationNameVersionAndBuildFromHostBundleKeys) {
-    DeviceFacts::setApplicationInfo({.bundleIdentifier = "com.example.shop",
-                                     .infoDictionary = {{"CFBundleName", "Shop"},
-                                                        {"CFBundleShortVersionString", "2.3"},
-                                                        {"CFBundleVersion", 41}}});  // not text: absent
-    auto info = DeviceInfoUtility::collectDeviceInfo();
-    EXPECT_EQ(info.appApplicationName, "Shop");
-    EXPECT_EQ(info.appApplicationVersion, "2.3");
-    EXPECT_EQ(info.appApplicationBuildNumber, "Unknown");
-
-    DeviceFacts::setApplicationInfo({.bundleIdentifier = std::nullopt,
-                                     .infoDictionary = {{"CFBundleDisplayName", "Shop Plus"}, {"CFBundleName", "Shop"}, {"CFBundleVersion", "41"}}});
-    DeviceInfoUtility::reset();
-    info = DeviceInfoUtility::collectDeviceInfo();
-    EXPECT_EQ(info.appApplicationName, "Shop Plus");
-    EXPECT_EQ(info.appApplicationVersion, "Unknown");
-    EXPECT_EQ(info.appApplicationBuildNumber, "41");
-
-    // A display name that is not text falls through to the bundle name.
-    DeviceFacts::setApplicationInfo({.bundleIdentifier = std::nullopt, .infoDictionary = {{"CFBundleDisplayName", true}, {"CFBundleName", "Shop"}}});
-    DeviceInfoUtility::reset();
-    EXPECT_EQ(DeviceInfoUtility::collectDeviceInfo().appApplicationName, "Shop");
+    // Values that are not text count as absent; the display name comes before the bundle name.
+    const std::vector<std::pair<Json, std::vector<std::string>>> cases{
+        {{{"CFBundleName", "Shop"}, {"CFBundleShortVersionString", "2.3"}, {"CFBundleVersion", 41}},
+         {"Shop", "2.3", "Unknown"}},
+        {{{"CFBundleDisplayName", "Shop Plus"}, {"CFBundleName", "Shop"}, {"CFBundleVersion", "41"}},
+         {"Shop Plus", "Unknown", "41"}},
+        {{{"CFBundleDisplayName", true}, {"CFBundleName", "Shop"}}, {"Shop", "Unknown", "Unknown"}}};
+    for (const auto& [bundle, expected] : cases) {
+        DeviceFacts::setApplicationInfo({.bundleIdentifier = "com.example.shop", .infoDictionary = bundle});
+        DeviceInfoUtility::reset();
+        const auto info = DeviceInfoUtility::collectDeviceInfo();
+        EXPECT_EQ((std::vector{info.appApplicationName, info.appApplicationVersion, info.appApplicationBuildNumber}),
+                  expected);
+    }
 }
 
 TEST_F(DeviceInfoUtilityTest, AbsentFactsFallBackToUnknown) {
-    DeviceFactsSource source;
-    source.model = [] { return std::nullopt; };
-    source.systemName = [] { return std::nullopt; };
-    source.systemVersion = [] { return std::nullopt; };
-    source.machine = [] { return std::nullopt; };
-    source.infoDictionaryString = [](std::string_view) { return std::nullopt; };
-    source.currentLocale = [] { return platform::LocaleCodes{}; };
-    source.screenBounds = [] { return std::nullopt; };
-    DeviceInfoUtility::setFactsSource(source);
+    auto absent = source(false);
+    absent.infoDictionaryString = [](std::string_view) { return std::nullopt; };
+    absent.currentLocale = [] { return platform::LocaleCodes{}; };
+    absent.screenBounds = [] { return std::nullopt; };
+    DeviceInfoUtility::setFactsSource(absent);
     const auto info = DeviceInfoUtility::collectDeviceInfo();
     for (const auto* text : {&info.appDeviceModel, &info.appDeviceOS, &info.appDeviceOSVersion,
                              &info.appDeviceLanguage, &info.appDeviceRegion, &info.appApplicationName,
@@ -109,71 +92,48 @@ TEST_F(DeviceInfoUtilityTest, AbsentFactsFallBackToUnknown) {
     EXPECT_EQ(info.appDeviceHeight, 0);
 }
 
-TEST_F(DeviceInfoUtilityTest, LocaleIsReadFreshOnEveryCollection) {
-    setenv("LANG", "de_AT.UTF-8", 1);
-    auto info = DeviceInfoUtility::collectDeviceInfo();
-    EXPECT_EQ(info.appDeviceLanguage, "de");
-    EXPECT_EQ(info.appDeviceRegion, "AT");
-
-    setenv("LC_ALL", "fr", 1);  // no region
-    info = DeviceInfoUtility::collectDeviceInfo();
-    EXPECT_EQ(info.appDeviceLanguage, "fr");
-    EXPECT_EQ(info.appDeviceRegion, "Unknown");
-
-    setenv("LC_ALL", "C", 1);
-    info = DeviceInfoUtility::collectDeviceInfo();
-    EXPECT_EQ(info.appDeviceLanguage, "Unknown");
-    EXPECT_EQ(info.appDeviceRegion, "Unknown");
-}
-
-TEST_F(DeviceInfoUtilityTest, ScreenSizeInPointsTruncatedTowardZero) {
-    DeviceFacts::setScreenBounds(ScreenBounds{390, 844});
-    auto info = DeviceInfoUtility::collectDeviceInfo();
-    EXPECT_EQ(info.appDeviceWidth, 390);
-    EXPECT_EQ(info.appDeviceHeight, 844);
-
-    // Read on every collection: a rotated screen shows at once.
-    DeviceFacts::setScreenBounds(ScreenBounds{844.9, 390.99});
-    info = DeviceInfoUtility::collectDeviceInfo();
-    EXPECT_EQ(info.appDeviceWidth, 844);
-    EXPECT_EQ(info.appDeviceHeight, 390);
-
-    DeviceFacts::setScreenBounds(ScreenBounds{-0.5, -2.7});
-    info = DeviceInfoUtility::collectDeviceInfo();
-    EXPECT_EQ(info.appDeviceWidth, 0);
-    EXPECT_EQ(info.appDeviceHeight, -2);
-
-    DeviceFacts::setScreenBounds(std::nullopt);
-    info = DeviceInfoUtility::collectDeviceInfo();
-    EXPECT_EQ(info.appDeviceWidth, 0);
-    EXPECT_EQ(info.appDeviceHeight, 0);
+TEST_F(DeviceInfoUtilityTest, LocaleAndScreenAreReadFreshOnEveryCollection) {
+    for (const auto& [lcAll, language, region] : std::vector<std::tuple<const char*, const char*, const char*>>{
+             {"de_AT.UTF-8", "de", "AT"}, {"fr", "fr", "Unknown"}, {"C", "Unknown", "Unknown"},
+             {"POSIX", "Unknown", "Unknown"}}) {
+        setenv("LC_ALL", lcAll, 1);
+        const auto info = DeviceInfoUtility::collectDeviceInfo();
+        EXPECT_EQ(info.appDeviceLanguage, language) << lcAll;
+        EXPECT_EQ(info.appDeviceRegion, region) << lcAll;
+    }
+    // Points truncated toward zero; a rotated screen shows at once.
+    for (const auto& [bounds, width, height] : std::vector<std::tuple<std::optional<ScreenBounds>, int, int>>{
+             {ScreenBounds{390, 844}, 390, 844}, {ScreenBounds{844.9, 390.99}, 844, 390},
+             {ScreenBounds{-0.5, -2.7}, 0, -2}, {std::nullopt, 0, 0}}) {
+        DeviceFacts::setScreenBounds(bounds);
+        const auto info = DeviceInfoUtility::collectDeviceInfo();
+        EXPECT_EQ(info.appDeviceWidth, width);
+        EXPECT_EQ(info.appDeviceHeight, height);
+    }
 }
 
 TEST_F(DeviceInfoUtilityTest, UnrepresentableScreenSizeIsFatal) {
     GTEST_FLAG_SET(death_test_style, "threadsafe");
-    DeviceFacts::setScreenBounds(ScreenBounds{std::nan(""), 844});
-    EXPECT_DEATH(DeviceInfoUtility::collectDeviceInfo(), "Screen width cannot be converted to a 64-bit integer");
-    DeviceFacts::setScreenBounds(ScreenBounds{390, std::numeric_limits<double>::infinity()});
-    EXPECT_DEATH(DeviceInfoUtility::collectDeviceInfo(), "Screen height cannot be converted");
-    DeviceFacts::setScreenBounds(ScreenBounds{9223372036854775808.0, 1});
-    EXPECT_DEATH(DeviceInfoUtility::collectDeviceInfo(), "Screen width");
+    for (const auto& [bounds, message] : std::vector<std::pair<ScreenBounds, const char*>>{
+             {{std::nan(""), 844}, "Screen width cannot be converted to a 64-bit integer"},
+             {{390, INFINITY}, "Screen height cannot be converted to a 64-bit integer"},
+             {{9223372036854775808.0, 1}, "Screen width cannot be converted to a 64-bit integer"}}) {
+        DeviceFacts::setScreenBounds(bounds);
+        EXPECT_DEATH(DeviceInfoUtility::collectDeviceInfo(), message);
+    }
 }
 
 TEST_F(DeviceInfoUtilityTest, FixedFactsAreReadOnceUntilReset) {
     auto calls = std::make_shared<std::atomic<int>>(0);
-    auto source = fullSource();
-    source.model = [calls] {
-        ++*calls;
-        return std::optional<std::string>("Model " + std::to_string(calls->load()));
-    };
-    DeviceInfoUtility::setFactsSource(source);
+    auto counted = source(true);
+    counted.model = [calls] { return std::optional<std::string>("Model " + std::to_string(++*calls)); };
+    DeviceInfoUtility::setFactsSource(counted);
 
     std::vector<std::thread> threads;
     std::atomic<int> wrong{0};
     for (int t = 0; t < 4; ++t) {
         threads.emplace_back([&] {
-            for (int i = 0; i < 50; ++i)
-                if (DeviceInfoUtility::collectDeviceInfo().appDeviceModel != "Model 1") ++wrong;
+            for (int i = 0; i < 50; ++i) wrong += DeviceInfoUtility::collectDeviceInfo().appDeviceModel != "Model 1";
         });
     }
     for (auto& thread : threads) thread.join();
@@ -183,10 +143,8 @@ TEST_F(DeviceInfoUtilityTest, FixedFactsAreReadOnceUntilReset) {
     // Bundle keys are kept too: a change shows only after a reset.
     DeviceFacts::setApplicationInfo({.bundleIdentifier = std::nullopt, .infoDictionary = {{"CFBundleVersion", "99"}}});
     EXPECT_EQ(DeviceInfoUtility::collectDeviceInfo().appApplicationBuildNumber, "Unknown");
-
-    DeviceInfoUtility::setFactsSource(source);
+    DeviceInfoUtility::setFactsSource(counted);
     const auto info = DeviceInfoUtility::collectDeviceInfo();
-    EXPECT_EQ(calls->load(), 2);
     EXPECT_EQ(info.appDeviceModel, "Model 2");
     EXPECT_EQ(info.appApplicationBuildNumber, "99");
 }

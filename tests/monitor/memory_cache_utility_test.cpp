@@ -5,8 +5,6 @@
 #include <map>
 #include <thread>
 
-#include "tavrin/platform/dispatch.h"
-
 namespace tavrin {
 namespace {
 
@@ -26,15 +24,10 @@ std::vector<std::string> idsOf(const std::vector<PushPayload>& payloads) {
 }
 
 TEST_F(MemoryCacheUtilityTest, KeyedValuesAreStoredAsTheyAreAndReadByType) {
-    EXPECT_EQ(cache.queueLabel(), "com.tavrin.cache");
-    EXPECT_FALSE(cache.get<int>("missing"));
-    EXPECT_FALSE(cache.getAny("missing").has_value());
-
     using ProductData = std::map<std::string, CodableValue>;
-    cache.set("ProductData", ProductData{{"product_track", CodableValue::array({CodableValue::string("product")})}});
-    const auto product = cache.get<ProductData>("ProductData");
-    ASSERT_TRUE(product);
-    EXPECT_EQ(product->at("product_track"), CodableValue::array({CodableValue::string("product")}));
+    const ProductData product{{"product_track", CodableValue::array({CodableValue::string("product")})}};
+    cache.set("ProductData", product);
+    EXPECT_EQ(cache.get<ProductData>("ProductData"), product);
     // Another type under the same key is not converted.
     EXPECT_FALSE(cache.get<std::string>("ProductData"));
 
@@ -42,6 +35,7 @@ TEST_F(MemoryCacheUtilityTest, KeyedValuesAreStoredAsTheyAreAndReadByType) {
     EXPECT_EQ(cache.get<std::string>("ProductData"), "replaced");
     cache.remove("ProductData");
     EXPECT_FALSE(cache.getAny("ProductData").has_value());
+    EXPECT_FALSE(cache.get<int>("missing"));
 }
 
 TEST_F(MemoryCacheUtilityTest, BarrierWritesAreVisibleToLaterReadsFromAnyThread) {
@@ -51,20 +45,17 @@ TEST_F(MemoryCacheUtilityTest, BarrierWritesAreVisibleToLaterReadsFromAnyThread)
         ASSERT_EQ(cache.get<int>("counter"), i);
     }
     int seen = -1;
-    std::thread reader([&] {
+    std::thread([&] {
         cache.set("fromThread", 7);
         seen = cache.get<int>("fromThread").value_or(-1);
-    });
-    reader.join();
+    }).join();
     EXPECT_EQ(seen, 7);
     EXPECT_EQ(cache.get<int>("fromThread"), 7);
 }
 
-TEST_F(MemoryCacheUtilityTest, PushListKeepsOrderAndRemovesByIds) {
-    EXPECT_TRUE(cache.getPushPayloads().empty());
+TEST_F(MemoryCacheUtilityTest, PushListKeepsOrderRemovesByIdsAndResets) {
     for (int i = 0; i < 5; ++i) cache.appendPushPayload(payload("P" + std::to_string(i), i));
     EXPECT_EQ(idsOf(cache.getPushPayloads()), (std::vector<std::string>{"P0", "P1", "P2", "P3", "P4"}));
-
     cache.removePushPayloads({"P3", "P0", "unknown"});
     EXPECT_EQ(idsOf(cache.getPushPayloads()), (std::vector<std::string>{"P1", "P2", "P4"}));
 
@@ -73,11 +64,15 @@ TEST_F(MemoryCacheUtilityTest, PushListKeepsOrderAndRemovesByIds) {
     cache.appendPushPayload(payload("P5", 5));
     cache.removePushPayloads(idsOf(snapshot));
     EXPECT_EQ(idsOf(cache.getPushPayloads()), (std::vector<std::string>{"P5"}));
-    // The push list is separate from the keyed cache.
+    // The push list is separate from the keyed cache; a reset empties both.
     EXPECT_FALSE(cache.getAny("P5").has_value());
+    cache.set("k", 1);
+    MemoryCacheUtility::resetShared();
+    EXPECT_FALSE(cache.get<int>("k"));
+    EXPECT_TRUE(cache.getPushPayloads().empty());
 }
 
-TEST_F(MemoryCacheUtilityTest, ConcurrentAppendsAreAllKept) {
+TEST_F(MemoryCacheUtilityTest, ConcurrentAppendsAreAllKeptInEachThreadsOrder) {
     constexpr int perThread = 250;
     std::vector<std::thread> threads;
     for (int t = 0; t < 4; ++t)
@@ -87,23 +82,8 @@ TEST_F(MemoryCacheUtilityTest, ConcurrentAppendsAreAllKept) {
     for (auto& th : threads) th.join();
     const auto all = cache.getPushPayloads();
     ASSERT_EQ(all.size(), 4u * perThread);
-    // Each thread's own appends stay in its order.
-    std::map<char, std::int64_t> last;
-    for (const auto& p : all) {
-        auto [it, fresh] = last.try_emplace(p.id[0], p.order);
-        if (!fresh) {
-            EXPECT_EQ(p.order, it->second + 1);
-            it->second = p.order;
-        }
-    }
-}
-
-TEST_F(MemoryCacheUtilityTest, ResetEmptiesBothStores) {
-    cache.set("k", 1);
-    cache.appendPushPayload(payload("P", 0));
-    MemoryCacheUtility::resetShared();
-    EXPECT_FALSE(cache.get<int>("k"));
-    EXPECT_TRUE(cache.getPushPayloads().empty());
+    std::map<char, std::int64_t> next;
+    for (const auto& p : all) EXPECT_EQ(p.order, next[p.id[0]]++) << p.id;
 }
 
 }  // namespace

@@ -3,7 +3,8 @@
 #include <gtest/gtest.h>
 
 #include <cmath>
-#include <limits>
+#include <utility>
+#include <vector>
 
 #include "tavrin/platform/clock.h"
 
@@ -18,26 +19,22 @@ protected:
 };
 
 TEST_F(TimestampUtilityTest, MillisecondsTruncatedTowardZero) {
-    Clock::setFixed(1700000000.1234);
-    EXPECT_EQ(TimestampUtility::currentTimestampInMillis(), 1700000000123);
-    Clock::advance(0.0009);
-    EXPECT_EQ(TimestampUtility::currentTimestampInMillis(), 1700000000124);
-    Clock::setFixed(0.0009);
-    EXPECT_EQ(TimestampUtility::currentTimestampInMillis(), 0);
-    Clock::setFixed(-1.5009);
-    EXPECT_EQ(TimestampUtility::currentTimestampInMillis(), -1500);
+    for (const auto& [seconds, millis] : std::vector<std::pair<double, std::int64_t>>{
+             {1700000000.1234, 1700000000123}, {1700000000.1243, 1700000000124}, {0.0009, 0}, {-1.5009, -1500}}) {
+        Clock::setFixed(seconds);
+        EXPECT_EQ(TimestampUtility::currentTimestampInMillis(), millis) << seconds;
+    }
 }
 
 TEST_F(TimestampUtilityTest, UnrepresentableTimeIsFatal) {
     GTEST_FLAG_SET(death_test_style, "threadsafe");
-    Clock::setFixed(std::nan(""));
-    EXPECT_DEATH(TimestampUtility::currentTimestampInMillis(), "Timestamp in milliseconds cannot be converted");
-    Clock::setFixed(std::numeric_limits<double>::infinity());
-    EXPECT_DEATH(TimestampUtility::currentTimestampInMillis(), "cannot be converted to a 64-bit integer");
-    Clock::setFixed(1e16);  // 1e19 ms is past the signed 64-bit range
-    EXPECT_DEATH(TimestampUtility::currentTimestampInMillis(), "cannot be converted");
-    Clock::setFixed(-1e16);
-    EXPECT_DEATH(TimestampUtility::currentTimestampInMillis(), "cannot be converted");
+    // 1e16 s is 1e19 ms, past the signed 64-bit range.
+    for (double seconds : {std::nan(""), HUGE_VAL, -HUGE_VAL, 1e16, -1e16}) {
+        Clock::setFixed(seconds);
+        EXPECT_DEATH(TimestampUtility::currentTimestampInMillis(),
+                     "Timestamp in milliseconds cannot be converted to a 64-bit integer")
+            << seconds;
+    }
 }
 
 }  // namespace

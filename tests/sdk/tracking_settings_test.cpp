@@ -3,6 +3,8 @@
 #include <gtest/gtest.h>
 
 #include <cmath>
+#include <functional>
+#include <tuple>
 #include <vector>
 
 #include "tests/consent/store_fixture.h"
@@ -10,119 +12,90 @@
 namespace tavrin {
 namespace {
 
+using testing::fullConfig;
 using testing::StoreTest;
+using Lines = std::vector<std::string>;
 
 constexpr const char* kKey = "com.tavrin.TrackingSettings";
 constexpr const char* kNotInitialized =
     "TrackingSettings is not initialized\\. Call TrackingSettings\\.configure\\(\\.\\.\\.\\) first\\.";
-constexpr const char* kNotAvailable = "^TrackConfig is not available\\.\n$";
-
-TrackConfig configFor(const std::string& container, double offlineTimeout = 86400) {
-    return TrackConfig{.trackDomain = "collect.example.com",
-                       .container = container,
-                       .environment = TrackConfig::Environment::stage,
-                       .version = "3",
-                       .debugCode = "dbg",
-                       .sessionTimeoutInSeconds = 900,
-                       .authorizationToken = "token",
-                       .customProtocol = "http",
-                       .enableOfflineTracking = true,
-                       .offlineTrackingTimeout = offlineTimeout};
-}
 
 using TrackingSettingsStore = StoreTest;
 
 TEST_F(TrackingSettingsStore, ConfigureInstallsPersistsAndLogs) {
-    TrackingSettings::configure(configFor("shop-app"));
+    TrackingSettings::configure(fullConfig("a"));
     EXPECT_EQ(log.sink->messages(platform::LogType::info),
-              (std::vector<std::string>{"TrackConfig saved to UserDefaults.", "TrackingSettings configured successfully."}));
+              (Lines{"TrackConfig saved to UserDefaults.", "TrackingSettings configured successfully."}));
+    EXPECT_EQ(platform::toString(openFile()->data(kKey).value_or(Bytes{})), encodeJsonText(fullConfig("a")));
 
     log.sink->clear();
-    auto settings = TrackingSettings::shared();
-    EXPECT_EQ(log.sink->messages(platform::LogType::debug), std::vector<std::string>{"Accessing TrackingSettings."});
-    EXPECT_EQ(settings->trackDomain(), "collect.example.com");
-    EXPECT_EQ(settings->container(), "shop-app");
-    EXPECT_EQ(settings->environment(), TrackConfig::Environment::stage);
-    EXPECT_EQ(settings->version(), "3");
-    EXPECT_EQ(settings->debugCode(), "dbg");
-    EXPECT_EQ(settings->sessionTimeoutInSeconds(), 900.0);
-    EXPECT_EQ(settings->authorizationToken(), "token");
-    EXPECT_EQ(settings->customProtocol(), "http");
-    EXPECT_TRUE(settings->enableOfflineTracking());
-    EXPECT_EQ(settings->offlineTrackingTimeout(), 86400.0);
-
-    // Stored as the JSON of the configuration.
-    const auto stored = openFile()->data(kKey);
-    ASSERT_TRUE(stored);
-    EXPECT_EQ(Json::parse(platform::toString(*stored)), encodeJson(configFor("shop-app")));
-}
-
-TEST_F(TrackingSettingsStore, ANewConfigurationReplacesTheInstanceButNotHeldOnes) {
-    TrackingSettings::configure(configFor("a"));
     auto held = TrackingSettings::shared();
-    TrackingSettings::configure(configFor("b"));
+    EXPECT_EQ(log.sink->messages(platform::LogType::debug), Lines{"Accessing TrackingSettings."});
+    // Every member its own value, so a getter answering from the wrong member shows.
+    const auto& s = *held;
+    EXPECT_EQ(std::tuple(s.trackDomain(), s.container(), s.environment(), s.version(), s.debugCode(),
+                         s.sessionTimeoutInSeconds(), s.authorizationToken(), s.customProtocol(),
+                         s.enableOfflineTracking(), s.offlineTrackingTimeout()),
+              std::tuple("collect.example.com", "a", TrackConfig::Environment::stage, "3", "dbg-1", 1800.5, "token",
+                         "http", true, 86400.0));
+
+    // A new configuration replaces the shared instance but not held ones.
+    TrackingSettings::configure(fullConfig("b"));
     EXPECT_EQ(held->container(), "a");
     EXPECT_EQ(TrackingSettings::shared()->container(), "b");
-    EXPECT_NE(held, TrackingSettings::shared());
 }
 
 TEST_F(TrackingSettingsStore, FailedSaveStillConfiguresAndLogsSuccess) {
-    TrackingSettings::configure(configFor("a", std::nan("")));
+    TrackingSettings::configure(fullConfig("a", std::nan("")));
     const auto info = log.sink->messages(platform::LogType::info);
     ASSERT_EQ(info.size(), 3u);
     EXPECT_EQ(info[0].rfind("❌ UserDefaultsUtility: Failed to encode and save data for key com.tavrin.TrackingSettings - ", 0),
               0u)
         << info[0];
-    EXPECT_EQ(info[1], "TrackConfig saved to UserDefaults.");
-    EXPECT_EQ(info[2], "TrackingSettings configured successfully.");
+    EXPECT_EQ(Lines(info.begin() + 1, info.end()),
+              (Lines{"TrackConfig saved to UserDefaults.", "TrackingSettings configured successfully."}));
     EXPECT_EQ(TrackingSettings::shared()->container(), "a");
     EXPECT_EQ(openFile()->value(kKey), std::nullopt);
 }
 
-TEST_F(TrackingSettingsStore, LoadsWhatAnEarlierLaunchPersisted) {
-    TrackingSettings::configure(configFor("a"));
+TEST_F(TrackingSettingsStore, LoadsWhatAnEarlierLaunchPersistedOnce) {
+    TrackingSettings::configure(fullConfig("a"));
     forgetProcessState();
     auto store = countReads();
     log.sink->clear();
-
     TrackingSettings::loadConfigFromUserDefaults();
-    EXPECT_EQ(store->reads, 1);
-    EXPECT_EQ(log.sink->messages(platform::LogType::info), std::vector<std::string>{"TrackConfig loaded from UserDefaults."});
-    EXPECT_EQ(TrackingSettings::shared()->config(), configFor("a"));
-
+    EXPECT_EQ(log.sink->messages(platform::LogType::info), Lines{"TrackConfig loaded from UserDefaults."});
+    EXPECT_EQ(TrackingSettings::shared()->config(), fullConfig("a"));
     // The decoded record is cached: a second load does not read again.
     TrackingSettings::loadConfigFromUserDefaults();
     EXPECT_EQ(store->reads, 1);
 }
 
 TEST_F(TrackingSettingsStore, NothingOrGarbageStoredLeavesTheInstanceInPlace) {
-    TrackingSettings::configure(configFor("a"));
+    TrackingSettings::configure(fullConfig("a"));
     auto before = TrackingSettings::shared();
-    const std::vector<platform::KeyValueStore::Value> stored{
+    const std::vector<std::optional<platform::KeyValueStore::Value>> stored{
         platform::toBytes("garbage"), platform::toBytes(R"({"trackDomain":"d"})"),
         platform::toBytes(R"({"trackDomain":"d","container":"c","environment":"Live","authorizationToken":"t",)"
                           R"("enableOfflineTracking":true,"offlineTrackingTimeout":1})"),
-        std::string(encodeJsonText(configFor("text"))),  // text row, not data
-        Bytes{}};
+        std::string(encodeJsonText(fullConfig("text"))),  // text row, not data
+        Bytes{}, std::nullopt};
     for (const auto& value : stored) {
-        openFile()->set(kKey, value);
+        value ? openFile()->set(kKey, *value) : openFile()->remove(kKey);
         UserDefaultsUtility::resetCacheForTesting();
         log.sink->clear();
         TrackingSettings::loadConfigFromUserDefaults();
-        EXPECT_EQ(log.sink->messages(), std::vector<std::string>{"No TrackConfig found in UserDefaults."});
+        EXPECT_EQ(log.sink->messages(platform::LogType::error), Lines{"No TrackConfig found in UserDefaults."});
+        EXPECT_EQ(log.sink->records().size(), 1u);
         EXPECT_EQ(TrackingSettings::shared(), before);
     }
-    openFile()->remove(kKey);
-    UserDefaultsUtility::resetCacheForTesting();
-    TrackingSettings::loadConfigFromUserDefaults();
-    EXPECT_EQ(TrackingSettings::shared(), before);
 }
 
 TEST_F(TrackingSettingsStore, ClearRemovesTheStoredValueTheCacheAndTheInstance) {
-    TrackingSettings::configure(configFor("a"));
+    TrackingSettings::configure(fullConfig("a"));
     log.sink->clear();
     TrackingSettings::clearConfigFromUserDefaults();
-    EXPECT_EQ(log.sink->messages(), std::vector<std::string>{"TrackingSettings removed from UserDefaults."});
+    EXPECT_EQ(log.sink->messages(), Lines{"TrackingSettings removed from UserDefaults."});
     EXPECT_EQ(openFile()->value(kKey), std::nullopt);
     TrackingSettings::loadConfigFromUserDefaults();  // neither the cache nor the file has it
     EXPECT_TRUE(log.sink->contains("No TrackConfig found in UserDefaults."));
@@ -130,37 +103,24 @@ TEST_F(TrackingSettingsStore, ClearRemovesTheStoredValueTheCacheAndTheInstance) 
     EXPECT_DEATH(TrackingSettings::shared(), kNotInitialized);
 }
 
-TEST(TrackingSettingsFatal, SharedWithoutConfigurationLogsThenStops) {
+TEST(TrackingSettingsWithoutConfiguration, SharedLogsThenStopsRequiredGettersStopOptionalOnesAnswer) {
     GTEST_FLAG_SET(death_test_style, "threadsafe");
     TrackingSettings::resetForTesting();
-    // The error line (through a stderr sink) comes first, then the stop message.
-    EXPECT_DEATH(
-        {
-            platform::SystemLog::setSink(std::make_shared<platform::StderrSink>());
-            TrackingSettings::shared();
-        },
-        std::string("ERROR: ") + kNotInitialized + "\n" + kNotInitialized + "\n$");
-}
-
-TEST(TrackingSettingsFatal, RequiredGettersStopWithoutLogging) {
-    GTEST_FLAG_SET(death_test_style, "threadsafe");
-    const TrackingSettings empty(std::nullopt);
     auto withStderrLog = [] { platform::SystemLog::setSink(std::make_shared<platform::StderrSink>()); };
-    EXPECT_DEATH({ withStderrLog(); (void)empty.trackDomain(); }, kNotAvailable);
-    EXPECT_DEATH({ withStderrLog(); (void)empty.container(); }, kNotAvailable);
-    EXPECT_DEATH({ withStderrLog(); (void)empty.environment(); }, kNotAvailable);
-    EXPECT_DEATH({ withStderrLog(); (void)empty.authorizationToken(); }, kNotAvailable);
-}
+    // The error line (through a stderr sink) comes first, then the stop message.
+    EXPECT_DEATH({ withStderrLog(); TrackingSettings::shared(); },
+                 std::string("ERROR: ") + kNotInitialized + "\n" + kNotInitialized + "\n$");
 
-TEST(TrackingSettingsFallbacks, OptionalGettersAnswerWithoutConfiguration) {
     const TrackingSettings empty(std::nullopt);
+    for (const auto& getter : std::vector<std::function<void()>>{
+             [&] { (void)empty.trackDomain(); }, [&] { (void)empty.container(); },
+             [&] { (void)empty.environment(); }, [&] { (void)empty.authorizationToken(); }})
+        EXPECT_DEATH({ withStderrLog(); getter(); }, "^TrackConfig is not available\\.\n$");
+
     EXPECT_EQ(empty.offlineTrackingTimeout(), 3600.0);
     EXPECT_FALSE(empty.enableOfflineTracking());
-    EXPECT_EQ(empty.version(), std::nullopt);
-    EXPECT_EQ(empty.debugCode(), std::nullopt);
-    EXPECT_EQ(empty.sessionTimeoutInSeconds(), std::nullopt);
-    EXPECT_EQ(empty.customProtocol(), std::nullopt);
-    EXPECT_EQ(empty.config(), std::nullopt);
+    EXPECT_FALSE(empty.version() || empty.debugCode() || empty.sessionTimeoutInSeconds() || empty.customProtocol() ||
+                 empty.config());
 }
 
 }  // namespace

@@ -2,7 +2,7 @@
 
 #include <gtest/gtest.h>
 
-#include <cctype>
+#include <regex>
 #include <thread>
 
 #include "tavrin/platform/clock.h"
@@ -15,6 +15,7 @@ namespace {
 using platform::Clock;
 using platform::LogType;
 using platform::NotificationCenter;
+using Lines = std::vector<std::string>;
 
 class SessionManagerTest : public ::testing::Test {
 protected:
@@ -27,187 +28,126 @@ protected:
         Clock::reset();
     }
 
-    std::vector<std::string> lines(LogType type) const { return log.sink->messages(type); }
+    Lines lines(LogType type) const { return log.sink->messages(type); }
 
     testing::LogCapture log{LogLevel::debug};
 };
 
-bool isUpperCaseUuid(const std::string& s) {
-    if (s.size() != 36) return false;
-    for (std::size_t i = 0; i < s.size(); ++i) {
-        if (i == 8 || i == 13 || i == 18 || i == 23) {
-            if (s[i] != '-') return false;
-        } else if (!std::isxdigit(static_cast<unsigned char>(s[i])) || std::islower(static_cast<unsigned char>(s[i]))) {
-            return false;
-        }
-    }
-    return true;
-}
+const std::regex kUpperCaseUuid("[0-9A-F]{8}-[0-9A-F]{4}-[0-9A-F]{4}-[0-9A-F]{4}-[0-9A-F]{12}");
 
 TEST(Action, RawValuesBothWays) {
+    for (auto action : {Action::new_, Action::update}) EXPECT_EQ(actionFromRawValue(rawValue(action)), action);
     EXPECT_STREQ(rawValue(Action::new_), "new");
     EXPECT_STREQ(rawValue(Action::update), "update");
-    EXPECT_EQ(actionFromRawValue("new"), Action::new_);
-    EXPECT_EQ(actionFromRawValue("update"), Action::update);
-    EXPECT_FALSE(actionFromRawValue("New"));
-    EXPECT_FALSE(actionFromRawValue(""));
+    EXPECT_FALSE(actionFromRawValue("New") || actionFromRawValue(""));
 }
 
-TEST(ShortestDecimalText, AlwaysShowsAFractionWhenPlain) {
-    EXPECT_EQ(detail::shortestDecimalText(1800), "1800.0");
-    EXPECT_EQ(detail::shortestDecimalText(10.5), "10.5");
-    EXPECT_EQ(detail::shortestDecimalText(0.1), "0.1");
-    EXPECT_EQ(detail::shortestDecimalText(0), "0.0");
-    EXPECT_EQ(detail::shortestDecimalText(-3), "-3.0");
-    EXPECT_EQ(detail::shortestDecimalText(1e300), "1e+300");
+TEST_F(SessionManagerTest, TimeoutDefaultsTo1800AndIsLoggedWithAFraction) {
+    EXPECT_DOUBLE_EQ(SessionManager::getSessionTimeout(), 1800.0);
+    Lines expected;
+    for (const auto& [seconds, text] : std::vector<std::pair<double, std::string>>{
+             {1800, "1800.0"}, {10.5, "10.5"}, {0, "0.0"}, {-3, "-3.0"}, {1e300, "1e+300"}, {0.1, "0.1"}}) {
+        SessionManager::setSessionTimeout(seconds);
+        expected.push_back("Session timeout set to " + text + " seconds");
+    }
+    EXPECT_EQ(lines(LogType::info), expected);
+    EXPECT_DOUBLE_EQ(SessionManager::getSessionTimeout(), 0.1);
 }
 
-TEST_F(SessionManagerTest, FirstSubmissionStartsThenUpdatesTheSameSession) {
-    const auto [first, firstAction] = SessionManager::startOrResumeSession();
-    EXPECT_EQ(firstAction, Action::new_);
-    EXPECT_TRUE(isUpperCaseUuid(first)) << first;
-    EXPECT_EQ(SessionManager::getCurrentSessionID(), first);
-
-    Clock::advance(5);
-    const auto [second, secondAction] = SessionManager::startOrResumeSession();
-    EXPECT_EQ(secondAction, Action::update);
-    EXPECT_EQ(second, first);
-    EXPECT_DOUBLE_EQ(SessionManager::getLastActiveTimestamp(), 1'700'000'005.0);
-
-    EXPECT_EQ(lines(LogType::info), std::vector<std::string>{"New session started with ID: " + first});
-    EXPECT_EQ(lines(LogType::debug), (std::vector<std::string>{"New session action triggered: " + first,
-                                                               "Update session action triggered: " + first}));
-}
-
-TEST_F(SessionManagerTest, TimeoutIsExceededOnlyWhenStrictlyGreater) {
+TEST_F(SessionManagerTest, SubmissionsUpdateUntilTheTimeoutIsStrictlyExceeded) {
     SessionManager::setSessionTimeout(10);
-    EXPECT_EQ(lines(LogType::info), std::vector<std::string>{"Session timeout set to 10.0 seconds"});
+    log.sink->clear();
     const auto [id, action] = SessionManager::startOrResumeSession();
-    ASSERT_EQ(action, Action::new_);
+    EXPECT_EQ(action, Action::new_);
+    EXPECT_TRUE(std::regex_match(id, kUpperCaseUuid)) << id;
+    EXPECT_EQ(SessionManager::getCurrentSessionID(), id);
 
-    Clock::advance(10.0);
-    const auto exact = SessionManager::startOrResumeSession();
-    EXPECT_EQ(exact, std::make_pair(id, Action::update));
+    // Each submission restarts the inactivity period: 10.0 twice is still the same session.
+    for (int i = 0; i < 2; ++i) {
+        Clock::advance(10.0);
+        EXPECT_EQ(SessionManager::startOrResumeSession(), std::make_pair(id, Action::update));
+    }
+    EXPECT_DOUBLE_EQ(SessionManager::getLastActiveTimestamp(), 1'700'000'020.0);
+    EXPECT_EQ(lines(LogType::info), Lines{"New session started with ID: " + id});
+    EXPECT_EQ(lines(LogType::debug), (Lines{"New session action triggered: " + id, "Update session action triggered: " + id,
+                                            "Update session action triggered: " + id}));
 
-    // Each submission restarts the inactivity period.
     Clock::advance(10.5);
     const auto [later, laterAction] = SessionManager::startOrResumeSession();
     EXPECT_EQ(laterAction, Action::new_);
     EXPECT_NE(later, id);
-    EXPECT_TRUE(isUpperCaseUuid(later));
-}
+    EXPECT_TRUE(std::regex_match(later, kUpperCaseUuid)) << later;
 
-TEST_F(SessionManagerTest, TimeoutTextAndDefault) {
-    EXPECT_DOUBLE_EQ(SessionManager::getSessionTimeout(), 1800.0);
-    SessionManager::setSessionTimeout(1800);
-    SessionManager::setSessionTimeout(10.5);
-    SessionManager::setSessionTimeout(0.1);
-    EXPECT_EQ(lines(LogType::info),
-              (std::vector<std::string>{"Session timeout set to 1800.0 seconds", "Session timeout set to 10.5 seconds",
-                                        "Session timeout set to 0.1 seconds"}));
-    EXPECT_DOUBLE_EQ(SessionManager::getSessionTimeout(), 0.1);
-}
-
-TEST_F(SessionManagerTest, EndSessionForcesANewOneAndKeepsTheLastActiveTime) {
-    const auto first = SessionManager::startOrResumeSession().first;
+    // Ending forces a new session on the next submission; the last active time stays.
     Clock::advance(1);
-    SessionManager::endSession();
-    EXPECT_FALSE(SessionManager::getCurrentSessionID());
-    EXPECT_DOUBLE_EQ(SessionManager::getLastActiveTimestamp(), 1'700'000'000.0);
-
-    const auto [next, action] = SessionManager::startOrResumeSession();
-    EXPECT_EQ(action, Action::new_);
-    EXPECT_NE(next, first);
-
-    SessionManager::endSession();
-    SessionManager::endSession();
-    const auto info = lines(LogType::info);
-    ASSERT_GE(info.size(), 2u);
-    EXPECT_EQ(info[info.size() - 2], "Session ended with ID: " + next);
-    EXPECT_EQ(info.back(), "Session ended with ID: unknown");
-}
-
-TEST_F(SessionManagerTest, ForegroundWithoutSessionWithinTimeoutStartsNothing) {
-    SessionManager::setLastActiveTimestamp(Clock::now() - 100);
-    SessionManager::appWillEnterForeground();
-    EXPECT_FALSE(SessionManager::getCurrentSessionID());
-    EXPECT_DOUBLE_EQ(SessionManager::getLastActiveTimestamp(), Clock::now());
-    EXPECT_EQ(lines(LogType::info), std::vector<std::string>{"App will enter foreground"});
-    EXPECT_EQ(lines(LogType::debug), std::vector<std::string>{"Resuming existing session with ID: unknown"});
-}
-
-TEST_F(SessionManagerTest, ForegroundAfterTimeoutStartsASessionTheNextSubmissionContinues) {
-    SessionManager::setSessionTimeout(10);
-    const auto old = SessionManager::startOrResumeSession().first;
     log.sink->clear();
-
-    Clock::advance(30);
-    SessionManager::appWillEnterForeground();
-    const auto started = SessionManager::getCurrentSessionID();
-    ASSERT_TRUE(started);
-    EXPECT_NE(*started, old);
-    EXPECT_EQ(lines(LogType::info),
-              (std::vector<std::string>{"App will enter foreground", "New session started with ID: " + *started}));
-    EXPECT_EQ(lines(LogType::debug), std::vector<std::string>{"Session timeout detected. Starting a new session."});
-
-    Clock::advance(1);
-    EXPECT_EQ(SessionManager::startOrResumeSession(), std::make_pair(*started, Action::update));
+    SessionManager::endSession();
+    SessionManager::endSession();
+    EXPECT_FALSE(SessionManager::getCurrentSessionID());
+    EXPECT_EQ(lines(LogType::info), (Lines{"Session ended with ID: " + later, "Session ended with ID: unknown"}));
+    EXPECT_DOUBLE_EQ(SessionManager::getLastActiveTimestamp(), 1'700'000'030.5);
+    const auto [next, nextAction] = SessionManager::startOrResumeSession();
+    EXPECT_EQ(nextAction, Action::new_);
+    EXPECT_NE(next, later);
 }
 
-TEST_F(SessionManagerTest, LifecycleNotificationsReachTheHandlers) {
+TEST_F(SessionManagerTest, LifecycleNotificationsReachTheHandlersUntilReset) {
     SessionManager::setSessionTimeout(60);
     SessionManager::startObservingAppLifecycle();
+    EXPECT_EQ(lines(LogType::info).back(), "Started observing app lifecycle events");
+    auto& center = NotificationCenter::defaultCenter();
+
+    // Within the timeout and without a session, coming to the foreground starts nothing.
+    log.sink->clear();
+    SessionManager::setLastActiveTimestamp(Clock::now() - 50);
+    center.post(NotificationCenter::willEnterForeground);
+    EXPECT_FALSE(SessionManager::getCurrentSessionID());
+    EXPECT_DOUBLE_EQ(SessionManager::getLastActiveTimestamp(), Clock::now());
+    EXPECT_EQ(lines(LogType::debug), Lines{"Resuming existing session with ID: unknown"});
+
     const auto id = SessionManager::startOrResumeSession().first;
     log.sink->clear();
-
-    auto& center = NotificationCenter::defaultCenter();
     Clock::advance(20);
     center.post(NotificationCenter::didEnterBackground);
     EXPECT_DOUBLE_EQ(SessionManager::getLastActiveTimestamp(), Clock::now());
-
     // Time in the background counts as inactivity: 50 s is within the timeout.
     Clock::advance(50);
     center.post(NotificationCenter::willEnterForeground);
     EXPECT_EQ(SessionManager::getCurrentSessionID(), id);
-    EXPECT_EQ(lines(LogType::debug), std::vector<std::string>{"Resuming existing session with ID: " + id});
+    EXPECT_EQ(lines(LogType::debug), Lines{"Resuming existing session with ID: " + id});
 
-    // 61 s in the background exceeds it.
+    // 61 s in the background exceeds it: a new session, which the next submission continues.
+    log.sink->clear();
     center.post(NotificationCenter::didEnterBackground);
     Clock::advance(61);
     center.post(NotificationCenter::willEnterForeground);
     const auto renewed = SessionManager::getCurrentSessionID();
     ASSERT_TRUE(renewed);
     EXPECT_NE(*renewed, id);
+    EXPECT_EQ(lines(LogType::debug), Lines{"Session timeout detected. Starting a new session."});
+    EXPECT_EQ(SessionManager::startOrResumeSession(), std::make_pair(*renewed, Action::update));
 
     center.post(NotificationCenter::willTerminate);
     EXPECT_FALSE(SessionManager::getCurrentSessionID());
-
     EXPECT_EQ(lines(LogType::info),
-              (std::vector<std::string>{"App entered background", "App will enter foreground", "App entered background",
-                                        "App will enter foreground", "New session started with ID: " + *renewed,
-                                        "App will terminate", "Session ended with ID: " + *renewed}));
-}
-
-TEST_F(SessionManagerTest, ObservingLogsAndResetUnregisters) {
-    SessionManager::startObservingAppLifecycle();
-    EXPECT_EQ(lines(LogType::info), std::vector<std::string>{"Started observing app lifecycle events"});
+              (Lines{"App entered background", "App will enter foreground", "New session started with ID: " + *renewed,
+                     "App will terminate", "Session ended with ID: " + *renewed}));
 
     SessionManager::resetForTesting();
     SessionManager::setCurrentSessionID("KEEP");
     log.sink->clear();
-    NotificationCenter::defaultCenter().post(NotificationCenter::willTerminate);
+    center.post(NotificationCenter::willTerminate);
     EXPECT_EQ(SessionManager::getCurrentSessionID(), "KEEP");
     EXPECT_TRUE(log.sink->messages().empty());
 }
 
-TEST_F(SessionManagerTest, LastActiveTimeIsReadLazilyOnFirstUse) {
+TEST_F(SessionManagerTest, LastActiveTimeIsReadOnceOnFirstUseEvenWhenRaced) {
     Clock::advance(42);  // after reset, before any access
     EXPECT_DOUBLE_EQ(SessionManager::getLastActiveTimestamp(), 1'700'000'042.0);
     Clock::advance(1);
     EXPECT_DOUBLE_EQ(SessionManager::getLastActiveTimestamp(), 1'700'000'042.0);
 
-    // A clock that moves on every reading: racing first readers must still
-    // agree, because the clock is read exactly once.
+    // A clock that moves on every reading: racing first readers must still agree.
     SessionManager::resetForTesting();
     double ticks = 0;
     Clock::setSource([&ticks] { return ticks += 1; });
@@ -216,7 +156,7 @@ TEST_F(SessionManagerTest, LastActiveTimeIsReadLazilyOnFirstUse) {
     for (int i = 0; i < 4; ++i) threads.emplace_back([&, i] { seen[i] = SessionManager::getLastActiveTimestamp(); });
     for (auto& t : threads) t.join();
     Clock::reset();
-    for (double v : seen) EXPECT_DOUBLE_EQ(v, 1.0);
+    EXPECT_EQ(seen, std::vector<double>(4, 1.0));
 }
 
 TEST_F(SessionManagerTest, ConcurrentSubmissionsAgreeOnOneSession) {
