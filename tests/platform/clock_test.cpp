@@ -4,7 +4,6 @@
 
 #include <atomic>
 #include <chrono>
-#include <cmath>
 #include <thread>
 #include <vector>
 
@@ -21,26 +20,16 @@ protected:
     void TearDown() override { Clock::reset(); }
 };
 
-TEST_F(ClockTest, FollowsTheSystemClockByDefault) {
-    Clock::reset();
-    EXPECT_NEAR(Clock::now(), systemSeconds(), 5.0);
-}
-
-TEST_F(ClockTest, FixedTimeMovesOnlyByHand) {
+TEST_F(ClockTest, FixedTimeOrCustomSourceUntilReset) {
     Clock::setFixed(1'700'000'000.25);
-    EXPECT_EQ(Clock::now(), 1'700'000'000.25);
     EXPECT_EQ(Clock::now(), 1'700'000'000.25);
     Clock::advance(1.5);
     EXPECT_EQ(Clock::now(), 1'700'000'001.75);
     Clock::advance(-0.75);
     EXPECT_EQ(Clock::now(), 1'700'000'001.0);
-    Clock::setFixed(10);
-    EXPECT_EQ(Clock::now(), 10.0);
     Clock::reset();
     EXPECT_NEAR(Clock::now(), systemSeconds(), 5.0);
-}
 
-TEST_F(ClockTest, CustomSourceAndAdvanceFromIt) {
     double t = 500;
     Clock::setSource([&] { return t; });
     EXPECT_EQ(Clock::now(), 500.0);
@@ -52,7 +41,6 @@ TEST_F(ClockTest, CustomSourceAndAdvanceFromIt) {
     EXPECT_EQ(Clock::now(), 605.0);
     Clock::setSource({});
     EXPECT_NEAR(Clock::now(), systemSeconds(), 5.0);
-
     // advance on the running system clock starts from now.
     Clock::advance(3600);
     EXPECT_NEAR(Clock::now(), systemSeconds() + 3600, 5.0);
@@ -60,13 +48,11 @@ TEST_F(ClockTest, CustomSourceAndAdvanceFromIt) {
 
 TEST_F(ClockTest, ReadersWhileTheTimeIsMoved) {
     Clock::setFixed(0);
-    std::atomic<bool> stop{false};
-    std::atomic<bool> wentBack{false};
+    std::atomic<bool> stop{false}, wentBack{false};
     std::vector<std::thread> readers;
     for (int r = 0; r < 2; ++r)
         readers.emplace_back([&] {
-            double last = 0;
-            while (!stop) {
+            for (double last = 0; !stop;) {
                 const double now = Clock::now();
                 if (now < last) wentBack = true;
                 last = now;

@@ -7,42 +7,39 @@
 namespace tavrin::platform {
 namespace {
 
-TEST(Base64, EncodesTheStandardVectors) {
-    const std::pair<const char*, const char*> vectors[] = {{"", ""},         {"f", "Zg=="},     {"fo", "Zm8="},
-                                                           {"foo", "Zm9v"},  {"foob", "Zm9vYg=="}, {"fooba", "Zm9vYmE="},
-                                                           {"foobar", "Zm9vYmFy"}};
+TEST(Base64, EncodesAndDecodesTheStandardVectorsAndEveryByte) {
+    const std::pair<const char*, const char*> vectors[] = {{"", ""},
+                                                           {"f", "Zg=="},
+                                                           {"fo", "Zm8="},
+                                                           {"foo", "Zm9v"},
+                                                           {"foob", "Zm9vYg=="},
+                                                           {"fooba", "Zm9vYmE="},
+                                                           {"foobar", "Zm9vYmFy"},
+                                                           {"\xFB\xFF\xBF", "+/+/"}};
     for (const auto& [plain, encoded] : vectors) {
         EXPECT_EQ(base64Encode(std::string_view(plain)), encoded);
         const auto decoded = base64Decode(encoded);
         ASSERT_TRUE(decoded) << encoded;
         EXPECT_EQ(toString(*decoded), plain);
     }
-    // Characters from the top of the alphabet and every byte value survive a round trip.
-    EXPECT_EQ(base64Encode(Bytes{0xFB, 0xFF, 0xBF}), "+/+/");
     Bytes all(256);
     for (int i = 0; i < 256; ++i) all[i] = static_cast<std::uint8_t>(i);
-    for (std::size_t n : {0u, 1u, 2u, 3u, 255u, 256u}) {
-        const Bytes part(all.begin(), all.begin() + static_cast<std::ptrdiff_t>(n));
-        const auto text = base64Encode(part);
-        EXPECT_EQ(text.size(), (n + 2) / 3 * 4);
-        EXPECT_EQ(base64Decode(text), part) << n;
-    }
+    EXPECT_EQ(base64Decode(base64Encode(all)), all);
 }
 
 TEST(Base64, RejectsMalformedText) {
     for (const char* bad : {"Zg", "Zg=", "Zm9", "Z===", "====", "Zg==Zg==", "Zm=v", "Zm9v=", "Zm9v====",
-                            "Zh==",   // padding hides set bits
-                            "Zm9=",   // likewise, one pad character
+                            "Zh==",  // padding hides set bits
+                            "Zm9=",  // likewise, one pad character
                             "Zm9v\n", " Zm9v", "Zm-_", "Zm9*", "Zm9v\xC3\xA9"}) {
         EXPECT_FALSE(base64Decode(bad).has_value()) << ::testing::PrintToString(std::string(bad));
     }
     EXPECT_FALSE(base64Decode(std::string_view("Zm\0v", 4)).has_value());
-    EXPECT_EQ(base64Decode(""), Bytes{});
 }
 
 TEST(ParseJson, GivesNothingForMalformedText) {
-    for (const char* bad : {"", " ", "{", "[1,]", "{\"a\":1,}", "{'a':1}", "nul", "1 2", "\"\\x\"", "\"\xff\"",
-                            "NaN", "[1] x", "{\"a\"}", "01", "1e999", "\"\\ud800\""}) {
+    for (const char* bad : {"", " ", "{", "[1,]", "{\"a\":1,}", "{'a':1}", "nul", "1 2", "\"\\x\"", "\"\xff\"", "NaN",
+                            "[1] x", "{\"a\"}", "01", "1e999", "\"\\ud800\""}) {
         EXPECT_FALSE(parseJson(bad).has_value()) << ::testing::PrintToString(std::string(bad));
     }
     EXPECT_FALSE(parseJson(std::string_view("[1]\0", 4)).has_value());
@@ -60,16 +57,13 @@ TEST(ParseJson, KeepsMemberOrderAndNumberKinds) {
 }
 
 TEST(ParseJson, LimitsNestingDepth) {
-    auto nested = [](int depth, char open, char close, const std::string& inner) {
-        return std::string(depth, open) + inner + std::string(depth, close);
-    };
-    EXPECT_TRUE(parseJson(nested(512, '[', ']', "")).has_value());
-    EXPECT_FALSE(parseJson(nested(513, '[', ']', "")).has_value());
+    const auto arrays = [](int depth) { return std::string(depth, '[') + std::string(depth, ']'); };
+    EXPECT_TRUE(parseJson(arrays(512)).has_value());
+    EXPECT_FALSE(parseJson(arrays(513)).has_value());
     EXPECT_FALSE(parseJson(std::string(1'000'000, '[')).has_value());
     std::string objects;
     for (int i = 0; i < 513; ++i) objects += "{\"k\":";
-    objects += "1" + std::string(513, '}');
-    EXPECT_FALSE(parseJson(objects).has_value());
+    EXPECT_FALSE(parseJson(objects + "1" + std::string(513, '}')).has_value());
     // Brackets in strings, escaped quotes included, are text.
     EXPECT_TRUE(parseJson("[\"" + std::string(600, '[') + "\\\"" + std::string(600, '{') + "\"]").has_value());
 }
