@@ -2,6 +2,8 @@
 
 #include <gtest/gtest.h>
 
+#include "tests/support/decoding_assertions.h"
+
 #include <cmath>
 #include <limits>
 #include <map>
@@ -11,19 +13,7 @@ namespace {
 
 CodableValue decodeText(std::string_view text) { return decodeJson<CodableValue>(text); }
 
-// f must throw a DecodingError of this kind at this path (and with this description, when given).
-template <class F>
-::testing::AssertionResult failsWith(F&& f, DecodingError::Kind kind, const CodingPath& path,
-                                     std::string_view description = {}) {
-    try {
-        f();
-    } catch (const DecodingError& e) {
-        if (e.kind() == kind && e.codingPath() == path && (description.empty() || e.debugDescription() == description))
-            return ::testing::AssertionSuccess();
-        return ::testing::AssertionFailure() << "got " << e.what();
-    }
-    return ::testing::AssertionFailure() << "no DecodingError";
-}
+using testing::failsWith;
 
 TEST(CodableValueDecode, TriesTextBoolIntegerDoubleArrayInOrder) {
     EXPECT_EQ(decodeText("1"), CodableValue::integer(1));

@@ -2,6 +2,8 @@
 
 #include <gtest/gtest.h>
 
+#include "tests/support/decoding_assertions.h"
+
 #include <map>
 #include <optional>
 #include <string>
@@ -13,18 +15,7 @@ namespace {
 
 using K = DecodingError::Kind;
 
-// f must throw a DecodingError of this kind at this path (and with this description, when given).
-template <class F>
-::testing::AssertionResult failsWith(F&& f, K kind, const CodingPath& path, std::string_view description = {}) {
-    try {
-        f();
-    } catch (const DecodingError& e) {
-        if (e.kind() == kind && e.codingPath() == path && (description.empty() || e.debugDescription() == description))
-            return ::testing::AssertionSuccess();
-        return ::testing::AssertionFailure() << "got " << e.what();
-    }
-    return ::testing::AssertionFailure() << "no DecodingError";
-}
+using testing::failsWith;
 
 // A record with one required, one optional and one byte-buffer member.
 struct Item {
