@@ -40,18 +40,7 @@ std::optional<std::string> UserDefaultsUtility::string(const std::string& key) {
     return stored;
 }
 
-std::optional<Bytes> UserDefaultsUtility::loadData(const std::string& key) {
-    if (auto cached = readCache().objectAs<Bytes>(key)) return cached;
-    auto data = storedData(key);
-    if (!data) return std::nullopt;
-    try {
-        Bytes decoded = decodeJson<Bytes>(platform::toString(*data));
-        cache(key, std::any(decoded));
-        return decoded;
-    } catch (const DecodingError&) {
-        return std::nullopt;
-    }
-}
+std::optional<Bytes> UserDefaultsUtility::loadData(const std::string& key) { return load<Bytes>(key); }
 
 void UserDefaultsUtility::remove(const std::string& key) {
     auto s = store();
