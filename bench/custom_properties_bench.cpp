@@ -1,7 +1,7 @@
 // Cost of turning one pushed dictionary into typed properties.
 #include <benchmark/benchmark.h>
 
-#include "tavrin/tracking/custom_properties.h"
+#include "tavrin/tracking/internal/custom_properties.h"
 
 namespace {
 

@@ -1,9 +1,9 @@
 // Cost of the device snapshot that every push carries.
 #include <benchmark/benchmark.h>
 
-#include "tavrin/monitor/device_info_utility.h"
-#include "tavrin/monitor/user_agent_utility.h"
-#include "tavrin/platform/uuid.h"
+#include "tavrin/monitor/internal/device_info_utility.h"
+#include "tavrin/monitor/internal/user_agent_utility.h"
+#include "tavrin/platform/internal/uuid.h"
 
 namespace {
 

@@ -1,8 +1,8 @@
-#include "tavrin/consent/consent_id_utility.h"
+#include "tavrin/consent/internal/consent_id_utility.h"
 
-#include "tavrin/consent/user_defaults_utility.h"
-#include "tavrin/sdk/logger_utility.h"
-#include "tavrin/sdk/tracking_settings.h"
+#include "tavrin/consent/internal/user_defaults_utility.h"
+#include "tavrin/sdk/internal/logger_utility.h"
+#include "tavrin/sdk/internal/tracking_settings.h"
 
 namespace tavrin {
 

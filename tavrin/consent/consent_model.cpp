@@ -1,4 +1,4 @@
-#include "tavrin/consent/consent_model.h"
+#include "tavrin/consent/internal/consent_model.h"
 
 namespace tavrin {
 

@@ -1,4 +1,5 @@
 #include "tavrin/consent/consent_status.h"
+#include "tavrin/consent/internal/consent_status_coding.h"
 
 namespace tavrin {
 
@@ -14,20 +15,18 @@ ConsentStatus JsonDecode<ConsentStatus>::decode(const Decoder& decoder) {
     return *status;
 }
 
-Json VendorValue::encode() const {
-    if (kind() == Kind::boolean) return Json(asBool());
-    return Json(asString());
+Json encodeJson(ConsentStatus status) { return Json(rawValue(status)); }
+
+Json encodeJson(const VendorValue& value) {
+    if (value.kind() == VendorValue::Kind::boolean) return Json(value.asBool());
+    return Json(value.asString());
 }
 
-VendorValue VendorValue::decode(const Decoder& decoder) {
-    try {
-        return boolean(decoder.decodeBool());
-    } catch (const DecodingError&) {
-    }
-    try {
-        return string(decoder.decodeString());
-    } catch (const DecodingError&) {
-    }
+VendorValue JsonDecode<VendorValue>::decode(const Decoder& decoder) {
+    // The JSON type decides: a boolean first, then a string.
+    const Json& node = decoder.json();
+    if (node.is_boolean()) return VendorValue::boolean(node.get<bool>());
+    if (node.is_string()) return VendorValue::string(node.get<std::string>());
     throw DecodingError(DecodingError::Kind::typeMismatch, decoder.codingPath(), "Failed to decode VendorValue");
 }
 

@@ -10,7 +10,6 @@
 #include <utility>
 #include <variant>
 
-#include "tavrin/tracking/coding.h"
 
 namespace tavrin {
 
@@ -45,12 +44,6 @@ public:
     bool asBool() const { return std::get<0>(storage_); }
     const std::string& asString() const { return std::get<1>(storage_); }
 
-    // The bare value: a JSON boolean or a JSON string.
-    Json encode() const;
-    // Tries a boolean, then a string; anything else is a typeMismatch
-    // "Failed to decode VendorValue" at the decoder's path.
-    static VendorValue decode(const Decoder& decoder);
-
     // Equal when the same case holds the same value.
     friend bool operator==(const VendorValue&, const VendorValue&) = default;
 
@@ -74,17 +67,5 @@ VendorValues toVendorValues(const VendorConsents& consents);
 // ["a": bool(true), "b": string("ncm")] for a map ([:] when empty).
 std::string describe(const VendorValue& value);
 std::string describe(const VendorValues& values);
-
-// ConsentStatus takes part in encodeJson / decodeJson as a JSON string.
-template <>
-inline Json encodeJson<ConsentStatus>(const ConsentStatus& status) {
-    return Json(rawValue(status));
-}
-
-template <>
-struct JsonDecode<ConsentStatus> {
-    // Any other string is dataCorrupted "Invalid value for ConsentStatus".
-    static ConsentStatus decode(const Decoder& decoder);
-};
 
 }  // namespace tavrin

@@ -1,7 +1,7 @@
-#include "tavrin/consent/user_defaults_utility.h"
+#include "tavrin/consent/internal/user_defaults_utility.h"
 
 #include "tavrin/platform/key_value_store.h"
-#include "tavrin/sdk/logger_utility.h"
+#include "tavrin/sdk/internal/logger_utility.h"
 
 namespace tavrin {
 

@@ -1,9 +1,9 @@
-#include "tavrin/consent/user_id_utility.h"
+#include "tavrin/consent/internal/user_id_utility.h"
 
-#include "tavrin/consent/user_defaults_utility.h"
-#include "tavrin/monitor/timestamp_utility.h"
-#include "tavrin/platform/secure_random.h"
-#include "tavrin/sdk/logger_utility.h"
+#include "tavrin/consent/internal/user_defaults_utility.h"
+#include "tavrin/monitor/internal/timestamp_utility.h"
+#include "tavrin/platform/internal/secure_random.h"
+#include "tavrin/sdk/internal/logger_utility.h"
 
 namespace tavrin {
 

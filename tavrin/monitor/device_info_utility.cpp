@@ -1,9 +1,9 @@
-#include "tavrin/monitor/device_info_utility.h"
+#include "tavrin/monitor/internal/device_info_utility.h"
 
 #include <mutex>
 
-#include "tavrin/monitor/int64_truncation.h"
-#include "tavrin/platform/uuid.h"
+#include "tavrin/monitor/internal/int64_truncation.h"
+#include "tavrin/platform/internal/uuid.h"
 
 namespace tavrin {
 

@@ -1,8 +1,8 @@
-#include "tavrin/monitor/int64_truncation.h"
+#include "tavrin/monitor/internal/int64_truncation.h"
 
 #include <string>
 
-#include "tavrin/sdk/fatal_error.h"
+#include "tavrin/sdk/internal/fatal_error.h"
 
 namespace tavrin::detail {
 

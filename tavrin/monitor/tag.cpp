@@ -1,4 +1,4 @@
-#include "tavrin/monitor/tag.h"
+#include "tavrin/monitor/internal/tag.h"
 
 namespace tavrin {
 

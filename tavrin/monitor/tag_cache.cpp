@@ -1,6 +1,6 @@
-#include "tavrin/monitor/tag_cache.h"
+#include "tavrin/monitor/internal/tag_cache.h"
 
-#include "tavrin/sdk/logger_utility.h"
+#include "tavrin/sdk/internal/logger_utility.h"
 
 namespace tavrin {
 

@@ -1,9 +1,9 @@
-#include "tavrin/monitor/user_agent_utility.h"
+#include "tavrin/monitor/internal/user_agent_utility.h"
 
 #include <algorithm>
 #include <cstdint>
 
-#include "tavrin/monitor/device_info_utility.h"
+#include "tavrin/monitor/internal/device_info_utility.h"
 
 namespace tavrin {
 

@@ -1,4 +1,5 @@
 #include "tavrin/platform/device_facts.h"
+#include "tavrin/platform/internal/device_facts_files.h"
 
 #include <sys/utsname.h>
 #include <unistd.h>
@@ -139,11 +140,8 @@ std::optional<std::string> DeviceFacts::bundleIdentifier() {
 std::optional<std::string> DeviceFacts::infoDictionaryString(std::string_view key) {
     {
         std::lock_guard lock(host().mutex);
-        const Json& dict = host().application.infoDictionary;
-        if (dict.is_object()) {
-            auto it = dict.find(std::string(key));
-            if (it != dict.end() && it->is_string()) return it->get<std::string>();
-        }
+        const auto& dict = host().application.infoDictionary;
+        if (auto it = dict.find(key); it != dict.end()) return it->second;
     }
     if (key == "CFBundleName") return executableName();
     return std::nullopt;

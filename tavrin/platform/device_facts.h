@@ -4,12 +4,12 @@
 // system. A fact that cannot be found is absent, so callers apply their own
 // fallbacks.
 
-#include <filesystem>
+#include <functional>
+#include <map>
 #include <optional>
 #include <string>
 #include <string_view>
 
-#include "tavrin/platform/json.h"
 
 namespace tavrin::platform {
 
@@ -17,9 +17,8 @@ namespace tavrin::platform {
 struct ApplicationInfo {
     std::optional<std::string> bundleIdentifier;
     // Information dictionary: "CFBundleDisplayName", "CFBundleName",
-    // "CFBundleShortVersionString", "CFBundleVersion". A value that is not
-    // text counts as absent.
-    Json infoDictionary = Json::object();
+    // "CFBundleShortVersionString", "CFBundleVersion".
+    std::map<std::string, std::string, std::less<>> infoDictionary;
 };
 
 struct ScreenBounds {
@@ -65,15 +64,5 @@ public:
     static void reset();
 };
 
-namespace detail {
-// The file readers behind the system facts, against a root directory ("/"
-// on a running system; tests hand in a directory tree of their own).
-std::optional<std::string> readModel(const std::filesystem::path& root);
-// A value of the os-release file (/etc/os-release, or /usr/lib/os-release
-// when the former does not exist), shell quoting removed.
-std::optional<std::string> readOsReleaseValue(const std::filesystem::path& root, std::string_view key);
-std::string readSystemName(const std::filesystem::path& root);
-std::optional<std::string> readSystemVersion(const std::filesystem::path& root);
-}  // namespace detail
 
 }  // namespace tavrin::platform

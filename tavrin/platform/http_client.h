@@ -15,7 +15,7 @@
 #include <utility>
 #include <vector>
 
-#include "tavrin/platform/json.h"
+#include "tavrin/platform/bytes.h"
 
 namespace tavrin::platform {
 

@@ -8,7 +8,7 @@
 #include <vector>
 
 #include "tavrin/platform/device_facts.h"
-#include "tavrin/platform/sqlite_key_value_store.h"
+#include "tavrin/platform/internal/sqlite_key_value_store.h"
 
 namespace tavrin::platform {
 
@@ -109,7 +109,7 @@ std::shared_ptr<KeyValueStore> KeyValueStore::standard() {
         std::lock_guard lock(state.mutex);
         if (state.store) return state.store;
     }
-    auto opened = std::make_shared<SqliteKeyValueStore>(dataDirectory() / SqliteKeyValueStore::kFileName);
+    auto opened = std::make_shared<SqliteKeyValueStore>(std::filesystem::path(dataDirectory()) / SqliteKeyValueStore::kFileName);
     std::lock_guard lock(state.mutex);
     // setStandard may have installed a store while this one opened; it wins.
     if (!state.store) state.store = std::move(opened);
@@ -122,13 +122,13 @@ void KeyValueStore::setStandard(std::shared_ptr<KeyValueStore> store) {
     state.store = std::move(store);
 }
 
-void KeyValueStore::setDataDirectory(std::optional<std::filesystem::path> directory) {
+void KeyValueStore::setDataDirectory(std::optional<std::string> directory) {
     auto& state = standardState();
     std::lock_guard lock(state.mutex);
     state.hostDirectory = std::move(directory);
 }
 
-std::filesystem::path KeyValueStore::dataDirectory() {
+std::string KeyValueStore::dataDirectory() {
     {
         auto& state = standardState();
         std::lock_guard lock(state.mutex);

@@ -5,13 +5,12 @@
 // own store, before configuring the SDK.
 
 #include <cstdint>
-#include <filesystem>
 #include <memory>
 #include <optional>
 #include <string>
 #include <variant>
 
-#include "tavrin/platform/json.h"
+#include "tavrin/platform/bytes.h"
 
 namespace tavrin::platform {
 
@@ -44,8 +43,8 @@ public:
 
     // Where the default store lives: set by the host before configuring, else
     // $XDG_DATA_HOME/<application id>/, else ~/.local/share/<application id>/.
-    static void setDataDirectory(std::optional<std::filesystem::path> directory);
-    static std::filesystem::path dataDirectory();
+    static void setDataDirectory(std::optional<std::string> directory);
+    static std::string dataDirectory();
 };
 
 }  // namespace tavrin::platform

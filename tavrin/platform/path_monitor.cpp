@@ -18,7 +18,7 @@
 #include <unordered_set>
 #include <utility>
 
-#include "tavrin/sdk/logger_utility.h"
+#include "tavrin/sdk/internal/logger_utility.h"
 
 namespace tavrin::platform {
 

@@ -14,15 +14,10 @@
 #include "tavrin/platform/device_facts.h"
 #include "tavrin/platform/dispatch.h"
 #include "tavrin/platform/http_client.h"
-#include "tavrin/platform/json.h"
 #include "tavrin/platform/key_value_store.h"
 #include "tavrin/platform/notification_center.h"
-#include "tavrin/platform/object_cache.h"
 #include "tavrin/platform/path_monitor.h"
-#include "tavrin/platform/pattern.h"
-#include "tavrin/platform/secure_random.h"
 #include "tavrin/platform/system_log.h"
-#include "tavrin/platform/uuid.h"
 
 namespace tavrin::platform {
 

@@ -1,4 +1,4 @@
-#include "tavrin/platform/secure_random.h"
+#include "tavrin/platform/internal/secure_random.h"
 
 #include <sys/random.h>
 

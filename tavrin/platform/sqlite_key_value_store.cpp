@@ -1,4 +1,4 @@
-#include "tavrin/platform/sqlite_key_value_store.h"
+#include "tavrin/platform/internal/sqlite_key_value_store.h"
 
 #include <sqlite3.h>
 #include <sys/stat.h>
@@ -12,7 +12,7 @@
 #include <system_error>
 
 #include "tavrin/platform/clock.h"
-#include "tavrin/sdk/logger_utility.h"
+#include "tavrin/sdk/internal/logger_utility.h"
 
 namespace tavrin::platform {
 

@@ -1,6 +1,6 @@
-#include "tavrin/platform/uuid.h"
+#include "tavrin/platform/internal/uuid.h"
 
-#include "tavrin/platform/secure_random.h"
+#include "tavrin/platform/internal/secure_random.h"
 
 namespace tavrin::platform {
 

@@ -1,4 +1,5 @@
 #include "tavrin/sdk/track_config.h"
+#include "tavrin/sdk/internal/track_config_coding.h"
 
 #include <cmath>
 
@@ -30,7 +31,9 @@ std::optional<TrackConfig::Environment> environmentFromRawValue(std::string_view
     return std::nullopt;
 }
 
-Json TrackConfig::encode() const {
+Json encodeJson(const TrackConfig& config) {
+    const auto& [trackDomain, container, environment, version, debugCode, sessionTimeoutInSeconds,
+                 authorizationToken, customProtocol, enableOfflineTracking, offlineTrackingTimeout] = config;
     Json out = Json::object();
     out["trackDomain"] = trackDomain;
     out["container"] = container;
@@ -46,7 +49,7 @@ Json TrackConfig::encode() const {
     return out;
 }
 
-TrackConfig TrackConfig::decode(const Decoder& decoder) {
+TrackConfig JsonDecode<TrackConfig>::decode(const Decoder& decoder) {
     // Members are read in field order so the first bad key is the one reported.
     auto trackDomain = decodeMember<std::string>(decoder, "trackDomain");
     auto container = decodeMember<std::string>(decoder, "container");

@@ -8,7 +8,6 @@
 #include <string>
 #include <string_view>
 
-#include "tavrin/tracking/coding.h"
 
 namespace tavrin {
 
@@ -26,14 +25,6 @@ struct TrackConfig {
     std::optional<std::string> customProtocol;
     bool enableOfflineTracking;
     double offlineTrackingTimeout;  // seconds
-
-    // Keys are the field names, in field order; absent optionals are left
-    // out. A non-finite duration cannot be written as JSON and throws
-    // EncodingError.
-    Json encode() const;
-    // Six required keys, four optional ones (missing or null); the
-    // environment must be exactly "live" or "stage".
-    static TrackConfig decode(const Decoder& decoder);
 
     friend bool operator==(const TrackConfig&, const TrackConfig&) = default;
 };

@@ -1,10 +1,10 @@
-#include "tavrin/sdk/tracking_settings.h"
+#include "tavrin/sdk/internal/tracking_settings.h"
 
 #include <mutex>
 
-#include "tavrin/consent/user_defaults_utility.h"
-#include "tavrin/sdk/fatal_error.h"
-#include "tavrin/sdk/logger_utility.h"
+#include "tavrin/consent/internal/user_defaults_utility.h"
+#include "tavrin/sdk/internal/fatal_error.h"
+#include "tavrin/sdk/internal/logger_utility.h"
 
 namespace tavrin {
 

@@ -1,4 +1,5 @@
 #include "tavrin/session/session_manager.h"
+#include "tavrin/session/internal/shortest_decimal_text.h"
 
 #include <charconv>
 #include <mutex>
@@ -6,8 +7,8 @@
 
 #include "tavrin/platform/clock.h"
 #include "tavrin/platform/notification_center.h"
-#include "tavrin/platform/uuid.h"
-#include "tavrin/sdk/logger_utility.h"
+#include "tavrin/platform/internal/uuid.h"
+#include "tavrin/sdk/internal/logger_utility.h"
 
 namespace tavrin {
 

@@ -62,10 +62,4 @@ public:
     static void resetForTesting();
 };
 
-namespace detail {
-// Shortest text that reads back as the same double, always with a fraction
-// unless it is exponential or not finite: 1800 -> "1800.0", 0.1 -> "0.1".
-std::string shortestDecimalText(double value);
-}  // namespace detail
-
 }  // namespace tavrin

@@ -3,7 +3,7 @@
 #include <cmath>
 #include <sstream>
 
-#include "tavrin/platform/json.h"
+#include "tavrin/platform/internal/json.h"
 
 namespace tavrin {
 

@@ -1,4 +1,5 @@
 #include "tavrin/tracking/codable_value.h"
+#include "tavrin/tracking/internal/codable_value_coding.h"
 
 #include <cmath>
 #include <limits>
@@ -18,37 +19,39 @@ bool isInt64(const Json& node) {
 
 }  // namespace
 
-CodableValue CodableValue::decode(const Decoder& decoder) {
+CodableValue JsonDecode<CodableValue>::decode(const Decoder& decoder) {
+    using Array = CodableValue::Array;
     // The first kind that decodes wins: text, boolean, integer, double, array.
     // The node's type answers each attempt without throwing; only an array
     // whose element fails ends in the error below, at this value's path.
     const Json& node = decoder.json();
-    if (node.is_string()) return string(decoder.decodeString());
-    if (node.is_boolean()) return boolean(decoder.decodeBool());
-    if (isInt64(node)) return integer(decoder.decodeInt64());
-    if (node.is_number()) return decimalNumber(decoder.decodeDouble());
+    if (node.is_string()) return CodableValue::string(decoder.decodeString());
+    if (node.is_boolean()) return CodableValue::boolean(decoder.decodeBool());
+    if (isInt64(node)) return CodableValue::integer(decoder.decodeInt64());
+    if (node.is_number()) return CodableValue::decimalNumber(decoder.decodeDouble());
     if (node.is_array()) {
         try {
             Array values;
             values.reserve(node.size());
             for (const auto& element : decoder.elements()) values.push_back(decode(element));
-            return array(std::move(values));
+            return CodableValue::array(std::move(values));
         } catch (const DecodingError&) {
         }
     }
     throw DecodingError(DecodingError::Kind::typeMismatch, decoder.codingPath(), "Failed to decode CodableValue");
 }
 
-Json CodableValue::encode() const { return encodeAt({}); }
+namespace {
 
-Json CodableValue::encodeAt(const CodingPath& path) const {
-    switch (kind()) {
-        case Kind::string: return Json(asString());
-        case Kind::boolean: return Json(asBool());
-        case Kind::integer: return Json(asInteger());
+Json encodeAt(const CodableValue& value, const CodingPath& path) {
+    using Kind = CodableValue::Kind;
+    switch (value.kind()) {
+        case Kind::string: return Json(value.asString());
+        case Kind::boolean: return Json(value.asBool());
+        case Kind::integer: return Json(value.asInteger());
         case Kind::decimalNumber: {
             // JSON has no NaN or infinity; writing null would break the no-null promise.
-            const double d = asDecimalNumber();
+            const double d = value.asDecimalNumber();
             if (!std::isfinite(d)) {
                 const char* name = std::isnan(d) ? "nan" : (d > 0 ? "infinity" : "-infinity");
                 throw EncodingError(d, path, std::string("Unable to encode Double.") + name + " directly in JSON.");
@@ -58,16 +61,20 @@ Json CodableValue::encodeAt(const CodingPath& path) const {
         case Kind::array: {
             Json out = Json::array();
             std::size_t index = 0;
-            for (const auto& v : asArray()) {
+            for (const auto& v : value.asArray()) {
                 CodingPath p = path;
                 p.push_back("Index " + std::to_string(index++));
-                out.push_back(v.encodeAt(p));
+                out.push_back(encodeAt(v, p));
             }
             return out;
         }
     }
     return Json();
 }
+
+}  // namespace
+
+Json encodeJson(const CodableValue& value) { return encodeAt(value, {}); }
 
 bool operator==(const CodableValue& a, const CodableValue& b) {
     if (a.kind() != b.kind()) return false;

@@ -7,7 +7,6 @@
 #include <variant>
 #include <vector>
 
-#include "tavrin/tracking/coding.h"
 
 namespace tavrin {
 
@@ -32,17 +31,12 @@ public:
     double asDecimalNumber() const { return std::get<3>(storage_); }
     const Array& asArray() const { return std::get<4>(storage_); }
 
-    // Tries text, boolean, integer, double, array, in that order.
-    static CodableValue decode(const Decoder& decoder);
-    Json encode() const;
-
     // Different cases never compare equal; doubles compare by IEEE rules
     // (NaN unequal to itself, 0.0 equal to -0.0).
     friend bool operator==(const CodableValue& a, const CodableValue& b);
 
 private:
     using Storage = std::variant<std::string, bool, std::int64_t, double, Array>;
-    Json encodeAt(const CodingPath& path) const;
     explicit CodableValue(std::string value) : storage_(std::in_place_index<0>, std::move(value)) {}
     explicit CodableValue(Storage storage) : storage_(std::move(storage)) {}
 

@@ -1,4 +1,4 @@
-#include "tavrin/tracking/coding.h"
+#include "tavrin/tracking/internal/coding.h"
 
 #include <limits>
 

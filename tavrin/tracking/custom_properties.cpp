@@ -1,11 +1,11 @@
-#include "tavrin/tracking/custom_properties.h"
+#include "tavrin/tracking/internal/custom_properties.h"
 
 #include <algorithm>
 #include <array>
 #include <optional>
 #include <string_view>
 
-#include "tavrin/sdk/logger_utility.h"
+#include "tavrin/sdk/internal/logger_utility.h"
 
 namespace tavrin {
 

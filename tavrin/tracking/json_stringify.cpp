@@ -1,4 +1,4 @@
-#include "tavrin/tracking/json_stringify.h"
+#include "tavrin/tracking/internal/json_stringify.h"
 
 namespace tavrin::detail {
 

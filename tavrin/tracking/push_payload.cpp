@@ -1,6 +1,6 @@
-#include "tavrin/tracking/push_payload.h"
+#include "tavrin/tracking/internal/push_payload.h"
 
-#include "tavrin/platform/uuid.h"
+#include "tavrin/platform/internal/uuid.h"
 
 namespace tavrin {
 

@@ -10,11 +10,11 @@
 #include <utility>
 #include <vector>
 
-#include "tavrin/consent/consent_id_utility.h"
-#include "tavrin/consent/user_id_utility.h"
-#include "tavrin/consent/vendor_consents_utility.h"
+#include "tavrin/consent/internal/consent_id_utility.h"
+#include "tavrin/consent/internal/user_id_utility.h"
+#include "tavrin/consent/internal/vendor_consents_utility.h"
 #include "tavrin/platform/clock.h"
-#include "tavrin/platform/pattern.h"
+#include "tavrin/platform/internal/pattern.h"
 #include "tests/consent/store_fixture.h"
 
 namespace tavrin {

@@ -1,4 +1,4 @@
-#include "tavrin/monitor/device_info_utility.h"
+#include "tavrin/monitor/internal/device_info_utility.h"
 
 #include <gtest/gtest.h>
 
@@ -60,13 +60,12 @@ TEST_F(DeviceInfoUtilityTest, SystemFactsConstantsAndAFreshCanonicalIdEachTime) 
 }
 
 TEST_F(DeviceInfoUtilityTest, ApplicationNameVersionAndBuildFromHostBundleKeys) {
-    // Values that are not text count as absent; the display name comes before the bundle name.
-    const std::vector<std::pair<Json, std::vector<std::string>>> cases{
-        {{{"CFBundleName", "Shop"}, {"CFBundleShortVersionString", "2.3"}, {"CFBundleVersion", 41}},
-         {"Shop", "2.3", "Unknown"}},
+    // The display name comes before the bundle name; a missing key is "Unknown".
+    using Info = decltype(platform::ApplicationInfo::infoDictionary);
+    const std::vector<std::pair<Info, std::vector<std::string>>> cases{
+        {{{"CFBundleName", "Shop"}, {"CFBundleShortVersionString", "2.3"}}, {"Shop", "2.3", "Unknown"}},
         {{{"CFBundleDisplayName", "Shop Plus"}, {"CFBundleName", "Shop"}, {"CFBundleVersion", "41"}},
-         {"Shop Plus", "Unknown", "41"}},
-        {{{"CFBundleDisplayName", true}, {"CFBundleName", "Shop"}}, {"Shop", "Unknown", "Unknown"}}};
+         {"Shop Plus", "Unknown", "41"}}};
     for (const auto& [bundle, expected] : cases) {
         DeviceFacts::setApplicationInfo({.bundleIdentifier = "com.example.shop", .infoDictionary = bundle});
         DeviceInfoUtility::reset();

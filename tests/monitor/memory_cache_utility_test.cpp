@@ -1,4 +1,4 @@
-#include "tavrin/monitor/memory_cache_utility.h"
+#include "tavrin/monitor/internal/memory_cache_utility.h"
 
 #include <gtest/gtest.h>
 

@@ -1,4 +1,4 @@
-#include "tavrin/monitor/tag_cache.h"
+#include "tavrin/monitor/internal/tag_cache.h"
 
 #include <gtest/gtest.h>
 

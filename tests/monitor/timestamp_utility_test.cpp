@@ -1,4 +1,4 @@
-#include "tavrin/monitor/timestamp_utility.h"
+#include "tavrin/monitor/internal/timestamp_utility.h"
 
 #include <gtest/gtest.h>
 

@@ -1,10 +1,10 @@
-#include "tavrin/monitor/user_agent_utility.h"
+#include "tavrin/monitor/internal/user_agent_utility.h"
 
 #include <gtest/gtest.h>
 
 #include <sys/utsname.h>
 
-#include "tavrin/monitor/device_info_utility.h"
+#include "tavrin/monitor/internal/device_info_utility.h"
 
 namespace tavrin {
 namespace {

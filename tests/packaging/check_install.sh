@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
-# Installs the built library into a scratch prefix, then builds and runs a small
-# consumer twice: through find_package(tavrin) and through pkg-config.
+# Installs the built library into a scratch prefix, checks that the installed
+# headers are the public API alone and stay light, then builds and runs a
+# small consumer twice: through find_package(tavrin) and through pkg-config.
 set -euo pipefail
 build_dir=$1
 here=$(cd "$(dirname "$0")" && pwd)
@@ -8,13 +9,29 @@ work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
 
 cmake --install "$build_dir" --prefix "$work/prefix" >/dev/null
+include_dir="$work/prefix/include"
+
+# Internal headers and test doubles are not part of the installed tree.
+if find "$include_dir/tavrin" -path '*/internal/*' | grep -q .; then
+  echo "internal headers were installed:"; find "$include_dir/tavrin" -path '*/internal/*'; exit 1
+fi
+if grep -rlE 'CapturingSink|ScriptedPathMonitor' "$include_dir/tavrin"; then
+  echo "test doubles were installed"; exit 1
+fi
+
+# The umbrella header pulls in the standard library only.
+echo '#include "tavrin/tavrin.h"' | c++ -std=c++20 -I"$include_dir" -E -x c++ - >"$work/umbrella.i"
+if grep -E '^# [0-9]+ "[^"]*(nlohmann|curl|sqlite3|/regex)' "$work/umbrella.i" | head -n 5 | grep .; then
+  echo "tavrin/tavrin.h reaches a heavy header (above)"; exit 1
+fi
+echo "tavrin/tavrin.h preprocesses to $(wc -l <"$work/umbrella.i") lines"
 
 cmake -S "$here/consumer" -B "$work/cmake-build" -DCMAKE_PREFIX_PATH="$work/prefix" >/dev/null
 cmake --build "$work/cmake-build" >/dev/null
-"$work/cmake-build/consumer" | grep -q '"trackDomain":"collect.example.com"'
+"$work/cmake-build/consumer" | grep -q '^domain collect.example.com$'
 
 libdir=$(find "$work/prefix" -name tavrin.pc -printf '%h\n' | head -n 1)
 export PKG_CONFIG_PATH="$libdir"
 c++ -std=c++20 "$here/consumer/main.cpp" -o "$work/pc-consumer" $(pkg-config --cflags --libs tavrin)
-"$work/pc-consumer" | grep -q '"price":9.99'
+"$work/pc-consumer" | grep -q '^push {"price":9.99,"tags":\["a","b"\],"track":"pageview"}$'
 echo "installed package works through find_package and pkg-config"

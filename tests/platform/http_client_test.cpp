@@ -1,4 +1,5 @@
 #include "tavrin/platform/http_client.h"
+#include "tavrin/platform/internal/json.h"
 
 #include <gtest/gtest.h>
 

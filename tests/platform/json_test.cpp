@@ -1,4 +1,4 @@
-#include "tavrin/platform/json.h"
+#include "tavrin/platform/internal/json.h"
 
 #include <gtest/gtest.h>
 

@@ -1,4 +1,5 @@
 #include "tavrin/platform/key_value_store.h"
+#include "tavrin/platform/internal/json.h"
 
 #include <grp.h>
 #include <gtest/gtest.h>
@@ -22,7 +23,7 @@
 #include <vector>
 
 #include "tavrin/platform/device_facts.h"
-#include "tavrin/platform/sqlite_key_value_store.h"
+#include "tavrin/platform/internal/sqlite_key_value_store.h"
 #include "tests/support/log_capture.h"
 #include "tests/support/temp_dir.h"
 
@@ -304,7 +305,7 @@ TEST_F(KeyValueStoreTest, StandardStoreInTheHostsDirectoryElseXdgElseHome) {
     setenv("HOME", (dir / "home").c_str(), 1);
     // Without a bundle identifier the executable's name names the directory.
     EXPECT_EQ(KeyValueStore::dataDirectory(), dir / "xdg" / "platform_key_value_store_test");
-    DeviceFacts::setApplicationInfo({.bundleIdentifier = "com.example.shop"});
+    DeviceFacts::setApplicationInfo({.bundleIdentifier = "com.example.shop", .infoDictionary = {}});
     EXPECT_EQ(KeyValueStore::dataDirectory(), dir / "xdg" / "com.example.shop");
     KeyValueStore::setDataDirectory(dir / "chosen");
     EXPECT_EQ(KeyValueStore::dataDirectory(), dir / "chosen");

@@ -1,4 +1,4 @@
-#include "tavrin/platform/object_cache.h"
+#include "tavrin/platform/internal/object_cache.h"
 
 #include <gtest/gtest.h>
 

@@ -1,4 +1,4 @@
-#include "tavrin/platform/pattern.h"
+#include "tavrin/platform/internal/pattern.h"
 
 #include <gtest/gtest.h>
 

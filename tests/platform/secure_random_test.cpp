@@ -1,4 +1,4 @@
-#include "tavrin/platform/secure_random.h"
+#include "tavrin/platform/internal/secure_random.h"
 
 #include <gtest/gtest.h>
 
@@ -9,7 +9,7 @@
 #include <stdexcept>
 #include <vector>
 
-#include "tavrin/platform/uuid.h"
+#include "tavrin/platform/internal/uuid.h"
 
 namespace tavrin::platform {
 namespace {

@@ -1,4 +1,4 @@
-#include "tavrin/sdk/logger_utility.h"
+#include "tavrin/sdk/internal/logger_utility.h"
 
 #include <gtest/gtest.h>
 

@@ -1,4 +1,4 @@
-#include "tavrin/sdk/tracking_settings.h"
+#include "tavrin/sdk/internal/tracking_settings.h"
 
 #include <gtest/gtest.h>
 

@@ -6,7 +6,7 @@
 
 #include <string_view>
 
-#include "tavrin/tracking/coding.h"
+#include "tavrin/tracking/internal/coding.h"
 
 namespace tavrin::testing {
 

@@ -5,7 +5,7 @@
 #include <memory>
 
 #include "tavrin/platform/system_log.h"
-#include "tavrin/sdk/logger_utility.h"
+#include "tavrin/sdk/internal/logger_utility.h"
 
 namespace tavrin::testing {
 

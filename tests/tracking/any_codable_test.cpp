@@ -1,4 +1,4 @@
-#include "tavrin/tracking/any_codable.h"
+#include "tavrin/tracking/internal/any_codable.h"
 
 #include <gtest/gtest.h>
 
@@ -8,7 +8,7 @@
 #include <string>
 #include <string_view>
 
-#include "tavrin/tracking/dynamic_coding_key.h"
+#include "tavrin/tracking/internal/dynamic_coding_key.h"
 
 namespace tavrin {
 namespace {

@@ -1,4 +1,5 @@
 #include "tavrin/tracking/codable_value.h"
+#include "tavrin/tracking/internal/codable_value_coding.h"
 
 #include <gtest/gtest.h>
 
@@ -60,10 +61,9 @@ TEST(CodableValueEncode, WritesBarePayloadsAndFailsOnNonFiniteNumbers) {
     EXPECT_EQ(encodeJsonText(CodableValue::array({CodableValue::integer(1), CodableValue::string("a\"b")})),
               "[1,\"a\\\"b\"]");
     try {
-        CodableValue::array(
+        encodeJson(CodableValue::array(
             {CodableValue::integer(1),
-             CodableValue::array({CodableValue::decimalNumber(std::numeric_limits<double>::infinity())})})
-            .encode();
+             CodableValue::array({CodableValue::decimalNumber(std::numeric_limits<double>::infinity())})}));
         FAIL() << "encoded infinity";
     } catch (const EncodingError& e) {
         EXPECT_EQ(e.kind(), EncodingError::Kind::invalidValue);

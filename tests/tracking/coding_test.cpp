@@ -1,4 +1,5 @@
-#include "tavrin/tracking/coding.h"
+#include "tavrin/tracking/internal/coding.h"
+#include "tavrin/tracking/internal/codable_value_coding.h"
 
 #include <gtest/gtest.h>
 

@@ -1,4 +1,4 @@
-#include "tavrin/tracking/custom_properties.h"
+#include "tavrin/tracking/internal/custom_properties.h"
 
 #include <gtest/gtest.h>
 

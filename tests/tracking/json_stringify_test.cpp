@@ -1,4 +1,5 @@
-#include "tavrin/tracking/json_stringify.h"
+#include "tavrin/tracking/internal/json_stringify.h"
+#include "tavrin/tracking/internal/codable_value_coding.h"
 
 #include <gtest/gtest.h>
 
@@ -7,7 +8,7 @@
 #include <string>
 #include <vector>
 
-#include "tavrin/tracking/any_codable.h"
+#include "tavrin/tracking/internal/any_codable.h"
 #include "tavrin/tracking/codable_value.h"
 #include "tests/support/log_capture.h"
 

@@ -8,7 +8,8 @@
 #include <string>
 #include <vector>
 
-#include "tavrin/tracking/any_codable.h"
+#include "tavrin/tracking/internal/any_codable.h"
+#include "tavrin/tracking/internal/codable_value_coding.h"
 #include "tavrin/tracking/codable_value.h"
 
 namespace tavrin {

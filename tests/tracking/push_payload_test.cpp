@@ -1,4 +1,4 @@
-#include "tavrin/tracking/push_payload.h"
+#include "tavrin/tracking/internal/push_payload.h"
 
 #include <gtest/gtest.h>
 

@@ -5,7 +5,9 @@
 
 int main() {
     tavrin::platform::SystemLog::setSink(std::make_shared<tavrin::platform::StderrSink>());
-    tavrin::LoggerUtility::shared().setLogLevel(tavrin::LogLevel::warning);
+    tavrin::TavrinService::setLogLevel(tavrin::LogLevel::warning);
+    tavrin::platform::DeviceFacts::setApplicationInfo(
+        {.bundleIdentifier = "com.example.shop", .infoDictionary = {{"CFBundleShortVersionString", "2.3"}}});
 
     const tavrin::TrackConfig config{.trackDomain = "collect.example.com",
                                      .container = "shop-app",
@@ -17,7 +19,12 @@ int main() {
                                      .customProtocol = std::nullopt,
                                      .enableOfflineTracking = true,
                                      .offlineTrackingTimeout = 86400};
-    const auto properties = tavrin::validatedCustomProperties({{"price", 9.99}, {"tags", tavrin::AnyValue::Array{"a", "b"}}});
-    std::cout << tavrin::encodeJsonText(config) << "\n" << tavrin::encodeJsonText(properties) << "\n";
-    return properties.size() == 2 ? 0 : 1;
+    const tavrin::AnyValue::Dictionary push{{"track", "pageview"}, {"price", 9.99},
+                                            {"tags", tavrin::AnyValue::Array{"a", "b"}}};
+    const auto [session, action] = tavrin::SessionManager::startOrResumeSession();
+    std::cout << "domain " << config.trackDomain << "\n"
+              << "push " << tavrin::AnyValue::sortedJsonText(push).value_or("?") << "\n"
+              << "consent " << tavrin::rawValue(tavrin::ConsentStatus::ncm) << "\n"
+              << "session " << session.size() << " " << tavrin::rawValue(action) << "\n";
+    return 0;
 }

@@ -19,7 +19,7 @@
 #include <utility>
 #include <vector>
 
-#include "tavrin/platform/json.h"
+#include "tavrin/platform/internal/json.h"
 
 namespace tavrin {
 

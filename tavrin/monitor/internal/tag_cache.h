@@ -5,8 +5,8 @@
 #include <string>
 #include <vector>
 
-#include "tavrin/monitor/memory_cache_utility.h"
-#include "tavrin/monitor/tag.h"
+#include "tavrin/monitor/internal/memory_cache_utility.h"
+#include "tavrin/monitor/internal/tag.h"
 
 namespace tavrin {
 

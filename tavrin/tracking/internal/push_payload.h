@@ -7,6 +7,7 @@
 #include <string>
 
 #include "tavrin/tracking/codable_value.h"
+#include "tavrin/tracking/internal/codable_value_coding.h"
 
 namespace tavrin {
 

@@ -4,8 +4,8 @@
 
 #include <string>
 
-#include "tavrin/sdk/logger_utility.h"
-#include "tavrin/tracking/coding.h"
+#include "tavrin/sdk/internal/logger_utility.h"
+#include "tavrin/tracking/internal/coding.h"
 
 namespace tavrin {
 

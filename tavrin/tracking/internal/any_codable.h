@@ -11,7 +11,7 @@
 #include <type_traits>
 #include <vector>
 
-#include "tavrin/tracking/coding.h"
+#include "tavrin/tracking/internal/coding.h"
 
 namespace tavrin {
 

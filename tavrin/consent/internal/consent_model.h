@@ -8,7 +8,8 @@
 #include <string>
 
 #include "tavrin/consent/consent_status.h"
-#include "tavrin/tracking/coding.h"
+#include "tavrin/consent/internal/consent_status_coding.h"
+#include "tavrin/tracking/internal/coding.h"
 
 namespace tavrin {
 

@@ -11,8 +11,8 @@
 #include <vector>
 
 #include "tavrin/platform/dispatch.h"
-#include "tavrin/platform/object_cache.h"
-#include "tavrin/tracking/push_payload.h"
+#include "tavrin/platform/internal/object_cache.h"
+#include "tavrin/tracking/internal/push_payload.h"
 
 namespace tavrin {
 

@@ -10,6 +10,7 @@
 #include <optional>
 #include <string>
 
+#include "tavrin/sdk/internal/track_config_coding.h"
 #include "tavrin/sdk/track_config.h"
 
 namespace tavrin {

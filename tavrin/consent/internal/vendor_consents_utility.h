@@ -7,6 +7,7 @@
 #include <string>
 
 #include "tavrin/consent/consent_status.h"
+#include "tavrin/consent/internal/consent_status_coding.h"
 
 namespace tavrin {
 

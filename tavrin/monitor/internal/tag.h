@@ -6,7 +6,7 @@
 #include <cstdint>
 #include <string>
 
-#include "tavrin/tracking/any_codable.h"
+#include "tavrin/tracking/internal/any_codable.h"
 
 namespace tavrin {
 

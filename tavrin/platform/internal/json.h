@@ -10,11 +10,12 @@
 
 #include <nlohmann/json.hpp>
 
+#include "tavrin/platform/bytes.h"
+
 namespace tavrin {
 
 // Objects keep the order in which members were inserted.
 using Json = nlohmann::ordered_json;
-using Bytes = std::vector<std::uint8_t>;
 
 namespace platform {
 

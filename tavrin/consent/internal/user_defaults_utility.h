@@ -13,9 +13,9 @@
 #include <string>
 #include <type_traits>
 
-#include "tavrin/platform/json.h"
-#include "tavrin/platform/object_cache.h"
-#include "tavrin/tracking/coding.h"
+#include "tavrin/platform/internal/json.h"
+#include "tavrin/platform/internal/object_cache.h"
+#include "tavrin/tracking/internal/coding.h"
 
 namespace tavrin {
 
