@@ -13,6 +13,7 @@
 #include <unordered_map>
 
 #include "tavrin/platform/dispatch.h"
+#include "tavrin/platform/system_log.h"
 
 namespace tavrin::platform {
 
@@ -250,6 +251,24 @@ std::optional<Url> Url::parse(std::string_view text) {
 
 // ---- HttpClient
 
+HttpResponse HttpResult::get() && {
+    if (error) std::rethrow_exception(error);
+    return std::move(*response);
+}
+
+std::future<HttpResponse> HttpClient::send(HttpRequest request) {
+    auto promise = std::make_shared<std::promise<HttpResponse>>();
+    auto future = promise->get_future();
+    send(std::move(request), [promise](HttpResult result) {
+        if (result.error) {
+            promise->set_exception(result.error);
+        } else {
+            promise->set_value(std::move(*result.response));
+        }
+    });
+    return future;
+}
+
 std::future<HttpResponse> HttpClient::post(std::string url, HttpHeaders headers, Bytes body, double timeoutSeconds) {
     HttpRequest request;
     request.method = "POST";
@@ -292,10 +311,14 @@ void HttpClient::setShared(std::shared_ptr<HttpClient> client) {
 
 namespace {
 
-// One request from send() to the completion of its promise.
+void logCompletionFailure(const std::string& what) {
+    SystemLog("com.tavrin.TavrinSDK", "http").log(LogType::error, "HTTP completion handler failed: " + what);
+}
+
+// One request from send() to its completion.
 struct Transfer {
     HttpRequest request;
-    std::promise<HttpResponse> promise;
+    HttpClient::Completion completion;
     CURL* easy = nullptr;
     curl_slist* headerList = nullptr;
     char errorBuffer[CURL_ERROR_SIZE] = {};
@@ -316,7 +339,21 @@ struct Transfer {
         curl_slist_free_all(headerList);
     }
 
-    void fail(std::exception_ptr error) { promise.set_exception(std::move(error)); }
+    void succeed(HttpResponse value) { complete(HttpResult{std::move(value), nullptr}); }
+    void fail(std::exception_ptr error) { complete(HttpResult{std::nullopt, std::move(error)}); }
+
+    void complete(HttpResult result) {
+        auto done = std::move(completion);
+        completion = nullptr;
+        if (!done) return;
+        try {
+            done(std::move(result));
+        } catch (const std::exception& error) {
+            logCompletionFailure(error.what());
+        } catch (...) {
+            logCompletionFailure("unknown exception");
+        }
+    }
 
     void onHeaderLine(std::string_view line) {
         if (line.rfind("HTTP/", 0) == 0) {
@@ -564,14 +601,14 @@ struct CurlHttpClient::Impl {
             long status = 0;
             curl_easy_getinfo(t.easy, CURLINFO_RESPONSE_CODE, &status);
             t.response.statusCode = static_cast<int>(status);
-            t.promise.set_value(std::move(t.response));
+            t.succeed(std::move(t.response));
             return;
         }
         if (t.interimStatus != 0 && !t.finalBlockStarted && endsAfterInterimResponse(result)) {
             HttpResponse response;
             response.statusCode = t.interimStatus;
             response.headers = std::move(t.interimHeaders);
-            t.promise.set_value(std::move(response));
+            t.succeed(std::move(response));
             return;
         }
         long osErrno = 0;
@@ -600,27 +637,26 @@ CurlHttpClient::~CurlHttpClient() = default;
 
 void CurlHttpClient::shutdown() { impl_->stop(); }
 
-std::future<HttpResponse> CurlHttpClient::send(HttpRequest request) {
+void CurlHttpClient::send(HttpRequest request, Completion completion) {
     auto transfer = std::make_unique<Transfer>();
-    auto future = transfer->promise.get_future();
+    transfer->completion = std::move(completion);
     for (const auto& [name, value] : request.headers) {
         if (!isValidHeaderName(name) || !isValidHeaderValue(value)) {
             transfer->fail(std::make_exception_ptr(std::invalid_argument("invalid HTTP header field: " + name)));
-            return future;
+            return;
         }
     }
     const auto url = Url::parse(request.url);
     if (!url) {
         transfer->fail(std::make_exception_ptr(UrlError(UrlError::Code::badURL)));
-        return future;
+        return;
     }
     if (url->scheme != "http" && url->scheme != "https") {
         transfer->fail(std::make_exception_ptr(UrlError(UrlError::Code::unsupportedURL)));
-        return future;
+        return;
     }
     transfer->request = std::move(request);
     impl_->enqueue(std::move(transfer));
-    return future;
 }
 
 }  // namespace tavrin::platform

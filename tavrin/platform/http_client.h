@@ -6,6 +6,8 @@
 // exceptions; an HTTP status of any value is a response, not an error.
 
 #include <cstdint>
+#include <exception>
+#include <functional>
 #include <future>
 #include <memory>
 #include <optional>
@@ -46,6 +48,16 @@ struct HttpResponse {
     Bytes body;
 
     std::optional<std::string> header(std::string_view name) const { return headerValue(headers, name); }
+};
+
+// The outcome of one request: a response (any status), or the error that
+// kept it from producing one.
+struct HttpResult {
+    std::optional<HttpResponse> response;
+    std::exception_ptr error;
+
+    // The response, or the error rethrown.
+    HttpResponse get() &&;
 };
 
 // A request that did not produce an HTTP response.
@@ -102,14 +114,21 @@ struct Url {
 
 class HttpClient {
 public:
+    using Completion = std::function<void(HttpResult result)>;
+
     virtual ~HttpClient() = default;
 
-    // Starts the request. The future gives the response (any status) or throws
-    // UrlError (or std::invalid_argument for a header that cannot be sent).
+    // Starts the request. The completion runs exactly once with the response
+    // (any status) or the error: UrlError, or std::invalid_argument for a
+    // header that cannot be sent. It runs on the client's own thread (or on
+    // the caller's, before send returns, when the request cannot start), so
+    // it must not block; an exception it throws is logged and dropped.
     // Interim 1xx answers are skipped, but a server that ends the exchange
     // after one (closing, or sending no valid final status line) has that
     // 1xx reported as its status, with its fields and no body.
-    virtual std::future<HttpResponse> send(HttpRequest request) = 0;
+    virtual void send(HttpRequest request, Completion completion) = 0;
+    // The same, as a future that gives the response or throws the error.
+    std::future<HttpResponse> send(HttpRequest request);
 
     std::future<HttpResponse> post(std::string url, HttpHeaders headers, Bytes body, double timeoutSeconds = 60);
     std::future<HttpResponse> get(std::string url, HttpHeaders headers = {}, double timeoutSeconds = 60);
@@ -148,7 +167,8 @@ public:
     CurlHttpClient(const CurlHttpClient&) = delete;
     CurlHttpClient& operator=(const CurlHttpClient&) = delete;
 
-    std::future<HttpResponse> send(HttpRequest request) override;
+    using HttpClient::send;
+    void send(HttpRequest request, Completion completion) override;
 
     // Fails every waiting and running request with UrlError cancelled and
     // joins the client's thread. Later requests fail at once with cancelled.

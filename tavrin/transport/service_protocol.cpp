@@ -1,0 +1,31 @@
+#include "tavrin/transport/service_protocol.h"
+
+#include "tavrin/consent/internal/consent_model.h"
+
+namespace tavrin {
+
+ServiceProtocol::Completion ServiceProtocol::completing(std::shared_ptr<std::promise<void>> promise) {
+    return [promise = std::move(promise)](std::exception_ptr error) {
+        if (error) {
+            promise->set_exception(std::move(error));
+        } else {
+            promise->set_value();
+        }
+    };
+}
+
+std::future<void> ServiceProtocol::sendConsentSubmission(ConsentModel consent) {
+    auto promise = std::make_shared<std::promise<void>>();
+    auto future = promise->get_future();
+    sendConsentSubmission(std::move(consent), completing(std::move(promise)));
+    return future;
+}
+
+std::future<void> ServiceProtocol::resendCachedDataSubmission(Bytes payload) {
+    auto promise = std::make_shared<std::promise<void>>();
+    auto future = promise->get_future();
+    resendCachedDataSubmission(std::move(payload), completing(std::move(promise)));
+    return future;
+}
+
+}  // namespace tavrin
