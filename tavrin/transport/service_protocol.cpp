@@ -1,6 +1,7 @@
 #include "tavrin/transport/service_protocol.h"
 
 #include "tavrin/consent/internal/consent_model.h"
+#include "tavrin/tracking/internal/data_submission_model.h"
 
 namespace tavrin {
 
@@ -18,6 +19,13 @@ std::future<void> ServiceProtocol::sendConsentSubmission(ConsentModel consent) {
     auto promise = std::make_shared<std::promise<void>>();
     auto future = promise->get_future();
     sendConsentSubmission(std::move(consent), completing(std::move(promise)));
+    return future;
+}
+
+std::future<void> ServiceProtocol::sendDataSubmission(DataSubmissionModel data) {
+    auto promise = std::make_shared<std::promise<void>>();
+    auto future = promise->get_future();
+    sendDataSubmission(std::move(data), completing(std::move(promise)));
     return future;
 }
 

@@ -10,50 +10,18 @@
 #include "tavrin/consent/consent_status.h"
 #include "tavrin/consent/internal/consent_status_coding.h"
 #include "tavrin/tracking/internal/coding.h"
+#include "tavrin/tracking/internal/record_parts.h"
 
 namespace tavrin {
 
 struct ConsentModel {
-    struct System {
-        std::string type;
-        std::int64_t timestamp = 0;  // milliseconds since 1970
-        std::string navigatorUserAgent;  // "navigator-userAgent"
-        std::string initiator;
-
-        Json encode() const;
-        static System decode(const Decoder& decoder);
-        friend bool operator==(const System&, const System&) = default;
-    };
-
-    struct Configuration {
-        std::string container;
-        std::string environment;  // "live" or "stage"
-        std::optional<std::string> version;
-        std::optional<std::string> debugcode;
-
-        Json encode() const;
-        static Configuration decode(const Decoder& decoder);
-        friend bool operator==(const Configuration&, const Configuration&) = default;
-    };
+    using System = SystemRecord;
+    using Configuration = ConfigurationRecord;
 
     struct DataClass {
         struct Identifier {
-            struct User {
-                std::string id;
-                std::string action;  // "new" or "update"
-
-                Json encode() const;
-                static User decode(const Decoder& decoder);
-                friend bool operator==(const User&, const User&) = default;
-            };
-            struct ConsentID {
-                std::string id;
-                std::string action;  // "new" or "update"
-
-                Json encode() const;
-                static ConsentID decode(const Decoder& decoder);
-                friend bool operator==(const ConsentID&, const ConsentID&) = default;
-            };
+            using User = IdentifierRecord;
+            using ConsentID = IdentifierRecord;
 
             User user;
             ConsentID consent;

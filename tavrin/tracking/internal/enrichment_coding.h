@@ -1,0 +1,16 @@
+#pragma once
+// JSON form of Enrichment: "arguments" then "variables", both required.
+
+#include "tavrin/tracking/enrichment.h"
+#include "tavrin/tracking/internal/codable_value_coding.h"
+
+namespace tavrin {
+
+Json encodeJson(const Enrichment& enrichment);
+
+template <>
+struct JsonDecode<Enrichment> {
+    static Enrichment decode(const Decoder& decoder);
+};
+
+}  // namespace tavrin

@@ -1,0 +1,46 @@
+#pragma once
+// Parts that the data submission and the consent submission share on the
+// wire: the system block, the container configuration, and an identifier
+// with its action.
+
+#include <cstdint>
+#include <optional>
+#include <string>
+
+#include "tavrin/tracking/internal/coding.h"
+
+namespace tavrin {
+
+struct SystemRecord {
+    std::string type;
+    std::int64_t timestamp = 0;      // milliseconds since 1970
+    std::string navigatorUserAgent;  // "navigator-userAgent"
+    std::string initiator;
+
+    Json encode() const;
+    static SystemRecord decode(const Decoder& decoder);
+    friend bool operator==(const SystemRecord&, const SystemRecord&) = default;
+};
+
+struct ConfigurationRecord {
+    std::string container;
+    std::string environment;  // "live" or "stage"
+    std::optional<std::string> version;
+    std::optional<std::string> debugcode;
+
+    // Absent optionals are left out, never written as null.
+    Json encode() const;
+    static ConfigurationRecord decode(const Decoder& decoder);
+    friend bool operator==(const ConfigurationRecord&, const ConfigurationRecord&) = default;
+};
+
+struct IdentifierRecord {
+    std::string id;
+    std::string action;  // "new" or "update"
+
+    Json encode() const;
+    static IdentifierRecord decode(const Decoder& decoder);
+    friend bool operator==(const IdentifierRecord&, const IdentifierRecord&) = default;
+};
+
+}  // namespace tavrin
