@@ -33,8 +33,9 @@ struct HttpRequest {
     std::string url;
     HttpHeaders headers;
     Bytes body;
-    // Whole-exchange limit (connecting, sending, waiting and reading).
-    // Zero or less means the default of 60 seconds.
+    // Whole-exchange limit (name lookup, connecting, sending, waiting and
+    // reading): past it the request fails with UrlError timedOut, a lookup
+    // that never ends included. Zero or less means the default of 60 seconds.
     double timeoutSeconds = 60;
 
     // Replaces every field of that name (any case) by one field with this
@@ -150,6 +151,8 @@ public:
         std::optional<std::string> caFile;
         // Sent as User-Agent unless a request sets its own; none when absent.
         std::optional<std::string> userAgent;
+        // Limit of name lookup plus connecting, within each request's own
+        // timeout; past it the request fails with UrlError timedOut.
         double connectTimeoutSeconds = 30;
         // Connections kept open to one host at a time; further requests wait
         // for a free one.

@@ -1,14 +1,28 @@
 #include "tavrin/platform/http_client.h"
 #include "tavrin/platform/internal/json.h"
 
+#include <arpa/inet.h>
 #include <gtest/gtest.h>
+#include <netinet/in.h>
+#include <sched.h>
+#include <sys/mount.h>
+#include <sys/socket.h>
+#include <unistd.h>
 
+#include <cerrno>
 #include <chrono>
+#include <cstdlib>
+#include <cstring>
+#include <fstream>
+#include <functional>
 #include <future>
+#include <iostream>
+#include <mutex>
 #include <string>
 #include <thread>
 #include <vector>
 
+#include "tests/support/log_capture.h"
 #include "tests/support/loopback_server.h"
 #include "tests/support/temp_dir.h"
 #include "tests/support/test_certificates.h"
@@ -224,6 +238,18 @@ TEST(CurlHttpClient, ShutdownAndDestructorCancelWaitingAndRunningRequests) {
     EXPECT_EQ(awaitError(std::move(inFlight)).code(), UrlError::Code::cancelled);
 }
 
+TEST(CurlHttpClient, ACompletionThatThrowsIsLoggedAndTheClientGoesOn) {
+    testing::LogCapture log;
+    LoopbackServer server;
+    CurlHttpClient client;
+    HttpRequest request;
+    request.url = server.baseUrl() + "/";
+    client.send(request, [](HttpResult) { throw std::runtime_error("handler broke"); });
+    EXPECT_EQ(await(client.get(server.baseUrl() + "/after")).statusCode, 200) << "the client's thread survived";
+    EXPECT_EQ(log.sink->messages(LogType::error),
+              std::vector<std::string>{"HTTP completion handler failed: handler broke"});
+}
+
 TEST(CurlHttpClient, HttpsTrustsTheConfiguredAuthorityAndChecksTheHost) {
     testing::TempDir dir;
     const auto certificates = testing::makeTestCertificates(dir.path(), {"IP:127.0.0.1,DNS:localhost", "DNS:other.test"});
@@ -240,6 +266,111 @@ TEST(CurlHttpClient, HttpsTrustsTheConfiguredAuthorityAndChecksTheHost) {
     ASSERT_EQ(server.requests().size(), 2u);
     EXPECT_EQ(server.requests()[0].body, "{\"tls\":true}");
     EXPECT_TRUE(otherHost.requests().empty());
+}
+
+// ---- name lookups against a name server that never answers (needs root or CAP_SYS_ADMIN)
+
+// Runs the scenario on a thread moved into new network and mount namespaces
+// where /etc/resolv.conf reads `resolvConf`; the threads and commands it
+// starts are in those namespaces too.
+void runWithOwnResolver(const std::string& resolvConf, const std::function<void()>& scenario) {
+    testing::TempDir dir;
+    const auto file = dir / "resolv.conf";
+    std::ofstream(file) << resolvConf;
+    std::string skip;
+    std::thread([&] {
+        auto failed = [&](const char* what) { skip = std::string(what) + ": " + std::strerror(errno) + " (needs root or CAP_SYS_ADMIN)"; };
+        if (unshare(CLONE_NEWNET | CLONE_NEWNS) != 0) return failed("unshare(CLONE_NEWNET | CLONE_NEWNS)");
+        // Private first, so the bind mount never reaches the host's namespace.
+        if (mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0) return failed("mount --make-rprivate /");
+        if (mount(file.c_str(), "/etc/resolv.conf", nullptr, MS_BIND, nullptr) != 0) return failed("bind /etc/resolv.conf");
+        scenario();
+    }).join();
+    if (!skip.empty()) GTEST_SKIP() << skip;
+}
+
+// A request sent through the completion form, with the time it completed.
+struct TimedRequest {
+    std::chrono::steady_clock::time_point sent = std::chrono::steady_clock::now();
+    std::promise<std::pair<HttpResult, std::chrono::steady_clock::time_point>> done;
+
+    static std::shared_ptr<TimedRequest> send(HttpClient& client, std::string url, double timeoutSeconds) {
+        auto timed = std::make_shared<TimedRequest>();
+        HttpRequest request;
+        request.url = std::move(url);
+        request.timeoutSeconds = timeoutSeconds;
+        client.send(std::move(request), [timed](HttpResult result) {
+            timed->done.set_value({std::move(result), std::chrono::steady_clock::now()});
+        });
+        return timed;
+    }
+    // The result and the time from send to completion.
+    std::pair<HttpResult, std::chrono::milliseconds> await() {
+        auto future = done.get_future();
+        if (future.wait_for(30s) != std::future_status::ready) throw std::runtime_error("request did not complete");
+        auto [result, at] = future.get();
+        return {std::move(result), std::chrono::duration_cast<std::chrono::milliseconds>(at - sent)};
+    }
+};
+
+UrlError::Code errorCode(const HttpResult& result) {
+    try {
+        if (result.error) std::rethrow_exception(result.error);
+    } catch (const UrlError& error) {
+        return error.code();
+    } catch (...) {
+    }
+    ADD_FAILURE() << "expected a UrlError";
+    return UrlError::Code::unknown;
+}
+
+TEST(CurlHttpClientNamespace, SilentNameServerHoldsUpOnlyItsOwnLookups) {
+    runWithOwnResolver("nameserver 127.0.0.1\n", [] {
+        ASSERT_EQ(std::system("ip link set lo up"), 0);
+        // A name server that takes every query and answers none.
+        const int silentDns = socket(AF_INET, SOCK_DGRAM, 0);
+        ASSERT_GE(silentDns, 0);
+        sockaddr_in address{};
+        address.sin_family = AF_INET;
+        address.sin_port = htons(53);
+        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        ASSERT_EQ(bind(silentDns, reinterpret_cast<sockaddr*>(&address), sizeof address), 0) << std::strerror(errno);
+
+        LoopbackServer server;
+        auto client = std::make_unique<CurlHttpClient>();
+        std::vector<std::shared_ptr<TimedRequest>> lookups;
+        for (int i = 0; i < 3; ++i)
+            lookups.push_back(TimedRequest::send(*client, "http://collect.tavrin.test/" + std::to_string(i), 2));
+        // One loopback request while the lookups wait, one after their timeout passed.
+        for (auto at : {300ms, 2300ms}) {
+            std::this_thread::sleep_until(lookups.front()->sent + at);
+            auto [meanwhile, took] = TimedRequest::send(*client, server.baseUrl() + "/meanwhile", 5)->await();
+            ASSERT_TRUE(meanwhile.response) << "loopback request failed";
+            EXPECT_EQ(meanwhile.response->statusCode, 200);
+            EXPECT_LT(took, 500ms) << "a loopback request sent at " << at.count() << " ms waited for the name lookups";
+            std::cout << "loopback request sent at " << at.count() << " ms took " << took.count() << " ms\n";
+        }
+
+        for (auto& lookup : lookups) {
+            auto [result, took] = lookup->await();
+            EXPECT_EQ(errorCode(result), UrlError::Code::timedOut);
+            EXPECT_GE(took, 1900ms);
+            EXPECT_LT(took, 2400ms) << "the lookup ends at the request's own timeout";
+            std::cout << "hanging lookup with a 2 s timeout failed after " << took.count() << " ms\n";
+        }
+
+        auto pending = TimedRequest::send(*client, "https://late.tavrin.test/", 30);
+        std::this_thread::sleep_for(300ms);
+        const auto shutdownStarted = std::chrono::steady_clock::now();
+        client->shutdown();
+        const auto shutdownTook =
+            std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() - shutdownStarted);
+        EXPECT_LT(shutdownTook, 400ms) << "shutdown waited for a name lookup";
+        std::cout << "shutdown during a lookup: " << shutdownTook.count() << " ms\n";
+        EXPECT_EQ(errorCode(pending->await().first), UrlError::Code::cancelled);
+        client.reset();
+        close(silentDns);
+    });
 }
 
 TEST(UrlParse, NeedsASchemeAndAHost) {
