@@ -1,7 +1,8 @@
 #pragma once
-// The platform HTTP client: asynchronous requests whose results complete a
-// std::future. The default client drives libcurl on one background thread,
-// reuses connections and always verifies TLS peers and host names. Transport
+// The platform HTTP client: asynchronous requests that end in a completion
+// callback (or a std::future). The default client drives libcurl on one
+// background thread, reuses connections and always verifies TLS peers and
+// host names; a name lookup that hangs holds up only its own request. Transport
 // failures (no connection, timeout, TLS, cancellation) are UrlError
 // exceptions; an HTTP status of any value is a response, not an error.
 
