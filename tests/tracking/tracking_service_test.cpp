@@ -5,7 +5,10 @@
 #include <algorithm>
 #include <chrono>
 #include <cmath>
+#include <condition_variable>
 #include <limits>
+#include <mutex>
+#include <thread>
 
 #include "tavrin/tracking/internal/product_data.h"
 #include "tests/tracking/tracking_service_fixture.h"
@@ -180,6 +183,49 @@ TEST_F(TrackingServiceTest, OrderCountsThePushesOfTheProcessAcrossResets) {
     ASSERT_EQ(payloads.size(), 2u);
     EXPECT_EQ(payloads[0].order, 1);
     EXPECT_EQ(payloads[1].order, 2);
+}
+
+TEST_F(TrackingServiceTest, PushesWaitingWhenTheServiceIsDroppedAreDiscarded) {
+    // The first push stops inside its device snapshot until the gate opens.
+    std::mutex mutex;
+    std::condition_variable cv;
+    bool open = false;
+    int snapshots = 0;
+    auto facts = testing::fixedDeviceFacts();
+    facts.currentLocale = [&] {
+        std::unique_lock lock(mutex);
+        ++snapshots;
+        cv.notify_all();
+        cv.wait(lock, [&] { return open; });
+        return platform::LocaleCodes{"de", "AT"};
+    };
+    DeviceInfoUtility::setFactsSource(facts);
+
+    auto service = start();
+    service->push({{"track", "first"}});
+    service->push({{"track", "second"}});
+    {
+        std::unique_lock lock(mutex);
+        cv.wait(lock, [&] { return snapshots == 1; });
+    }
+    service.reset();
+    TrackingService::resetInstance();
+    {
+        std::lock_guard lock(mutex);
+        open = true;
+    }
+    cv.notify_all();
+
+    // The push under way completes; the waiting one finds its service gone.
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(5);
+    while (MemoryCacheUtility::shared().getPushPayloads().empty() && std::chrono::steady_clock::now() < deadline)
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    const auto payloads = MemoryCacheUtility::shared().getPushPayloads();
+    ASSERT_EQ(payloads.size(), 1u);
+    EXPECT_EQ(payloads[0].track, "first");
+    std::lock_guard lock(mutex);
+    EXPECT_EQ(snapshots, 1);
 }
 
 using TrackingServiceDeathTest = TrackingServiceTest;
