@@ -99,9 +99,11 @@ Json DataClass::encode() const {
     Json out = Json::object();
     out["identifier"] = identifier.encode();
     out["variables"] = member("variables", [&] { return variables.encode(); });
-    if (enrichment) out["enrichment"] = member("enrichment", [&] {
+    if (enrichment) {
+        out["enrichment"] = member("enrichment", [&] {
             return members(*enrichment, [](const Enrichment& value) { return encodeJson(value); });
         });
+    }
     return out;
 }
 
