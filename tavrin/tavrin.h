@@ -10,4 +10,7 @@
 #include "tavrin/session/session_manager.h"
 #include "tavrin/tracking/any_value.h"
 #include "tavrin/tracking/codable_value.h"
+#include "tavrin/tracking/enrichment.h"
+#include "tavrin/tracking/tracking_service.h"
+#include "tavrin/tracking/tracking_service_error.h"
 #include "tavrin/tracking/variables_wrapper.h"

@@ -9,9 +9,36 @@ using DataClass = DataSubmissionModel::DataClass;
 using Identifier = DataClass::Identifier;
 using Variables = DataClass::Variables;
 
+namespace {
+
+// Encodes one member; an EncodingError from inside it gets the member's key
+// in front of its path, so the error names the value's place in the document.
+template <class F>
+Json member(const std::string& key, F&& encode) {
+    try {
+        return encode();
+    } catch (const EncodingError& error) {
+        CodingPath full{key};
+        full.insert(full.end(), error.codingPath().begin(), error.codingPath().end());
+        throw EncodingError(error.value(), std::move(full), error.debugDescription());
+    }
+}
+
+// A text-keyed map, each value encoded as its own member.
+template <class T, class Encode>
+Json members(const std::map<std::string, T>& values, Encode&& encode) {
+    Json out = Json::object();
+    for (const auto& [key, value] : values) out[key] = member(key, [&] { return encode(value); });
+    return out;
+}
+
+}  // namespace
+
 Json encodeJson(const Enrichment& enrichment) {
     Json out = Json::object();
-    out["arguments"] = encodeJson(enrichment.arguments);
+    out["arguments"] = member("arguments", [&] {
+        return members(enrichment.arguments, [](const CodableValue& value) { return encodeJson(value); });
+    });
     out["variables"] = encodeJson(enrichment.variables);
     return out;
 }
@@ -25,7 +52,7 @@ Enrichment JsonDecode<Enrichment>::decode(const Decoder& decoder) {
 
 Json DataSubmissionModel::VendorConsentStatus::encode() const {
     Json out = Json::object();
-    out["status"] = encodeJson(status);
+    out["status"] = member("status", [&] { return encodeJson(status); });
     return out;
 }
 
@@ -52,17 +79,7 @@ Json Variables::encode() const {
     out["document_location_href"] = documentLocationHref;
     out["fb_browser_id"] = fbBrowserId;
     out["tvrpushedcommands"] = encodeJson(tvrpushedcommands);
-    for (const auto& [name, value] : customProperties) {
-        CodingPath path{name};
-        try {
-            out[name] = encodeJson(value);
-        } catch (const EncodingError& error) {
-            // Report the member's place in the document, not just the value's.
-            CodingPath full = path;
-            full.insert(full.end(), error.codingPath().begin(), error.codingPath().end());
-            throw EncodingError(error.value(), std::move(full), error.debugDescription());
-        }
-    }
+    for (const auto& [name, value] : customProperties) out[name] = member(name, [&] { return encodeJson(value); });
     return out;
 }
 
@@ -81,8 +98,12 @@ Variables Variables::decode(const Decoder& decoder) {
 Json DataClass::encode() const {
     Json out = Json::object();
     out["identifier"] = identifier.encode();
-    out["variables"] = variables.encode();
-    if (enrichment) out["enrichment"] = encodeJson(*enrichment);
+    out["variables"] = member("variables", [&] { return variables.encode(); });
+    if (enrichment) {
+        out["enrichment"] = member("enrichment", [&] {
+            return members(*enrichment, [](const Enrichment& value) { return encodeJson(value); });
+        });
+    }
     return out;
 }
 
@@ -98,9 +119,11 @@ Json DataSubmissionModel::encode() const {
     Json out = Json::object();
     out["version"] = version;
     out["system"] = system.encode();
-    out["consent"] = encodeJson(consent);
+    out["consent"] = member("consent", [&] {
+        return members(consent, [](const VendorConsentStatus& value) { return value.encode(); });
+    });
     out["configuration"] = configuration.encode();
-    out["data"] = data.encode();
+    out["data"] = member("data", [&] { return data.encode(); });
     return out;
 }
 

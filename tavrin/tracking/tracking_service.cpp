@@ -1,0 +1,272 @@
+#include "tavrin/tracking/tracking_service.h"
+
+#include <atomic>
+#include <exception>
+#include <limits>
+#include <utility>
+
+#include "tavrin/consent/internal/consent_id_utility.h"
+#include "tavrin/consent/internal/user_id_utility.h"
+#include "tavrin/monitor/internal/device_info_utility.h"
+#include "tavrin/monitor/internal/memory_cache_utility.h"
+#include "tavrin/monitor/internal/tag_cache.h"
+#include "tavrin/monitor/internal/timestamp_utility.h"
+#include "tavrin/monitor/internal/user_agent_utility.h"
+#include "tavrin/platform/internal/uuid.h"
+#include "tavrin/sdk/internal/fatal_error.h"
+#include "tavrin/sdk/internal/logger_utility.h"
+#include "tavrin/sdk/internal/tracking_settings.h"
+#include "tavrin/tracking/internal/custom_properties.h"
+#include "tavrin/tracking/internal/enrichment_resolution.h"
+#include "tavrin/tracking/internal/product_data.h"
+#include "tavrin/tracking/internal/push_payload.h"
+#include "tavrin/tracking/internal/tracking_service_internals.h"
+#include "tavrin/transport/service_protocol.h"
+
+namespace tavrin {
+
+namespace {
+
+constexpr const char* kNotInitialized = "TrackingService is not initialized. Call TavrinService.configure(with:) first.";
+
+struct Slot {
+    std::mutex mutex;
+    std::shared_ptr<TrackingService> instance;
+};
+
+Slot& slot() {
+    static Slot s;
+    return s;
+}
+
+// Numbers the pushes of the whole process. Atomic although pushes are
+// serialised: after a reset, the dropped instance's queue may still be
+// finishing a push while the new instance's queue starts the next one.
+std::atomic<std::int64_t> lastPushOrder{0};
+
+std::int64_t nextPushOrder() {
+    std::int64_t current = lastPushOrder.load(std::memory_order_relaxed);
+    do {
+        if (current == std::numeric_limits<std::int64_t>::max())
+            detail::fatalError("Push order overflow: no more pushes can be numbered.");
+    } while (!lastPushOrder.compare_exchange_weak(current, current + 1, std::memory_order_relaxed));
+    return current + 1;
+}
+
+const std::string* textMember(const AnyValue::Dictionary& data, const char* key) {
+    const auto found = data.find(key);
+    return found == data.end() ? nullptr : found->second.textIf();
+}
+
+// The device's facts win over pushed properties of the same name.
+void mergeDeviceInfo(std::map<std::string, CodableValue>& properties, AppDeviceInfo info) {
+    const auto text = [&](const char* key, std::string value) {
+        properties.insert_or_assign(key, CodableValue::string(std::move(value)));
+    };
+    text("app_device_id", std::move(info.appDeviceId));
+    text("app_device_brand", std::move(info.appDeviceBrand));
+    text("app_device_model", std::move(info.appDeviceModel));
+    text("app_device_os", std::move(info.appDeviceOS));
+    text("app_device_os_version", std::move(info.appDeviceOSVersion));
+    text("app_device_language", std::move(info.appDeviceLanguage));
+    text("app_device_region", std::move(info.appDeviceRegion));
+    // Sent as text on purpose, like every other device fact.
+    text("app_device_width", std::to_string(info.appDeviceWidth));
+    text("app_device_height", std::to_string(info.appDeviceHeight));
+    text("app_device_carrier", std::move(info.appDeviceCarrier).value_or("Unknown"));
+    text("app_device_network_type", std::move(info.appDeviceNetworkType));
+    text("app_application_name", std::move(info.appApplicationName));
+    text("app_application_version", std::move(info.appApplicationVersion));
+    text("app_application_build_number", std::move(info.appApplicationBuildNumber));
+}
+
+}  // namespace
+
+// ---- life cycle
+
+std::shared_ptr<TrackingService> TrackingService::shared() {
+    std::shared_ptr<TrackingService> instance;
+    {
+        std::lock_guard lock(slot().mutex);
+        instance = slot().instance;
+    }
+    if (!instance) {
+        LoggerUtility::shared().error(kNotInitialized);
+        throw TrackingServiceError::notInitialized();
+    }
+    return instance;
+}
+
+void TrackingService::resetInstance() {
+    std::shared_ptr<TrackingService> dropped;
+    {
+        std::lock_guard lock(slot().mutex);
+        dropped = std::exchange(slot().instance, nullptr);
+    }
+    // Released outside the lock: the last owner waits for the instance's
+    // queue to finish, and nothing on that queue should wait for the slot.
+    dropped.reset();
+    LoggerUtility::shared().info("TrackingService instance has been reset.");
+}
+
+std::shared_ptr<TrackingService> TrackingService::initialize(std::shared_ptr<ServiceProtocol> service) {
+    auto settings = TrackingSettings::shared();
+    auto instance = std::make_shared<TrackingService>(ConstructionKey{}, std::move(service), settings);
+    std::shared_ptr<TrackingService> previous;
+    {
+        std::lock_guard lock(slot().mutex);
+        previous = std::exchange(slot().instance, instance);
+    }
+    previous.reset();
+    LoggerUtility::shared().info(
+        [&] { return "TrackingService initialized successfully with container: " + settings->container(); });
+    return instance;
+}
+
+TrackingService::TrackingService(ConstructionKey, std::shared_ptr<ServiceProtocol> service,
+                                 std::shared_ptr<const TrackingSettings> settings)
+    : settings(std::move(settings)),
+      service(std::move(service)),
+      userAgent(UserAgentUtility::userAgent("TavrinSDK", "1.0", "18")),
+      consentUtility(std::make_unique<const ConsentIDUtility>(this->settings->container())),
+      userIDUtility(std::make_unique<const UserIDUtility>()) {}
+
+TrackingService::~TrackingService() = default;
+
+// ---- push
+
+void TrackingService::push(AnyValue::Dictionary data) {
+    try {
+        processingQueue.async([weak = weak_from_this(), data = std::move(data)]() mutable {
+            const auto self = weak.lock();
+            if (!self) return;  // reset since: the push is dropped with its service
+            try {
+                self->processPush(std::move(data));
+            } catch (const std::exception& error) {
+                LoggerUtility::shared().error([&] { return std::string("Failed to process push: ") + error.what(); });
+            }
+        });
+    } catch (const std::exception& error) {
+        LoggerUtility::shared().error([&] { return std::string("Failed to enqueue push: ") + error.what(); });
+    }
+}
+
+void TrackingService::processPush(AnyValue::Dictionary data) {
+    auto& logger = LoggerUtility::shared();
+    const std::string* pushedTrack = textMember(data, "track");
+    const std::string* pushedType = textMember(data, "type");
+    const std::string track = pushedTrack ? *pushedTrack : trackCommand;
+    const std::string type = pushedType ? *pushedType : typeValue;
+
+    // Leaves out "track" and "type": they travel as the payload's own members.
+    auto converted = validatedCustomProperties(data);
+    std::map<std::string, CodableValue> properties;
+    if (track == "product") {
+        addToProductData(track, type, std::move(converted));
+    } else {
+        properties = std::move(converted);
+    }
+    mergeDeviceInfo(properties, DeviceInfoUtility::collectDeviceInfo());
+
+    MemoryCacheUtility::shared().appendPushPayload(
+        PushPayload(track, type, std::move(properties), nextPushOrder(), platform::Uuid::make()));
+    logger.info([&] { return "Pushing data with track: " + track; });
+
+    // The debug tag shows the dictionary as pushed, before any conversion.
+    const auto json = AnyValue::sortedJsonText(data);
+    if (!json) {
+        logger.error("Failed to stringify push data");
+        return;
+    }
+    std::string message = "T-SDK: [TAVRIN DL] - [AD01] Received SDK.push() - Command: ";
+    message += pushedTrack ? *pushedTrack : std::string();
+    message += " | Data: ";
+    message += *json;
+    TagCache::shared().addOrReplace(
+        Tag::makeInfo("AD01", std::move(message), TimestampUtility::currentTimestampInMillis(), true));
+    logger.info("AD01 push tag added to TagCache.");
+    logger.debug(*json);
+}
+
+void TrackingService::addToProductData(const std::string& track, const std::string& type,
+                                       std::map<std::string, CodableValue> properties) const {
+    // Only the processing queue writes the product data, so this read and the
+    // write-back below cannot interleave with another product push.
+    auto& cache = MemoryCacheUtility::shared();
+    ProductData productData = cache.get<ProductData>(kProductDataKey).value_or(ProductData{});
+    std::map<std::string, CodableValue> record{{"product_track", CodableValue::string(track)},
+                                               {"product_type", CodableValue::string(type)}};
+    for (auto& [key, value] : properties) record.insert_or_assign(key, std::move(value));
+    // Parallel arrays, one element per product; a key a product lacks gets no
+    // element, so the arrays may differ in length.
+    for (auto& [key, value] : record) productData[key].push_back(std::move(value));
+    cache.set(kProductDataKey, std::move(productData));
+}
+
+void TrackingService::waitForPendingPushes() const {
+    processingQueue.sync([] {});
+}
+
+// ---- enrichments
+
+void TrackingService::addEnrichment(std::optional<std::string> pluginId, AnyValue::Dictionary arguments,
+                                    std::vector<std::string> variables) {
+    waitForPendingPushes();
+    auto& cache = MemoryCacheUtility::shared();
+    const auto pushes = cache.getPushPayloads();
+    const auto productData = cache.get<ProductData>(kProductDataKey).value_or(ProductData{});
+    auto resolved = resolveArguments(arguments, pushes, productData);
+
+    auto& logger = LoggerUtility::shared();
+    if (!pluginId) {
+        logger.error("Plugin ID is missing. Cannot add enrichment.");
+        return;
+    }
+    storeEnrichment(*pluginId, Enrichment{resolved, std::move(variables)});
+    logger.info([&] {
+        return "Successfully added enrichment for pluginId: " + *pluginId +
+               " with resolved arguments: " + describe(resolved);
+    });
+}
+
+void TrackingService::addCustomEnrichment(std::optional<std::string> pluginId,
+                                          std::map<std::string, CodableValue> arguments,
+                                          std::vector<std::string> variables) {
+    if (!pluginId) {
+        if (!settings->config()) detail::fatalError("TrackConfig is not available.");
+        pluginId = settings->container();
+    }
+    storeEnrichment(*pluginId, Enrichment{std::move(arguments), std::move(variables)});
+    LoggerUtility::shared().info([&] { return "Added custom enrichment with pluginId: " + *pluginId; });
+}
+
+void TrackingService::storeEnrichment(const std::string& pluginId, Enrichment enrichment) {
+    std::lock_guard lock(enrichmentsMutex);
+    enrichments.insert_or_assign(pluginId, std::move(enrichment));
+}
+
+std::optional<std::map<std::string, Enrichment>> TrackingService::enrichmentsForSubmission() const {
+    std::lock_guard lock(enrichmentsMutex);
+    if (enrichments.empty()) return std::nullopt;
+    return enrichments;
+}
+
+void TrackingService::resetEnrichments() {
+    {
+        std::lock_guard lock(enrichmentsMutex);
+        enrichments.clear();
+    }
+    LoggerUtility::shared().info("Enrichments have been reset");
+}
+
+// ---- internals
+
+std::int64_t detail::TrackingServiceInternals::lastPushOrder() {
+    return tavrin::lastPushOrder.load(std::memory_order_relaxed);
+}
+
+void detail::TrackingServiceInternals::setLastPushOrderForTesting(std::int64_t order) {
+    tavrin::lastPushOrder.store(order, std::memory_order_relaxed);
+}
+
+}  // namespace tavrin

@@ -1,0 +1,107 @@
+#pragma once
+// The tracking core: the one shared TrackingService through which the host
+// application pushes commands into the data layer and registers enrichments
+// for the next data submission.
+//
+//     auto tracking = tavrin::TrackingService::shared();   // throws TrackingServiceError
+//     tracking->push({{"track", "pageview"}, {"price", 9.99}});
+//     tracking->addEnrichment("geo", {{"city", "cityProperty"}}, {"region"});
+
+#include <map>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "tavrin/platform/dispatch.h"
+#include "tavrin/tracking/any_value.h"
+#include "tavrin/tracking/codable_value.h"
+#include "tavrin/tracking/enrichment.h"
+#include "tavrin/tracking/tracking_service_error.h"
+
+namespace tavrin {
+
+class ConsentIDUtility;
+class ServiceProtocol;
+class TrackingSettings;
+class UserIDUtility;
+
+namespace detail {
+struct TrackingServiceInternals;
+}
+
+class TrackingService : public std::enable_shared_from_this<TrackingService> {
+    struct ConstructionKey {
+        explicit ConstructionKey() = default;
+    };
+
+public:
+    // The current instance. Without one: an error line, then
+    // TrackingServiceError notInitialized.
+    static std::shared_ptr<TrackingService> shared();
+    // Empties the shared slot. Pushes still waiting on the dropped instance's
+    // queue are discarded; the push order counter is not reset.
+    static void resetInstance();
+    // Called by TavrinService::configure: builds a service on the shared
+    // settings (which must be configured) that sends through `service`,
+    // installs it as the shared instance and returns it.
+    static std::shared_ptr<TrackingService> initialize(std::shared_ptr<ServiceProtocol> service);
+
+    TrackingService(ConstructionKey, std::shared_ptr<ServiceProtocol> service,
+                    std::shared_ptr<const TrackingSettings> settings);
+    ~TrackingService();
+    TrackingService(const TrackingService&) = delete;
+    TrackingService& operator=(const TrackingService&) = delete;
+
+    // Returns at once and never throws: the dictionary is handed to the
+    // processing queue, where it becomes a stored push with the device's
+    // facts, a process-wide order and an id, plus a debug tag.
+    void push(AnyValue::Dictionary data);
+
+    // Registers a plug-in for the next data submission, replacing any earlier
+    // one under the same id. Text arguments name a property: the latest push
+    // holding it wins, then the product data, else the text goes as it is.
+    // Arrays of text, numbers (integers become decimals) and booleans are kept;
+    // anything else (a date, a non-finite number, a dictionary, null) is
+    // dropped. Pushes made before the call are part of the resolution.
+    // Without a plug-in id nothing is stored (an error line says so).
+    void addEnrichment(std::optional<std::string> pluginId, AnyValue::Dictionary arguments,
+                       std::vector<std::string> variables);
+    // Registers arguments as given, without resolution. The id defaults to
+    // the configured container.
+    void addCustomEnrichment(std::optional<std::string> pluginId, std::map<std::string, CodableValue> arguments,
+                             std::vector<std::string> variables);
+
+private:
+    friend struct detail::TrackingServiceInternals;
+
+    // Runs on processingQueue.
+    void processPush(AnyValue::Dictionary data);
+    void addToProductData(const std::string& track, const std::string& type,
+                          std::map<std::string, CodableValue> properties) const;
+    // Blocks until every push enqueued so far has been processed.
+    void waitForPendingPushes() const;
+    // The table as a data submission carries it: nothing when it is empty.
+    std::optional<std::map<std::string, Enrichment>> enrichmentsForSubmission() const;
+    void resetEnrichments();
+    void storeEnrichment(const std::string& pluginId, Enrichment enrichment);
+
+    const std::string trackCommand = "defaultTrackCommand";
+    const std::string typeValue = "defaultDependencyType";
+    const std::shared_ptr<const TrackingSettings> settings;
+    std::shared_ptr<ServiceProtocol> service;
+    const std::string userAgent;
+    const std::unique_ptr<const ConsentIDUtility> consentUtility;
+    const std::unique_ptr<const UserIDUtility> userIDUtility;
+    const std::string vendorConsentsKey = "VendorConsents";
+    const std::string vendorConsentsLastUpdateKey = "VendorConsents_lastupdate";
+    // Serialises push work: pushes are processed and numbered in call order.
+    mutable platform::SerialQueue processingQueue{"com.tavrin.processing"};
+    // Guarded by enrichmentsMutex alone: callers on any thread add, the
+    // submission reads and resets; nothing else runs under this lock.
+    std::map<std::string, Enrichment> enrichments;
+    mutable std::mutex enrichmentsMutex;
+};
+
+}  // namespace tavrin

@@ -1,0 +1,32 @@
+#pragma once
+// The error type of the tracking service: a case (code()) and its description
+// as what().
+
+#include <stdexcept>
+#include <string>
+
+namespace tavrin {
+
+class TrackingServiceError : public std::runtime_error {
+public:
+    enum class Code { submissionFailed, notInitialized, configurationFailed };
+
+    // "Data submission failed: " followed by the cause.
+    static TrackingServiceError submissionFailed(std::string cause);
+    // "TrackingService is not initialized. Call TavrinService.configure(with:) first."
+    static TrackingServiceError notInitialized();
+    // "Failed to configure TrackingService. Check the provided configuration."
+    static TrackingServiceError configurationFailed();
+
+    Code code() const noexcept { return code_; }
+    // The cause of a failed submission; empty for the other cases.
+    const std::string& cause() const noexcept { return cause_; }
+
+private:
+    TrackingServiceError(Code code, std::string cause, const std::string& description);
+
+    Code code_;
+    std::string cause_;
+};
+
+}  // namespace tavrin
