@@ -2,7 +2,6 @@
 
 #include <mutex>
 
-#include "tavrin/monitor/internal/int64_truncation.h"
 #include "tavrin/platform/internal/uuid.h"
 
 namespace tavrin {
@@ -30,12 +29,13 @@ std::shared_ptr<const FixedDeviceFacts> readFixedFacts(const DeviceFactsSource& 
     facts->systemName = orUnknown(source.systemName());
     facts->systemVersion = orUnknown(source.systemVersion());
     facts->machine = source.machine();
-    auto name = source.infoDictionaryString("CFBundleDisplayName");
-    if (!name) name = source.infoDictionaryString("CFBundleName");
-    facts->applicationName = orUnknown(std::move(name));
-    facts->applicationVersion = orUnknown(source.infoDictionaryString("CFBundleShortVersionString"));
-    facts->applicationBuildNumber = orUnknown(source.infoDictionaryString("CFBundleVersion"));
     return facts;
+}
+
+// Truncated toward zero; 0 for a value without a signed 64-bit form.
+std::int64_t truncatedPoints(double points) {
+    constexpr double lowest = -9223372036854775808.0, limit = 9223372036854775808.0;
+    return points >= lowest && points < limit ? static_cast<std::int64_t>(points) : 0;
 }
 
 // The source and the fixed facts together, reading the facts on first use.
@@ -53,7 +53,7 @@ std::shared_ptr<const FixedDeviceFacts> DeviceInfoUtility::fixedFacts() { return
 AppDeviceInfo DeviceInfoUtility::collectDeviceInfo() {
     const auto [source, fixed] = snapshot();
     // The locale may change while the process runs (the environment is the
-    // host's), so it is read on every collection; so is the screen.
+    // host's), and so may what the host tells about itself: read every time.
     const platform::LocaleCodes locale = source->currentLocale();
     const platform::ScreenBounds bounds = source->screenBounds().value_or(platform::ScreenBounds{});
 
@@ -65,13 +65,15 @@ AppDeviceInfo DeviceInfoUtility::collectDeviceInfo() {
     info.appDeviceOSVersion = fixed->systemVersion;
     info.appDeviceLanguage = locale.languageCode.value_or(unknown);
     info.appDeviceRegion = locale.regionCode.value_or(unknown);
-    info.appDeviceWidth = detail::truncateToInt64OrStop(bounds.width, "Screen width");
-    info.appDeviceHeight = detail::truncateToInt64OrStop(bounds.height, "Screen height");
+    info.appDeviceWidth = truncatedPoints(bounds.width);
+    info.appDeviceHeight = truncatedPoints(bounds.height);
     info.appDeviceCarrier = unknown;
     info.appDeviceNetworkType = unknown;
-    info.appApplicationName = fixed->applicationName;
-    info.appApplicationVersion = fixed->applicationVersion;
-    info.appApplicationBuildNumber = fixed->applicationBuildNumber;
+    auto name = source->infoDictionaryString("CFBundleDisplayName");
+    if (!name) name = source->infoDictionaryString("CFBundleName");
+    info.appApplicationName = orUnknown(std::move(name));
+    info.appApplicationVersion = orUnknown(source->infoDictionaryString("CFBundleShortVersionString"));
+    info.appApplicationBuildNumber = orUnknown(source->infoDictionaryString("CFBundleVersion"));
     return info;
 }
 

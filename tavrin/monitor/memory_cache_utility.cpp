@@ -19,11 +19,27 @@ void MemoryCacheUtility::resetShared() {
 }
 
 void MemoryCacheUtility::setAny(const std::string& key, std::any value) {
-    queue_.asyncBarrier([this, key, value = std::move(value)]() mutable { cache_.setObject(key, std::move(value)); });
+    queue_.asyncBarrier([this, key, value = std::move(value)]() mutable {
+        cache_.setObject(key, std::make_shared<std::any>(std::move(value)));
+    });
 }
 
 std::any MemoryCacheUtility::getAny(const std::string& key) const {
-    return queue_.sync([&] { return cache_.object(key); });
+    return queue_.sync([&] {
+        const auto slot = cache_.objectAs<Slot>(key);
+        return slot ? **slot : std::any{};
+    });
+}
+
+void MemoryCacheUtility::updateAny(const std::string& key, std::function<void(std::any&)> mutate) {
+    queue_.asyncBarrier([this, key, mutate = std::move(mutate)] {
+        auto slot = cache_.objectAs<Slot>(key);
+        if (!slot) {
+            slot = std::make_shared<std::any>();
+            cache_.setObject(key, *slot);
+        }
+        mutate(**slot);
+    });
 }
 
 void MemoryCacheUtility::remove(const std::string& key) {

@@ -96,6 +96,20 @@ Tag::Variables Tag::Variables::decode(const Decoder& decoder) {
     return v;
 }
 
+void Tag::dropNonFiniteNumbers(const AnyCodable::DroppedHandler& dropped) {
+    AnyCodable::dropNonFiniteNumbers(trigger.conditions, dropped, {"trigger", "conditions"});
+    AnyCodable::dropNonFiniteNumbers(trigger.excludeTriggers, dropped, {"trigger", "excludeTriggers"});
+    AnyCodable::dropNonFiniteNumbers(http.payload, dropped, {"http", "payload"});
+    AnyCodable::dropNonFiniteNumbers(http.requestHeaders, dropped, {"http", "requestHeaders"});
+    AnyCodable::dropNonFiniteNumbers(http.queryStringParameters, dropped, {"http", "queryStringParameters"});
+    AnyCodable::dropNonFiniteNumbers(http.response.headers, dropped, {"http", "response", "headers"});
+    AnyCodable::dropNonFiniteNumbers(variables.frontend, dropped, {"variables", "frontend"});
+    AnyCodable::dropNonFiniteNumbers(variables.backend, dropped, {"variables", "backend"});
+    AnyCodable::dropNonFiniteNumbers(variables.constant, dropped, {"variables", "constant"});
+    AnyCodable::dropNonFiniteNumbers(variables.enrichment, dropped, {"variables", "enrichment"});
+    AnyCodable::dropNonFiniteNumbers(functions, dropped, {"functions"});
+}
+
 Tag Tag::makeInfo(std::string id, std::string name, std::int64_t timestamp, bool success) {
     Tag tag;
     tag.id = std::move(id);

@@ -1,8 +1,61 @@
 #include "tavrin/monitor/internal/tag_cache.h"
 
+#include <atomic>
+
 #include "tavrin/sdk/internal/logger_utility.h"
 
 namespace tavrin {
+
+namespace {
+
+// Numbers tags across every list of the process, so a snapshot taken before
+// the whole list was removed can never reach tags of a list started later.
+std::uint64_t nextSequence() {
+    static std::atomic<std::uint64_t> last{0};
+    return ++last;
+}
+
+std::string joined(const CodingPath& path) {
+    std::string out;
+    for (const auto& part : path) {
+        if (!out.empty()) out += '.';
+        out += part;
+    }
+    return out;
+}
+
+}  // namespace
+
+void TagList::add(Tag tag, std::uint64_t sequence, std::size_t capacity) {
+    if (isSingle(tag.id)) {
+        auto [single, added] = singles_.try_emplace(tag.id, sequence);
+        if (!added) {
+            entries_.erase(single->second);
+            single->second = sequence;
+        }
+    }
+    entries_.emplace_hint(entries_.end(), sequence, std::move(tag));
+    while (entries_.size() > capacity) {
+        // The two single tags are never dropped, so the oldest other tag is
+        // at most the third from the front.
+        auto oldest = entries_.begin();
+        while (oldest != entries_.end() && isSingle(oldest->second.id)) ++oldest;
+        if (oldest == entries_.end()) break;
+        entries_.erase(oldest);
+    }
+}
+
+void TagList::removeThrough(std::uint64_t sequence) {
+    entries_.erase(entries_.begin(), entries_.upper_bound(sequence));
+    std::erase_if(singles_, [&](const auto& single) { return single.second <= sequence; });
+}
+
+std::vector<Tag> TagList::tags() const {
+    std::vector<Tag> out;
+    out.reserve(entries_.size());
+    for (const auto& [sequence, tag] : entries_) out.push_back(tag);
+    return out;
+}
 
 TagCache::TagCache() : cache_(&MemoryCacheUtility::shared()) {}
 
@@ -11,18 +64,33 @@ TagCache& TagCache::shared() {
     return instance;
 }
 
-void TagCache::addOrReplace(const Tag& tag) {
-    std::vector<Tag> list = tags();
-    if (tag.id == "AI01" || tag.id == "AC03")
-        std::erase_if(list, [&](const Tag& t) { return t.id == tag.id; });
-    list.push_back(tag);
+void TagCache::addOrReplace(Tag tag) {
+    auto& logger = LoggerUtility::shared();
+    tag.dropNonFiniteNumbers([&](const CodingPath& path) {
+        logger.debug([&] { return "Warning: Non-finite number dropped from tag " + tag.id + " at " + joined(path) + "."; });
+    });
     // Prints the name on purpose: it carries the readable message of the step.
-    LoggerUtility::shared().info([&] { return "Added or replaced tag with id: " + tag.name; });
-    cache_->set(userDefaultsKey, std::move(list));
+    logger.info([&] { return "Added or replaced tag with id: " + tag.name; });
+    // The number is drawn inside the write, so numbers follow the list's order.
+    cache_->update<TagList>(userDefaultsKey, [tag = std::move(tag)](TagList& list) mutable {
+        list.add(std::move(tag), nextSequence(), capacity);
+    });
 }
 
 std::vector<Tag> TagCache::tags() const {
-    return cache_->get<std::vector<Tag>>(userDefaultsKey).value_or(std::vector<Tag>{});
+    return cache_->read<TagList>(userDefaultsKey,
+                                 [](const TagList* list) { return list ? list->tags() : std::vector<Tag>{}; });
+}
+
+TagCache::Snapshot TagCache::snapshot() const {
+    return cache_->read<TagList>(userDefaultsKey, [](const TagList* list) {
+        return list ? Snapshot{list->tags(), list->lastSequence()} : Snapshot{};
+    });
+}
+
+void TagCache::remove(const Snapshot& sent) {
+    if (sent.through == 0) return;
+    cache_->update<TagList>(userDefaultsKey, [through = sent.through](TagList& list) { list.removeThrough(through); });
 }
 
 }  // namespace tavrin

@@ -5,11 +5,14 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <charconv>
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
 #include <iterator>
 #include <mutex>
+
+#include "tavrin/sdk/internal/logger_utility.h"
 
 namespace tavrin::platform {
 
@@ -147,7 +150,29 @@ std::optional<std::string> DeviceFacts::infoDictionaryString(std::string_view ke
     return std::nullopt;
 }
 
+namespace {
+
+// A size in points that truncates to a signed 64-bit integer and can be a
+// screen's: finite, not negative, below 2^63.
+bool isScreenSize(double points) { return points >= 0 && points < 9223372036854775808.0; }
+
+std::string shortestText(double value) {
+    char buffer[32];
+    const auto result = std::to_chars(buffer, buffer + sizeof buffer, value);
+    return std::string(buffer, result.ptr);
+}
+
+}  // namespace
+
 void DeviceFacts::setScreenBounds(std::optional<ScreenBounds> bounds) {
+    // Refused here, on the host's own call, rather than failing the
+    // conversion later on a background queue.
+    if (bounds && !(isScreenSize(bounds->width) && isScreenSize(bounds->height))) {
+        LoggerUtility::shared().error("Screen bounds " + shortestText(bounds->width) + " by " +
+                                      shortestText(bounds->height) +
+                                      " refused: width and height are points from 0 up to 2^63.");
+        return;
+    }
     std::lock_guard lock(host().mutex);
     host().screen = bounds;
 }
@@ -169,7 +194,9 @@ std::optional<std::string> DeviceFacts::machine() {
     return std::string(u.machine);
 }
 
-std::optional<std::string> DeviceFacts::executableName() {
+namespace {
+
+std::optional<std::string> readExecutableName() {
     char buffer[4096];
     const ssize_t n = readlink("/proc/self/exe", buffer, sizeof buffer);
     if (n > 0 && static_cast<std::size_t>(n) < sizeof buffer) {
@@ -181,6 +208,14 @@ std::optional<std::string> DeviceFacts::executableName() {
     }
     // No /proc: the name the program was started under.
     return nonEmpty(program_invocation_short_name ? program_invocation_short_name : "");
+}
+
+}  // namespace
+
+std::optional<std::string> DeviceFacts::executableName() {
+    // The running program's file does not change: read once.
+    static const std::optional<std::string> name = readExecutableName();
+    return name;
 }
 
 LocaleCodes DeviceFacts::parseLocale(std::string_view name) {

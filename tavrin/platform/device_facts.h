@@ -42,6 +42,8 @@ public:
     // Text value of an information-dictionary key; "CFBundleName" falls back
     // to the executable's name.
     static std::optional<std::string> infoDictionaryString(std::string_view key);
+    // A width or height that is not finite, negative or not below 2^63 is
+    // refused with an error log line, and the bounds set before are kept.
     static void setScreenBounds(std::optional<ScreenBounds> bounds);
     static std::optional<ScreenBounds> screenBounds();
 
@@ -50,7 +52,7 @@ public:
     static std::string systemName();                    // os-release NAME; "Linux" when not given
     static std::optional<std::string> systemVersion();  // os-release VERSION_ID
     static std::optional<std::string> machine();        // uname machine, as the kernel gives it
-    static std::optional<std::string> executableName(); // file name of the running program
+    static std::optional<std::string> executableName(); // file name of the running program, read once
     // From the first of LC_ALL, LC_MESSAGES, LANG that is set and not empty.
     static LocaleCodes currentLocale();
     // Parses a POSIX locale name, language[_territory][.codeset][@modifier]:

@@ -1,7 +1,14 @@
 #pragma once
 // The host application's configuration of the SDK: where the data goes and
-// how the SDK behaves. An aggregate, so designated initializers name every
-// field; no field has a default.
+// how the SDK behaves. An aggregate, so designated initializers read like
+// labelled arguments. C++ aggregates have no required fields, so a field left
+// out takes a defined value: the optionals are empty, and the rest the
+// fallbacks TrackingSettings itself answers with when nothing is configured
+// (live, offline tracking off, one hour), never an indeterminate value or a
+// zero timeout that would expire every cached request at once. The three
+// texts the host always names (domain, container, token) stay without an
+// initializer, so a compiler that checks (-Wmissing-field-initializers)
+// points at a missing one; left out, they are empty.
 
 #include <array>
 #include <optional>
@@ -17,14 +24,14 @@ struct TrackConfig {
 
     std::string trackDomain;
     std::string container;
-    Environment environment;
-    std::optional<std::string> version;
-    std::optional<std::string> debugCode;
-    std::optional<double> sessionTimeoutInSeconds;
+    Environment environment = Environment::live;
+    std::optional<std::string> version = std::nullopt;
+    std::optional<std::string> debugCode = std::nullopt;
+    std::optional<double> sessionTimeoutInSeconds = std::nullopt;
     std::string authorizationToken;
-    std::optional<std::string> customProtocol;
-    bool enableOfflineTracking;
-    double offlineTrackingTimeout;  // seconds
+    std::optional<std::string> customProtocol = std::nullopt;
+    bool enableOfflineTracking = false;
+    double offlineTrackingTimeout = 3600.0;  // seconds
 
     friend bool operator==(const TrackConfig&, const TrackConfig&) = default;
 };

@@ -2,6 +2,7 @@
 #include "tavrin/session/internal/shortest_decimal_text.h"
 
 #include <charconv>
+#include <cmath>
 #include <mutex>
 #include <vector>
 
@@ -15,12 +16,22 @@ namespace tavrin {
 namespace detail {
 
 std::string shortestDecimalText(double value) {
+    // Plain digits from a ten-thousandth up to 2^53, the range in which every
+    // whole number is exact and a reader expects 100000.0 rather than 1e+05.
+    // Outside it plain digits would be long runs of zeros (1e300 has 301
+    // digits, 1e-7 six leading zeros) or would suggest integer precision a
+    // double does not have, so those keep the shortest exponent form ("1e+300",
+    // "1e-07", "9.007199254740992e+15"). Not finite: "inf", "-inf", "nan".
+    constexpr double plainFrom = 1e-4;
+    constexpr double plainBelow = 9007199254740992.0;  // 2^53
     char buffer[64];
-    const auto result = std::to_chars(buffer, buffer + sizeof buffer, value);
+    const double magnitude = std::fabs(value);
+    const bool plain = value == 0 || (magnitude >= plainFrom && magnitude < plainBelow);
+    const auto result = std::to_chars(buffer, buffer + sizeof buffer, value,
+                                      plain || !std::isfinite(value) ? std::chars_format::fixed
+                                                                     : std::chars_format::scientific);
     std::string text(buffer, result.ptr);
-    if (text.find_first_of(".e") == std::string::npos && text.find("inf") == std::string::npos &&
-        text.find("nan") == std::string::npos)
-        text += ".0";
+    if (plain && text.find('.') == std::string::npos) text += ".0";
     return text;
 }
 

@@ -70,6 +70,37 @@ Json AnyCodable::encodeAt(const CodingPath& path) const {
     throw EncodingError(value_, path, "Unsupported JSON value");
 }
 
+bool AnyCodable::keepAfterDroppingNonFinite(const DroppedHandler& dropped, const CodingPath& path) {
+    if (const auto* d = std::any_cast<double>(&value_)) {
+        if (std::isfinite(*d)) return true;
+        dropped(path);
+        return false;
+    }
+    if (auto* dict = std::any_cast<Dictionary>(&value_)) dropNonFiniteNumbers(*dict, dropped, path);
+    if (auto* array = std::any_cast<Array>(&value_)) dropNonFiniteNumbers(*array, dropped, path);
+    return true;
+}
+
+void AnyCodable::dropNonFiniteNumbers(Dictionary& dictionary, const DroppedHandler& dropped, const CodingPath& path) {
+    for (auto it = dictionary.begin(); it != dictionary.end();) {
+        CodingPath p = path;
+        p.push_back(it->first);
+        it = it->second.keepAfterDroppingNonFinite(dropped, p) ? std::next(it) : dictionary.erase(it);
+    }
+}
+
+void AnyCodable::dropNonFiniteNumbers(Array& array, const DroppedHandler& dropped, const CodingPath& path) {
+    std::size_t kept = 0;
+    for (std::size_t index = 0; index < array.size(); ++index) {
+        CodingPath p = path;
+        p.push_back("Index " + std::to_string(index));
+        if (!array[index].keepAfterDroppingNonFinite(dropped, p)) continue;
+        if (kept != index) array[kept] = std::move(array[index]);
+        ++kept;
+    }
+    array.resize(kept);
+}
+
 bool operator==(const AnyCodable& a, const AnyCodable& b) {
     // Equal when both encode to the same JSON text (so 1 and 1.0 differ);
     // unencodable values are never equal.

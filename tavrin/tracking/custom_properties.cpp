@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <array>
+#include <cmath>
 #include <optional>
 #include <string_view>
 
@@ -36,13 +37,31 @@ std::optional<CodableValue> scalar(const AnyValue& value) {
     }
 }
 
+// JSON has no NaN or infinity: such a number would make the whole
+// submission fail to encode later, so it is dropped here like any other
+// value without a JSON form.
+bool isNonFiniteNumber(const AnyValue& value) {
+    return value.kind() == AnyValue::Kind::number && !std::isfinite(value.asNumber());
+}
+
+void logNonFinite(const std::string& where) {
+    LoggerUtility::shared().debug([&] {
+        return "Warning: Non-finite number for custom property " + where +
+               " dropped. JSON cannot carry NaN or infinity.";
+    });
+}
+
 // Arrays stay one level deep on purpose: nested containers, dates and nulls
 // inside an array are dropped without a word.
-CodableValue flatArray(const AnyValue::Array& elements) {
+CodableValue flatArray(const std::string& key, const AnyValue::Array& elements) {
     CodableValue::Array out;
     out.reserve(elements.size());
-    for (const auto& element : elements) {
-        if (auto converted = scalar(element)) out.push_back(std::move(*converted));
+    for (std::size_t i = 0; i < elements.size(); ++i) {
+        if (isNonFiniteNumber(elements[i])) {
+            logNonFinite(key + "[" + std::to_string(i) + "]");
+        } else if (auto converted = scalar(elements[i])) {
+            out.push_back(std::move(*converted));
+        }
     }
     return CodableValue::array(std::move(out));
 }
@@ -57,10 +76,12 @@ std::map<std::string, CodableValue> validatedCustomProperties(const AnyValue::Di
             logger.debug([&] { return "Warning: " + key + " is a reserved key and cannot be set."; });
             continue;
         }
-        if (auto converted = scalar(value)) {
+        if (isNonFiniteNumber(value)) {
+            logNonFinite(key);
+        } else if (auto converted = scalar(value)) {
             result.insert_or_assign(key, std::move(*converted));
         } else if (value.kind() == AnyValue::Kind::array) {
-            result.insert_or_assign(key, flatArray(value.asArray()));
+            result.insert_or_assign(key, flatArray(key, value.asArray()));
         } else {
             logger.debug([&] {
                 return "Warning: Unsupported type for custom property " + key +

@@ -68,7 +68,6 @@ TEST_F(DeviceInfoUtilityTest, ApplicationNameVersionAndBuildFromHostBundleKeys) 
          {"Shop Plus", "Unknown", "41"}}};
     for (const auto& [bundle, expected] : cases) {
         DeviceFacts::setApplicationInfo({.bundleIdentifier = "com.example.shop", .infoDictionary = bundle});
-        DeviceInfoUtility::reset();
         const auto info = DeviceInfoUtility::collectDeviceInfo();
         EXPECT_EQ((std::vector{info.appApplicationName, info.appApplicationVersion, info.appApplicationBuildNumber}),
                   expected);
@@ -103,7 +102,7 @@ TEST_F(DeviceInfoUtilityTest, LocaleAndScreenAreReadFreshOnEveryCollection) {
     // Points truncated toward zero; a rotated screen shows at once.
     for (const auto& [bounds, width, height] : std::vector<std::tuple<std::optional<ScreenBounds>, int, int>>{
              {ScreenBounds{390, 844}, 390, 844}, {ScreenBounds{844.9, 390.99}, 844, 390},
-             {ScreenBounds{-0.5, -2.7}, 0, -2}, {std::nullopt, 0, 0}}) {
+             {ScreenBounds{0.5, 0}, 0, 0}, {std::nullopt, 0, 0}}) {
         DeviceFacts::setScreenBounds(bounds);
         const auto info = DeviceInfoUtility::collectDeviceInfo();
         EXPECT_EQ(info.appDeviceWidth, width);
@@ -111,15 +110,35 @@ TEST_F(DeviceInfoUtilityTest, LocaleAndScreenAreReadFreshOnEveryCollection) {
     }
 }
 
-TEST_F(DeviceInfoUtilityTest, UnrepresentableScreenSizeIsFatal) {
-    GTEST_FLAG_SET(death_test_style, "threadsafe");
-    for (const auto& [bounds, message] : std::vector<std::pair<ScreenBounds, const char*>>{
-             {{std::nan(""), 844}, "Screen width cannot be converted to a 64-bit integer"},
-             {{390, INFINITY}, "Screen height cannot be converted to a 64-bit integer"},
-             {{9223372036854775808.0, 1}, "Screen width cannot be converted to a 64-bit integer"}}) {
-        DeviceFacts::setScreenBounds(bounds);
-        EXPECT_DEATH(DeviceInfoUtility::collectDeviceInfo(), message);
+TEST_F(DeviceInfoUtilityTest, AnUnrepresentableScreenSizeFromTheSourceReadsAsZeroNotAStop) {
+    // The platform refuses such bounds when the host sets them; a source of its own is still not trusted.
+    for (const auto& bounds : {ScreenBounds{std::nan(""), 844}, ScreenBounds{INFINITY, 9223372036854775808.0}}) {
+        auto source = DeviceFactsSource{};
+        source.screenBounds = [bounds] { return std::optional<ScreenBounds>(bounds); };
+        DeviceInfoUtility::setFactsSource(source);
+        const auto info = DeviceInfoUtility::collectDeviceInfo();
+        EXPECT_EQ(info.appDeviceWidth, 0);
+        EXPECT_EQ(info.appDeviceHeight, bounds.height == 844 ? 844 : 0);
     }
+}
+
+TEST_F(DeviceInfoUtilityTest, HostFactsSetAfterTheFirstCollectionShowInTheNext) {
+    DeviceInfoUtility::setFactsSource(source(true));
+    const auto before = DeviceInfoUtility::collectDeviceInfo();
+    EXPECT_EQ(before.appApplicationVersion, "Unknown");
+    EXPECT_EQ(before.appDeviceWidth, 0);
+
+    DeviceFacts::setApplicationInfo({.bundleIdentifier = "com.example.shop",
+                                     .infoDictionary = {{"CFBundleDisplayName", "Shop"},
+                                                        {"CFBundleShortVersionString", "2.0"},
+                                                        {"CFBundleVersion", "7"}}});
+    DeviceFacts::setScreenBounds(ScreenBounds{390, 844});
+    auto after = DeviceInfoUtility::collectDeviceInfo();
+    EXPECT_EQ(std::tuple(after.appApplicationName, after.appApplicationVersion, after.appApplicationBuildNumber,
+                         after.appDeviceWidth, after.appDeviceHeight),
+              std::tuple("Shop", "2.0", "7", 390, 844));
+    DeviceFacts::setApplicationInfo({.bundleIdentifier = std::nullopt, .infoDictionary = {{"CFBundleVersion", "8"}}});
+    EXPECT_EQ(DeviceInfoUtility::collectDeviceInfo().appApplicationBuildNumber, "8");
 }
 
 TEST_F(DeviceInfoUtilityTest, FixedFactsAreReadOnceUntilReset) {
@@ -139,13 +158,9 @@ TEST_F(DeviceInfoUtilityTest, FixedFactsAreReadOnceUntilReset) {
     EXPECT_EQ(calls->load(), 1);
     EXPECT_EQ(wrong.load(), 0);
 
-    // Bundle keys are kept too: a change shows only after a reset.
-    DeviceFacts::setApplicationInfo({.bundleIdentifier = std::nullopt, .infoDictionary = {{"CFBundleVersion", "99"}}});
-    EXPECT_EQ(DeviceInfoUtility::collectDeviceInfo().appApplicationBuildNumber, "Unknown");
+    // A reset reads them again.
     DeviceInfoUtility::setFactsSource(counted);
-    const auto info = DeviceInfoUtility::collectDeviceInfo();
-    EXPECT_EQ(info.appDeviceModel, "Model 2");
-    EXPECT_EQ(info.appApplicationBuildNumber, "99");
+    EXPECT_EQ(DeviceInfoUtility::collectDeviceInfo().appDeviceModel, "Model 2");
 }
 
 }  // namespace

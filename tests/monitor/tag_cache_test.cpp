@@ -2,6 +2,11 @@
 
 #include <gtest/gtest.h>
 
+#include <cmath>
+#include <limits>
+#include <map>
+#include <thread>
+
 #include "tests/support/log_capture.h"
 
 namespace tavrin {
@@ -15,11 +20,12 @@ protected:
     void add(const std::vector<std::pair<std::string, std::string>>& tags) {
         for (const auto& [id, name] : tags) cache.addOrReplace(Tag::makeInfo(id, name, 1, true));
     }
-    std::vector<std::string> names() const {
+    static std::vector<std::string> namesOf(const std::vector<Tag>& tags) {
         std::vector<std::string> out;
-        for (const auto& t : cache.tags()) out.push_back(t.name);
+        for (const auto& t : tags) out.push_back(t.name);
         return out;
     }
+    std::vector<std::string> names() const { return namesOf(cache.tags()); }
 
     testing::LogCapture log{LogLevel::debug};
     TagCache& cache = TagCache::shared();
@@ -32,16 +38,90 @@ TEST_F(TagCacheTest, StartUpAndStoredConsentTagsStaySingleNewestLastOthersAccumu
     EXPECT_EQ(log.sink->messages(platform::LogType::info).back(), "Added or replaced tag with id: c4");
 }
 
-TEST_F(TagCacheTest, ListIsAnOrdinaryMemoryCacheEntry) {
-    add({{"AD01", "one"}});
-    const auto stored = MemoryCacheUtility::shared().get<std::vector<Tag>>("TagCacheKey");
-    ASSERT_TRUE(stored);
-    EXPECT_EQ(stored->size(), 1u);
-
-    // What the monitor does after a successful send: the next tag starts a new list.
-    MemoryCacheUtility::shared().remove("TagCacheKey");
-    add({{"AI01", "after send"}});
+TEST_F(TagCacheTest, RemovingTheEntryAfterASendStartsANewList) {
+    add({{"AD01", "one"}, {"AI01", "init"}});
+    MemoryCacheUtility::shared().remove(cache.userDefaultsKey);
+    EXPECT_TRUE(cache.tags().empty());
+    add({{"AD01", "after send"}});
     EXPECT_EQ(names(), std::vector<std::string>{"after send"});
+}
+
+TEST_F(TagCacheTest, RemovingASnapshotKeepsTagsAddedSinceIt) {
+    EXPECT_TRUE(cache.snapshot().tags.empty());
+    cache.remove(cache.snapshot());  // nothing taken, nothing removed
+    add({{"AI01", "init 1"}, {"AD01", "push 1"}, {"AS01", "state 1"}});
+    const auto sent = cache.snapshot();
+    EXPECT_EQ(namesOf(sent.tags), (std::vector<std::string>{"init 1", "push 1", "state 1"}));
+
+    // While the snapshot is on the wire: the start-up tag is replaced and more tags arrive.
+    add({{"AD01", "push 2"}, {"AI01", "init 2"}});
+    cache.remove(sent);
+    EXPECT_EQ(names(), (std::vector<std::string>{"push 2", "init 2"}));
+    cache.remove(sent);  // a second removal of the same snapshot changes nothing
+    EXPECT_EQ(names(), (std::vector<std::string>{"push 2", "init 2"}));
+
+    // A snapshot taken before the whole entry was removed never reaches tags added after that.
+    const auto stale = cache.snapshot();
+    MemoryCacheUtility::shared().remove(cache.userDefaultsKey);
+    add({{"AD01", "fresh"}});
+    cache.remove(stale);
+    EXPECT_EQ(names(), std::vector<std::string>{"fresh"});
+}
+
+TEST_F(TagCacheTest, HoldsAtMostOneThousandDroppingTheOldestButTheStartUpTags) {
+    add({{"AD01", "first push"}, {"AI01", "init"}, {"AC03", "consent"}});
+    for (int i = 0; i < 1500; ++i) add({{"AD01", "push " + std::to_string(i)}});
+    auto kept = names();
+    ASSERT_EQ(kept.size(), TagCache::capacity);
+    // The two single tags survive however old they are; the rest is the newest 998 pushes.
+    EXPECT_EQ(kept[0], "init");
+    EXPECT_EQ(kept[1], "consent");
+    EXPECT_EQ(kept[2], "push 502");
+    EXPECT_EQ(kept.back(), "push 1499");
+
+    // Replacing a single tag at the cap keeps the size and moves it to the end.
+    add({{"AI01", "init again"}});
+    kept = names();
+    ASSERT_EQ(kept.size(), TagCache::capacity);
+    EXPECT_EQ(kept[0], "consent");
+    EXPECT_EQ(kept[1], "push 502");
+    EXPECT_EQ(kept.back(), "init again");
+}
+
+TEST_F(TagCacheTest, ConcurrentAddersLoseNoTag) {
+    constexpr int threads = 4, perThread = 200;
+    std::vector<std::thread> adders;
+    for (int t = 0; t < threads; ++t)
+        adders.emplace_back([&, t] {
+            for (int i = 0; i < perThread; ++i)
+                cache.addOrReplace(Tag::makeInfo("AD01", std::to_string(t) + ":" + std::to_string(i), i, true));
+        });
+    for (auto& a : adders) a.join();
+    const auto all = cache.tags();
+    ASSERT_EQ(all.size(), static_cast<std::size_t>(threads * perThread));
+    // Each thread's tags arrive complete and in its own order.
+    std::map<std::string, std::int64_t> next;
+    for (const auto& tag : all) EXPECT_EQ(tag.timestamp, next[tag.name.substr(0, tag.name.find(':'))]++) << tag.name;
+}
+
+TEST_F(TagCacheTest, NonFiniteNumbersAreDroppedOnTheWayInSoTheListStaysEncodable) {
+    const double nan = std::nan(""), inf = std::numeric_limits<double>::infinity();
+    Tag tag = Tag::makeInfo("AD01", "push", 1, true);
+    tag.variables.frontend = {{"price", 9.5}, {"bad", nan}, {"nested", Tag::Dictionary{{"deep", -inf}, {"ok", 1}}}};
+    tag.trigger.conditions = {AnyCodable(1.5), AnyCodable(inf), AnyCodable(Tag::Array{AnyCodable(nan), "x"})};
+    tag.functions = {{"f", AnyCodable(static_cast<float>(nan))}};
+    cache.addOrReplace(tag);
+
+    const auto stored = cache.tags();
+    ASSERT_EQ(stored.size(), 1u);
+    EXPECT_NO_THROW(stored[0].encode());
+    EXPECT_TRUE(stored[0].variables.frontend ==
+                (Tag::Dictionary{{"price", 9.5}, {"nested", Tag::Dictionary{{"ok", 1}}}}));
+    EXPECT_TRUE(stored[0].trigger.conditions == (Tag::Array{AnyCodable(1.5), AnyCodable(Tag::Array{"x"})}));
+    EXPECT_TRUE(stored[0].functions.empty());
+    const auto debug = log.sink->messages(platform::LogType::debug);
+    ASSERT_EQ(debug.size(), 5u);
+    EXPECT_EQ(debug[0], "Warning: Non-finite number dropped from tag AD01 at trigger.conditions.Index 1.");
 }
 
 }  // namespace

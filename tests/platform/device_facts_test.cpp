@@ -3,11 +3,13 @@
 
 #include <gtest/gtest.h>
 
+#include <cmath>
 #include <cstdlib>
 #include <fstream>
 #include <optional>
 #include <string>
 
+#include "tests/support/log_capture.h"
 #include "tests/support/temp_dir.h"
 
 namespace tavrin::platform {
@@ -121,6 +123,30 @@ TEST(DeviceFactsHost, InfoDictionaryUntilReset) {
     EXPECT_EQ(DeviceFacts::infoDictionaryString("CFBundleName"), "platform_device_facts_test");
     DeviceFacts::setApplicationInfo({none, {{"CFBundleName", "Shop"}}});
     EXPECT_EQ(DeviceFacts::infoDictionaryString("CFBundleName"), "Shop");
+    DeviceFacts::reset();
+}
+
+TEST(DeviceFactsHost, ScreenBoundsThatAreNoSizeAreRefusedAndTheLastGoodOneKept) {
+    DeviceFacts::reset();
+    tavrin::testing::LogCapture log;
+    DeviceFacts::setScreenBounds(ScreenBounds{390, 844.5});
+    for (const auto& [width, height] : std::initializer_list<std::pair<double, double>>{
+             {std::nan(""), 844}, {390, INFINITY}, {-INFINITY, 1}, {9223372036854775808.0, 1}, {-1, 844}}) {
+        DeviceFacts::setScreenBounds(ScreenBounds{width, height});
+        ASSERT_TRUE(DeviceFacts::screenBounds().has_value());
+        EXPECT_EQ(DeviceFacts::screenBounds()->width, 390) << width << " x " << height;
+        EXPECT_EQ(DeviceFacts::screenBounds()->height, 844.5) << width << " x " << height;
+    }
+    const auto errors = log.sink->messages(LogType::error);
+    ASSERT_EQ(errors.size(), 5u);
+    EXPECT_EQ(errors[0], "Screen bounds nan by 844 refused: width and height are points from 0 up to 2^63.");
+    EXPECT_EQ(errors[3], "Screen bounds 9223372036854775808 by 1 refused: width and height are points from 0 up to 2^63.");
+    // The largest size that still converts, and clearing, are accepted.
+    DeviceFacts::setScreenBounds(ScreenBounds{9223372036854774784.0, 0});
+    EXPECT_EQ(DeviceFacts::screenBounds()->width, 9223372036854774784.0);
+    DeviceFacts::setScreenBounds(std::nullopt);
+    EXPECT_FALSE(DeviceFacts::screenBounds().has_value());
+    EXPECT_EQ(log.sink->messages(LogType::error).size(), 5u);
     DeviceFacts::reset();
 }
 

@@ -4,6 +4,7 @@
 
 #include <cmath>
 #include <string>
+#include <type_traits>
 
 #include "tests/consent/store_fixture.h"
 
@@ -36,6 +37,21 @@ TEST(TrackConfigEncode, NonFiniteDurationsAreEncodingErrors) {
     auto config = fullConfig();
     config.sessionTimeoutInSeconds = INFINITY;
     EXPECT_THROW(encodeJson(config), EncodingError);
+}
+
+TEST(TrackConfigDefaults, FieldsLeftOutTakeTheSettingsFallbacks) {
+    static_assert(std::is_aggregate_v<TrackConfig>);
+    const TrackConfig blank;
+    const TrackConfig named{.trackDomain = "d", .container = "c", .authorizationToken = "t"};
+    for (const TrackConfig& config : {blank, named}) {
+        EXPECT_EQ(config.environment, TrackConfig::Environment::live);
+        EXPECT_FALSE(config.enableOfflineTracking);
+        EXPECT_EQ(config.offlineTrackingTimeout, 3600.0);
+        EXPECT_FALSE(config.version || config.debugCode || config.sessionTimeoutInSeconds || config.customProtocol);
+    }
+    EXPECT_EQ(encodeJsonText(named), R"({"trackDomain":"d","container":"c","environment":"live",)"
+                                     R"("authorizationToken":"t","enableOfflineTracking":false,)"
+                                     R"("offlineTrackingTimeout":3600.0})");
 }
 
 TEST(TrackConfigDecode, RoundTripsAndAcceptsMissingOrNullOptionals) {

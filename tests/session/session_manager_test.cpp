@@ -46,7 +46,12 @@ TEST_F(SessionManagerTest, TimeoutDefaultsTo1800AndIsLoggedWithAFraction) {
     EXPECT_DOUBLE_EQ(SessionManager::getSessionTimeout(), 1800.0);
     Lines expected;
     for (const auto& [seconds, text] : std::vector<std::pair<double, std::string>>{
-             {1800, "1800.0"}, {10.5, "10.5"}, {0, "0.0"}, {-3, "-3.0"}, {1e300, "1e+300"}, {0.1, "0.1"}}) {
+             {1800, "1800.0"}, {10.5, "10.5"}, {0, "0.0"}, {-3, "-3.0"}, {100000, "100000.0"},
+             {1e6, "1000000.0"}, {0.0001, "0.0001"}, {2e15, "2000000000000000.0"}, {123456.789, "123456.789"},
+             {9007199254740991, "9007199254740991.0"},
+             // Beyond exact integers and below a ten-thousandth, digits in exponent form.
+             {9007199254740992, "9.007199254740992e+15"}, {1e300, "1e+300"}, {1e-7, "1e-07"},
+             {0.1, "0.1"}}) {
         SessionManager::setSessionTimeout(seconds);
         expected.push_back("Session timeout set to " + text + " seconds");
     }

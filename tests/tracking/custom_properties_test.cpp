@@ -76,5 +76,23 @@ TEST(ValidatedCustomProperties, UnsupportedValuesAreLoggedAtDebugAndLeftOut) {
     EXPECT_TRUE(log.sink->messages().empty());
 }
 
+TEST(ValidatedCustomProperties, NumbersJsonCannotCarryAreDroppedWithADebugLine) {
+    LogCapture log;
+    const double nan = std::numeric_limits<double>::quiet_NaN(), inf = std::numeric_limits<double>::infinity();
+    const auto result = validatedCustomProperties(
+        {{"nan", nan}, {"inf", inf}, {"minusInf", -inf}, {"max", std::numeric_limits<double>::max()},
+         {"list", AnyValue::Array{1.5, nan, "a", -inf, 2}}, {"longDouble", static_cast<long double>(1e4000L)}});
+    EXPECT_EQ(result, (std::map<std::string, CodableValue>{
+                          {"max", CodableValue::decimalNumber(std::numeric_limits<double>::max())},
+                          {"list", CodableValue::array({CodableValue::decimalNumber(1.5), CodableValue::string("a"),
+                                                        CodableValue::integer(2)})}}));
+    const auto dropped = [](const std::string& where) {
+        return "Warning: Non-finite number for custom property " + where + " dropped. JSON cannot carry NaN or infinity.";
+    };
+    EXPECT_EQ(log.sink->messages(platform::LogType::debug),
+              (std::vector<std::string>{dropped("inf"), dropped("list[1]"), dropped("list[3]"), dropped("longDouble"),
+                                        dropped("minusInf"), dropped("nan")}));
+}
+
 }  // namespace
 }  // namespace tavrin

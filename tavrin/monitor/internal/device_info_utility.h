@@ -32,16 +32,13 @@ struct AppDeviceInfo {
     friend bool operator==(const AppDeviceInfo&, const AppDeviceInfo&) = default;
 };
 
-// Facts that cannot change while the process runs, with their fallbacks
-// applied. Read from the system once and kept.
+// Facts of the operating system that cannot change while the process runs,
+// with their fallbacks applied. Read from the system once and kept.
 struct FixedDeviceFacts {
     std::string model;          // "Unknown" when absent
     std::string systemName;     // "Unknown" when absent
     std::string systemVersion;  // "Unknown" when absent
     std::optional<std::string> machine;  // raw uname machine, unchecked
-    std::string applicationName;         // display name, else bundle name, else "Unknown"
-    std::string applicationVersion;      // "Unknown" when absent
-    std::string applicationBuildNumber;  // "Unknown" when absent
 };
 
 // Where the raw facts come from; the defaults ask platform::DeviceFacts.
@@ -59,13 +56,14 @@ struct DeviceFactsSource {
 
 class DeviceInfoUtility {
 public:
-    // A fresh UUID, the current locale and screen bounds, and the kept fixed
-    // facts. Absent screen bounds give 0 by 0; a width or height that does
-    // not fit a signed 64-bit integer is a fatal stop.
+    // A fresh UUID, the kept fixed facts, and what may change while the
+    // process runs read anew: the locale, and the host's screen bounds and
+    // bundle keys (which it may set at any time). Absent screen bounds give
+    // 0 by 0, and so does a size without a 64-bit integer form (the platform
+    // refuses those when the host sets them; a replaced source may not).
     static AppDeviceInfo collectDeviceInfo();
 
-    // The fixed facts, read on first use. The host application's bundle keys
-    // are read then too, so it sets them before its first push.
+    // The fixed facts, read on first use.
     static std::shared_ptr<const FixedDeviceFacts> fixedFacts();
 
     // Tests: install a source (forgetting the kept facts), or go back to the

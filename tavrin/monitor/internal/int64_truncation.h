@@ -1,6 +1,6 @@
 #pragma once
 // Double to signed 64-bit integer by truncation toward zero, for values that a
-// sane system always keeps in range (screen sizes, the wall clock).
+// sane system always keeps in range (the wall clock).
 
 #include <cstdint>
 #include <string_view>

@@ -5,6 +5,8 @@
 // before them; writes are asynchronous barrier blocks applied in order.
 
 #include <any>
+#include <functional>
+#include <memory>
 #include <optional>
 #include <string>
 #include <utility>
@@ -37,10 +39,31 @@ public:
     // The value under the key when it holds a T; nothing when absent or of another type.
     template <class T>
     std::optional<T> get(const std::string& key) const {
-        return queue_.sync([&] { return cache_.objectAs<T>(key); });
+        return read<T>(key, [](const T* value) { return value ? std::optional<T>(*value) : std::nullopt; });
     }
     // The value under the key, empty when absent.
     std::any getAny(const std::string& key) const;
+
+    // Calls `reader` with the value under the key (nullptr when absent or not
+    // a T) without copying it, and returns what the reader returns.
+    template <class T, class F>
+    auto read(const std::string& key, F&& reader) const {
+        return queue_.sync([&] {
+            const auto slot = cache_.objectAs<Slot>(key);
+            return reader(slot ? std::any_cast<T>(slot->get()) : static_cast<const T*>(nullptr));
+        });
+    }
+
+    // Changes the value under the key in place, in one write: `mutate` gets
+    // the stored T (a default T when the key holds none or another type), so
+    // no update made meanwhile by another thread can be lost.
+    template <class T, class F>
+    void update(const std::string& key, F mutate) {
+        updateAny(key, [mutate = std::move(mutate)](std::any& value) mutable {
+            T* stored = std::any_cast<T>(&value);
+            mutate(stored ? *stored : value.emplace<T>());
+        });
+    }
 
     void remove(const std::string& key);
 
@@ -57,6 +80,12 @@ public:
     const std::string& queueLabel() const noexcept { return queue_.label(); }
 
 private:
+    // Each value is boxed, so a write can change it in place instead of
+    // copying it out of the object cache and back. The box's content is only
+    // touched on the queue: read under its shared side, changed in writes.
+    using Slot = std::shared_ptr<std::any>;
+
+    void updateAny(const std::string& key, std::function<void(std::any&)> mutate);
     void clear();
 
     // Reads take the queue's shared side; sync/drain do not change what is stored.

@@ -87,6 +87,10 @@ struct Tag {
     // and no variables or functions.
     static Tag makeInfo(std::string id, std::string name, std::int64_t timestamp, bool success);
 
+    // Removes NaN and infinite numbers from every dictionary and array of the
+    // tag, reporting each one's path ("variables", "frontend", "price").
+    void dropNonFiniteNumbers(const AnyCodable::DroppedHandler& dropped);
+
     // Members in declaration order; may throw EncodingError for a value
     // AnyCodable cannot write.
     Json encode() const;

@@ -5,6 +5,7 @@
 
 #include <any>
 #include <cstdint>
+#include <functional>
 #include <map>
 #include <string>
 #include <string_view>
@@ -36,8 +37,19 @@ public:
 
     friend bool operator==(const AnyCodable& a, const AnyCodable& b);
 
+    // Removes every NaN or infinite double from the container, at any depth
+    // (dictionary members and array elements alike), and reports the path of
+    // each ("Index 2" for an element, counted as it stood). JSON has no form
+    // for them, and one would fail the encoding of the whole document, so
+    // values are cleaned where they enter a record that is encoded later.
+    using DroppedHandler = std::function<void(const CodingPath&)>;
+    static void dropNonFiniteNumbers(Dictionary& dictionary, const DroppedHandler& dropped, const CodingPath& path = {});
+    static void dropNonFiniteNumbers(Array& array, const DroppedHandler& dropped, const CodingPath& path = {});
+
 private:
     Json encodeAt(const CodingPath& path) const;
+    // False when the value itself is a non-finite double; containers are cleaned in place.
+    bool keepAfterDroppingNonFinite(const DroppedHandler& dropped, const CodingPath& path);
 
     template <class T>
     static std::any normalize(T&& value) {
