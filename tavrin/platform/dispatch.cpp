@@ -2,20 +2,33 @@
 
 #include <pthread.h>
 
+#include <algorithm>
+#include <condition_variable>
+#include <deque>
+#include <exception>
+
+#include "tavrin/sdk/internal/logger_utility.h"
+
 namespace tavrin::platform {
 
 namespace {
 thread_local std::string tCurrentLabel;
-// The state block of the queue or pool whose thread this is; lets a queue
-// recognise its own thread without reading its std::thread member, which is
-// written after the thread starts.
-thread_local const void* tCurrentQueue = nullptr;
+// The worker core whose thread this is; lets a queue recognise its own thread.
+thread_local const void* tCurrentCore = nullptr;
 // The concurrent queues this thread is reading from, innermost last.
 thread_local std::vector<const void*> tReadingQueues;
 
-void becomeQueueThread(const std::string& label, const void* queue) {
-    setCurrentThreadName(label);
-    tCurrentQueue = queue;
+// An asynchronous block has no caller to hand its exception to, so it goes to the log.
+void runLogged(const std::function<void()>& block, const std::string& label) noexcept {
+    try {
+        block();
+    } catch (const std::exception& e) {
+        LoggerUtility::shared().error(
+            [&] { return "Exception escaped an asynchronous block on " + label + ": " + e.what(); });
+    } catch (...) {
+        LoggerUtility::shared().error(
+            [&] { return "Exception escaped an asynchronous block on " + label + ": unknown exception"; });
+    }
 }
 }  // namespace
 
@@ -27,158 +40,164 @@ void setCurrentThreadName(const std::string& name) {
     pthread_setname_np(pthread_self(), shortName.c_str());
 }
 
+// ---- the core shared by the queues and the pool
+
+namespace detail {
+
+class WorkerCore {
+public:
+    // Starts `threads` threads named after the label. Each holds the core, so
+    // it outlives its owner while posted blocks remain.
+    static std::shared_ptr<WorkerCore> start(std::string label, std::size_t threads) {
+        auto core = std::shared_ptr<WorkerCore>(new WorkerCore(std::move(label)));
+        for (std::size_t i = 0; i < std::max<std::size_t>(threads, 1); ++i)
+            core->threads_.emplace_back([core] { run(core); });
+        return core;
+    }
+
+    const std::string label;
+
+    // Returns the block's ticket: the number of blocks posted so far.
+    std::uint64_t post(std::function<void()> block) {
+        std::uint64_t ticket;
+        {
+            std::lock_guard lock(mutex_);
+            blocks_.push_back(std::move(block));
+            ticket = ++posted_;
+        }
+        work_.notify_one();
+        return ticket;
+    }
+
+    std::uint64_t posted() const {
+        std::lock_guard lock(mutex_);
+        return posted_;
+    }
+
+    // Waits until as many blocks as `ticket` have finished (with one thread:
+    // every block up to that ticket).
+    void waitUntilFinished(std::uint64_t ticket) {
+        std::unique_lock lock(mutex_);
+        finishedCv_.wait(lock, [&] { return finished_ >= ticket; });
+    }
+
+    bool isCurrent() const noexcept { return tCurrentCore == this; }
+
+    // Lets the threads run every block already posted and end, then joins
+    // them; from one of its own blocks it detaches them instead.
+    void stop() {
+        {
+            std::lock_guard lock(mutex_);
+            stopping_ = true;
+        }
+        work_.notify_all();
+        const bool fromOwnBlock = isCurrent();
+        for (auto& thread : threads_) {
+            if (!thread.joinable()) continue;
+            if (fromOwnBlock)
+                thread.detach();
+            else
+                thread.join();
+        }
+    }
+
+private:
+    explicit WorkerCore(std::string l) : label(std::move(l)) {}
+
+    static void run(const std::shared_ptr<WorkerCore>& core) {
+        setCurrentThreadName(core->label);
+        tCurrentCore = core.get();
+        for (;;) {
+            std::function<void()> block;
+            {
+                std::unique_lock lock(core->mutex_);
+                core->work_.wait(lock, [&] { return core->stopping_ || !core->blocks_.empty(); });
+                if (core->blocks_.empty()) return;
+                block = std::move(core->blocks_.front());
+                core->blocks_.pop_front();
+            }
+            runLogged(block, core->label);
+            // Released before the count moves on, so a block holding the last
+            // reference to something is gone before a waiter resumes.
+            block = nullptr;
+            {
+                std::lock_guard lock(core->mutex_);
+                ++core->finished_;
+            }
+            core->finishedCv_.notify_all();
+        }
+    }
+
+    mutable std::mutex mutex_;
+    std::condition_variable work_;
+    std::condition_variable finishedCv_;
+    std::deque<std::function<void()>> blocks_;
+    std::uint64_t posted_ = 0;
+    std::uint64_t finished_ = 0;
+    bool stopping_ = false;
+    std::vector<std::thread> threads_;  // touched only by start and stop
+};
+
+}  // namespace detail
+
 // ---- SerialQueue
 
-SerialQueue::SerialQueue(std::string label) : state_(std::make_shared<State>(std::move(label))) {
-    thread_ = std::thread([state = state_] { run(state); });
-}
+SerialQueue::SerialQueue(std::string label) : core_(detail::WorkerCore::start(std::move(label), 1)) {}
 
-SerialQueue::~SerialQueue() {
-    {
-        std::lock_guard lock(state_->mutex);
-        state_->stopping = true;
-    }
-    state_->cv.notify_all();
-    if (!thread_.joinable()) return;
-    if (isCurrent())
-        thread_.detach();  // destroyed from one of its own blocks; the thread keeps the state alive
-    else
-        thread_.join();
-}
+SerialQueue::~SerialQueue() { core_->stop(); }
 
-bool SerialQueue::isCurrent() const noexcept { return tCurrentQueue == state_.get(); }
+const std::string& SerialQueue::label() const noexcept { return core_->label; }
+
+bool SerialQueue::isCurrent() const noexcept { return core_->isCurrent(); }
 
 void SerialQueue::async(std::function<void()> block) { enqueue(std::move(block)); }
 
-void SerialQueue::enqueue(std::function<void()> block) {
-    {
-        std::lock_guard lock(state_->mutex);
-        state_->blocks.push_back(std::move(block));
-    }
-    state_->cv.notify_one();
-}
-
-void SerialQueue::run(const std::shared_ptr<State>& state) {
-    becomeQueueThread(state->label, state.get());
-    for (;;) {
-        std::function<void()> block;
-        {
-            std::unique_lock lock(state->mutex);
-            state->cv.wait(lock, [&] { return state->stopping || !state->blocks.empty(); });
-            if (state->blocks.empty()) return;
-            block = std::move(state->blocks.front());
-            state->blocks.pop_front();
-        }
-        try {
-            block();
-        } catch (...) {
-            // An async block has nobody to report to; the queue keeps running.
-        }
-    }
-}
+void SerialQueue::enqueue(std::function<void()> block) { core_->post(std::move(block)); }
 
 // ---- ConcurrentQueue
 
-ConcurrentQueue::ReadScope::ReadScope(const void* queue) { tReadingQueues.push_back(queue); }
-ConcurrentQueue::ReadScope::~ReadScope() { tReadingQueues.pop_back(); }
+ConcurrentQueue::ConcurrentQueue(std::string label)
+    : core_(detail::WorkerCore::start(std::move(label), 1)), data_(std::make_shared<std::shared_mutex>()) {}
 
-ConcurrentQueue::ConcurrentQueue(std::string label) : state_(std::make_shared<State>(std::move(label))) {
-    thread_ = std::thread([state = state_] { run(state); });
-}
+ConcurrentQueue::~ConcurrentQueue() { core_->stop(); }
 
-ConcurrentQueue::~ConcurrentQueue() {
-    {
-        std::lock_guard lock(state_->mutex);
-        state_->stopping = true;
-    }
-    state_->cv.notify_all();
-    if (!thread_.joinable()) return;
-    if (isWriterThread())
-        thread_.detach();
-    else
-        thread_.join();
-}
+const std::string& ConcurrentQueue::label() const noexcept { return core_->label; }
 
 void ConcurrentQueue::asyncBarrier(std::function<void()> write) {
-    {
-        std::lock_guard lock(state_->mutex);
-        state_->writes.push_back(std::move(write));
-        ++state_->submitted;
-    }
-    state_->cv.notify_one();
+    // The write itself is released by the core after the lock, like any block.
+    core_->post([data = data_, write = std::move(write)] {
+        std::unique_lock exclusive(*data);
+        write();
+    });
 }
 
-bool ConcurrentQueue::isWriterThread() const noexcept { return tCurrentQueue == state_.get(); }
+void ConcurrentQueue::drain() {
+    if (isWriterThread() || isReadingThread()) return;
+    core_->waitUntilFinished(core_->posted());
+}
+
+bool ConcurrentQueue::isWriterThread() const noexcept { return core_->isCurrent(); }
 
 bool ConcurrentQueue::isReadingThread() const noexcept {
     for (const void* q : tReadingQueues)
-        if (q == state_.get()) return true;
+        if (q == core_.get()) return true;
     return false;
 }
 
-std::uint64_t ConcurrentQueue::submittedTicket() {
-    std::lock_guard lock(state_->mutex);
-    return state_->submitted;
+ConcurrentQueue::ReadScope::ReadScope(const ConcurrentQueue& queue) : queue_(queue.core_.get()) {
+    queue.core_->waitUntilFinished(queue.core_->posted());
+    lock_ = std::shared_lock(*queue.data_);
+    tReadingQueues.push_back(queue_);
 }
 
-void ConcurrentQueue::waitForWritesBefore(std::uint64_t ticket) {
-    if (isWriterThread() || isReadingThread()) return;
-    std::unique_lock lock(state_->mutex);
-    state_->appliedCv.wait(lock, [&] { return state_->applied >= ticket; });
-}
-
-void ConcurrentQueue::run(const std::shared_ptr<State>& state) {
-    becomeQueueThread(state->label, state.get());
-    for (;;) {
-        std::function<void()> write;
-        {
-            std::unique_lock lock(state->mutex);
-            state->cv.wait(lock, [&] { return state->stopping || !state->writes.empty(); });
-            if (state->writes.empty()) return;
-            write = std::move(state->writes.front());
-            state->writes.pop_front();
-        }
-        {
-            std::unique_lock exclusive(state->data);
-            try {
-                write();
-            } catch (...) {
-                // A barrier write has nobody to report to; later writes still apply.
-            }
-        }
-        // Released before the count moves on, so a block holding the last
-        // reference to something is gone before a waiting reader resumes.
-        write = nullptr;
-        {
-            std::lock_guard lock(state->mutex);
-            ++state->applied;
-        }
-        state->appliedCv.notify_all();
-    }
-}
+ConcurrentQueue::ReadScope::~ReadScope() { tReadingQueues.pop_back(); }
 
 // ---- TaskPool
 
-TaskPool::TaskPool(std::size_t threads, std::string label) : state_(std::make_shared<State>(std::move(label))) {
-    if (threads == 0) threads = 1;
-    for (std::size_t i = 0; i < threads; ++i) threads_.emplace_back([state = state_] { run(state); });
-}
+TaskPool::TaskPool(std::size_t threads, std::string label)
+    : core_(detail::WorkerCore::start(std::move(label), threads)) {}
 
-TaskPool::~TaskPool() {
-    {
-        std::lock_guard lock(state_->mutex);
-        state_->stopping = true;
-    }
-    state_->cv.notify_all();
-    const bool fromOwnTask = tCurrentQueue == state_.get();
-    for (auto& t : threads_) {
-        if (!t.joinable()) continue;
-        if (fromOwnTask)
-            t.detach();
-        else
-            t.join();
-    }
-}
+TaskPool::~TaskPool() { core_->stop(); }
 
 TaskPool& TaskPool::shared() {
     // Never destroyed: detached tasks may still be running while static
@@ -187,37 +206,9 @@ TaskPool& TaskPool::shared() {
     return *pool;
 }
 
-void TaskPool::detach(std::function<void()> fn) {
-    enqueue([fn = std::move(fn)] {
-        try {
-            fn();
-        } catch (...) {
-        }
-    });
-}
+void TaskPool::detach(std::function<void()> fn) { enqueue(std::move(fn)); }
 
-void TaskPool::enqueue(std::function<void()> block) {
-    {
-        std::lock_guard lock(state_->mutex);
-        state_->tasks.push_back(std::move(block));
-    }
-    state_->cv.notify_one();
-}
-
-void TaskPool::run(const std::shared_ptr<State>& state) {
-    becomeQueueThread(state->label, state.get());
-    for (;;) {
-        std::function<void()> task;
-        {
-            std::unique_lock lock(state->mutex);
-            state->cv.wait(lock, [&] { return state->stopping || !state->tasks.empty(); });
-            if (state->tasks.empty()) return;
-            task = std::move(state->tasks.front());
-            state->tasks.pop_front();
-        }
-        task();  // packaged_task stores exceptions in the future; detach catches its own
-    }
-}
+void TaskPool::enqueue(std::function<void()> block) { core_->post(std::move(block)); }
 
 std::mutex& processLock() {
     static std::mutex lock;

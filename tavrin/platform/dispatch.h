@@ -2,14 +2,13 @@
 // Dispatch: serial queues, concurrent queues with barrier writes, a shared
 // pool for background tasks, and the process-wide lock.
 //
-// Each queue keeps its working state in a block shared with its thread, so a
-// queue may be destroyed from one of its own blocks (the last owner of an
-// object dropped on its own queue): the thread then finishes the blocks
-// already submitted and ends by itself.
+// All three run their blocks on one worker core whose state is shared with its
+// threads, so a queue may be destroyed from one of its own blocks (the last
+// owner of an object dropped on its own queue): the threads then finish the
+// blocks already submitted and end by themselves. An exception escaping an
+// asynchronous block is logged at error level; the queue goes on.
 
-#include <condition_variable>
 #include <cstdint>
-#include <deque>
 #include <functional>
 #include <future>
 #include <memory>
@@ -28,6 +27,11 @@ const std::string& currentQueueLabel();
 // Names the calling thread (Linux keeps 15 characters).
 void setCurrentThreadName(const std::string& name);
 
+namespace detail {
+// Threads taking blocks from one FIFO (defined in dispatch.cpp).
+class WorkerCore;
+}  // namespace detail
+
 // One named thread running blocks one at a time in submission order.
 class SerialQueue {
 public:
@@ -38,7 +42,7 @@ public:
     SerialQueue(const SerialQueue&) = delete;
     SerialQueue& operator=(const SerialQueue&) = delete;
 
-    const std::string& label() const noexcept { return state_->label; }
+    const std::string& label() const noexcept;
 
     void async(std::function<void()> block);
 
@@ -60,20 +64,9 @@ public:
     bool isCurrent() const noexcept;
 
 private:
-    struct State {
-        explicit State(std::string l) : label(std::move(l)) {}
-        const std::string label;
-        std::mutex mutex;
-        std::condition_variable cv;
-        std::deque<std::function<void()>> blocks;
-        bool stopping = false;
-    };
-
     void enqueue(std::function<void()> block);
-    static void run(const std::shared_ptr<State>& state);
 
-    std::shared_ptr<State> state_;
-    std::thread thread_;
+    std::shared_ptr<detail::WorkerCore> core_;
 };
 
 // Reads run synchronously on the caller's thread and may overlap; writes are
@@ -88,7 +81,7 @@ public:
     ConcurrentQueue(const ConcurrentQueue&) = delete;
     ConcurrentQueue& operator=(const ConcurrentQueue&) = delete;
 
-    const std::string& label() const noexcept { return state_->label; }
+    const std::string& label() const noexcept;
 
     template <class F>
     auto sync(F&& read) -> std::invoke_result_t<F> {
@@ -96,49 +89,37 @@ public:
         // it is already held shared, and waiting for a newer write would
         // wait on ourselves.
         if (isWriterThread() || isReadingThread()) return read();
-        waitForWritesBefore(submittedTicket());
-        std::shared_lock lock(state_->data);
-        ReadScope scope(state_.get());
+        ReadScope scope(*this);
         return read();
     }
 
     void asyncBarrier(std::function<void()> write);
 
     // Blocks until every write submitted so far has been applied.
-    void drain() { waitForWritesBefore(submittedTicket()); }
+    void drain();
 
     bool isWriterThread() const noexcept;
 
 private:
-    struct State {
-        explicit State(std::string l) : label(std::move(l)) {}
-        const std::string label;
-        std::shared_mutex data;
-        std::mutex mutex;
-        std::condition_variable cv;
-        std::condition_variable appliedCv;
-        std::deque<std::function<void()>> writes;
-        std::uint64_t submitted = 0;
-        std::uint64_t applied = 0;
-        bool stopping = false;
-    };
-
-    // Marks the calling thread as reading this queue for the scope's life.
+    // Waits for the writes submitted before it, then holds the data shared
+    // and marks the calling thread as reading this queue, for the scope's life.
     class ReadScope {
     public:
-        explicit ReadScope(const void* queue);
+        explicit ReadScope(const ConcurrentQueue& queue);
         ~ReadScope();
         ReadScope(const ReadScope&) = delete;
         ReadScope& operator=(const ReadScope&) = delete;
+
+    private:
+        const void* queue_;
+        std::shared_lock<std::shared_mutex> lock_;
     };
 
     bool isReadingThread() const noexcept;
-    std::uint64_t submittedTicket();
-    void waitForWritesBefore(std::uint64_t ticket);
-    static void run(const std::shared_ptr<State>& state);
 
-    std::shared_ptr<State> state_;
-    std::thread thread_;
+    std::shared_ptr<detail::WorkerCore> core_;
+    // Shared with the queued writes, which may outlive the queue object.
+    std::shared_ptr<std::shared_mutex> data_;
 };
 
 // A small fixed pool for background tasks.
@@ -164,24 +145,13 @@ public:
         return future;
     }
 
-    // Fire and forget; exceptions are swallowed so a detached task cannot end the process.
+    // Fire and forget; an exception it throws is logged, never thrown on.
     void detach(std::function<void()> fn);
 
 private:
-    struct State {
-        explicit State(std::string l) : label(std::move(l)) {}
-        const std::string label;
-        std::mutex mutex;
-        std::condition_variable cv;
-        std::deque<std::function<void()>> tasks;
-        bool stopping = false;
-    };
-
     void enqueue(std::function<void()> block);
-    static void run(const std::shared_ptr<State>& state);
 
-    std::shared_ptr<State> state_;
-    std::vector<std::thread> threads_;
+    std::shared_ptr<detail::WorkerCore> core_;
 };
 
 // The one process-wide mutual-exclusion lock (start-up serialisation).

@@ -3,9 +3,11 @@
 #include <sys/random.h>
 
 #include <cerrno>
-#include <cstdlib>
-#include <cstdio>
+#include <cstring>
 #include <stdexcept>
+#include <string>
+
+#include "tavrin/sdk/internal/fatal_error.h"
 
 namespace tavrin::platform {
 
@@ -17,8 +19,7 @@ void SecureRandom::fill(void* buffer, std::size_t size) {
             if (errno == EINTR) continue;
             // Without a random source no identifier can be trusted; the kernel
             // only fails here on systems too old for getrandom(2).
-            std::fprintf(stderr, "getrandom failed (errno %d)\n", errno);
-            std::abort();
+            tavrin::detail::fatalError(std::string("SecureRandom: getrandom failed: ") + std::strerror(errno));
         }
         out += n;
         size -= static_cast<std::size_t>(n);

@@ -1,14 +1,13 @@
 #pragma once
 // System log: the platform logging facility behind LoggerUtility.
-// Default sink is syslog(3); the host application may install its own sink
-// (stderr, its own logger) and tests install a capturing sink.
+// Default sink is the local syslog socket; the host application may install its
+// own sink (stderr, its own logger) and tests install a capturing one.
 
+#include <chrono>
 #include <memory>
 #include <mutex>
-#include <set>
 #include <string>
 #include <string_view>
-#include <vector>
 
 namespace tavrin::platform {
 
@@ -34,17 +33,36 @@ public:
     virtual void write(const LogRecord& record) = 0;
 };
 
-// syslog(3) with the subsystem as identity and the category in the message.
+// The local system log socket, written directly: each record is one datagram
+// "<PRI>Mmm dd hh:mm:ss IDENT[PID]: [category] message" with the subsystem as
+// identity and facility user. The process's own syslog(3) state (identity,
+// options, facility), which belongs to the host application, is never touched;
+// its log mask (setlogmask) is honoured as the filter.
+//
+// A socket that goes away (the log daemon restarted) is reconnected at once;
+// while none can be reached, lines are dropped and connecting is retried with
+// a growing pause, so a line costs a clock reading rather than a system call.
+// A saturated daemon drops lines instead of stalling the caller.
 class SyslogSink final : public LogSink {
 public:
+    explicit SyslogSink(std::string socketPath = "/dev/log");
+    ~SyslogSink() override;
+    SyslogSink(const SyslogSink&) = delete;
+    SyslogSink& operator=(const SyslogSink&) = delete;
+
     bool isEnabled(LogType type) const override;
     void write(const LogRecord& record) override;
 
+    const std::string& socketPath() const noexcept { return path_; }
+
 private:
+    bool connectLocked();
+
+    const std::string path_;
     std::mutex mutex_;
-    // openlog keeps the pointer it is given, so every identity text used stays alive.
-    std::set<std::string> identities_;
-    const std::string* identity_ = nullptr;
+    int fd_ = -1;
+    std::chrono::steady_clock::time_point nextAttempt_{};
+    std::chrono::milliseconds pause_{0};
 };
 
 // One line per message on standard error: "<subsystem> [<category>] <TYPE>: <message>".
@@ -55,26 +73,6 @@ public:
 
 private:
     std::mutex mutex_;
-};
-
-// Keeps every record in memory; for tests.
-class CapturingSink final : public LogSink {
-public:
-    explicit CapturingSink(bool debugEnabled = true, bool infoEnabled = true, bool errorEnabled = true);
-    bool isEnabled(LogType type) const override;
-    void write(const LogRecord& record) override;
-
-    std::vector<LogRecord> records() const;
-    std::vector<std::string> messages() const;
-    // Messages of one type only.
-    std::vector<std::string> messages(LogType type) const;
-    bool contains(std::string_view message) const;
-    void clear();
-
-private:
-    bool enabled_[3];
-    mutable std::mutex mutex_;
-    std::vector<LogRecord> records_;
 };
 
 // A logger handle with a subsystem and a category, writing to the installed sink.
@@ -88,7 +86,7 @@ public:
     const std::string& subsystem() const noexcept { return subsystem_; }
     const std::string& category() const noexcept { return category_; }
 
-    // Process-wide sink; SyslogSink until replaced. Passing nullptr restores syslog.
+    // Process-wide sink; SyslogSink until replaced. Passing nullptr restores it.
     static void setSink(std::shared_ptr<LogSink> sink);
     static std::shared_ptr<LogSink> sink();
 

@@ -18,10 +18,15 @@
 #include <thread>
 #include <vector>
 
+#include "tavrin/platform/internal/netlink_path_monitor.h"
+#include "tavrin/platform/internal/path_evaluation.h"
+#include "tests/support/scripted_path_monitor.h"
+
 namespace tavrin::platform {
 namespace {
 
 using namespace std::chrono_literals;
+using testing::ScriptedPathMonitor;
 using Statuses = std::vector<PathStatus>;
 constexpr auto S = PathStatus::satisfied;
 constexpr auto U = PathStatus::unsatisfied;

@@ -1,8 +1,16 @@
 #include "tavrin/platform/internal/secure_random.h"
 
 #include <gtest/gtest.h>
+#include <linux/filter.h>
+#include <linux/seccomp.h>
+#include <sys/prctl.h>
+#include <sys/syscall.h>
+#include <unistd.h>
 
 #include <array>
+#include <cerrno>
+#include <cstddef>
+#include <cstdio>
 #include <limits>
 #include <regex>
 #include <set>
@@ -72,6 +80,31 @@ TEST(SecureRandom, FillWritesEveryByte) {
     SecureRandom::fill(buffer.data(), buffer.size());
     EXPECT_GT(std::set<std::uint8_t>(buffer.begin(), buffer.end()).size(), 200u);
     EXPECT_NE(SecureRandom::next64(), SecureRandom::next64());
+}
+
+// From now on getrandom(2) fails in the calling process, as on a kernel
+// without it. Only for the child of a death test.
+void loseTheRandomSource() {
+    sock_filter filter[] = {
+        BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, nr)),
+        BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, SYS_getrandom, 0, 1),
+        BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ERRNO | ENOSYS),
+        BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ALLOW),
+    };
+    sock_fprog program{static_cast<unsigned short>(std::size(filter)), filter};
+    if (prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0) != 0 || prctl(PR_SET_SECCOMP, SECCOMP_MODE_FILTER, &program) != 0) {
+        std::fprintf(stderr, "cannot install a seccomp filter\n");
+        _exit(3);
+    }
+}
+
+TEST(SecureRandomDeathTest, StopsWhenTheRandomSourceFails) {
+    EXPECT_DEATH(
+        {
+            loseTheRandomSource();
+            (void)SecureRandom::next64();
+        },
+        "SecureRandom: getrandom failed: Function not implemented");
 }
 
 TEST(Uuid, CanonicalUpperCaseVersion4) {

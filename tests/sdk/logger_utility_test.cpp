@@ -68,7 +68,7 @@ TEST(LoggerUtility, SetLogLevelAnnouncesTheNewLevelUnlessInfoIsDisabled) {
         // The level name is deliberately not marked public.
         EXPECT_EQ(capture.sink->records().at(0).privacy, platform::LogPrivacy::privateText);
     }
-    auto quietInfo = std::make_shared<platform::CapturingSink>(true, false, true);
+    auto quietInfo = std::make_shared<testing::CapturingSink>(true, false, true);
     platform::SystemLog::setSink(quietInfo);
     LoggerUtility::shared().setLogLevel(LogLevel::warning);
     EXPECT_TRUE(quietInfo->records().empty());
@@ -86,7 +86,7 @@ TEST(LoggerUtility, MessagesAreBuiltOnlyWhenWritten) {
     log.warning(build);
     EXPECT_EQ(calls, 1);
     // A type the platform reports disabled builds nothing either.
-    auto noErrors = std::make_shared<platform::CapturingSink>(true, true, false);
+    auto noErrors = std::make_shared<testing::CapturingSink>(true, true, false);
     platform::SystemLog::setSink(noErrors);
     log.error(build);
     EXPECT_EQ(calls, 1);

@@ -6,13 +6,14 @@
 
 #include "tavrin/platform/system_log.h"
 #include "tavrin/sdk/internal/logger_utility.h"
+#include "tests/support/capturing_sink.h"
 
 namespace tavrin::testing {
 
 class LogCapture {
 public:
     explicit LogCapture(LogLevel level = LogLevel::debug)
-        : sink(std::make_shared<platform::CapturingSink>()) {
+        : sink(std::make_shared<CapturingSink>()) {
         platform::SystemLog::setSink(sink);
         LoggerUtility::resetShared();
         if (level != LogLevel::info) LoggerUtility::shared().setLogLevel(level);
@@ -25,7 +26,7 @@ public:
     LogCapture(const LogCapture&) = delete;
     LogCapture& operator=(const LogCapture&) = delete;
 
-    std::shared_ptr<platform::CapturingSink> sink;
+    std::shared_ptr<CapturingSink> sink;
 };
 
 }  // namespace tavrin::testing
