@@ -171,11 +171,8 @@ void OfflineCacheManager::startWalk(std::vector<Completion> completions, std::ui
 
 void OfflineCacheManager::step(std::shared_ptr<Walk> walk) {
     try {
-        while (walk->next < walk->snapshot.size()) {
-            {
-                std::lock_guard lock(walkMutex_);
-                if (walk->generation != generation_) break;
-            }
+        std::lock_guard lock(walkMutex_);
+        while (walk->next < walk->snapshot.size() && walk->generation == generation_) {
             const std::size_t index = walk->next;
             const auto& request = walk->snapshot[index];
             auto done = [self = shared_from_this(), walk, index](std::exception_ptr error) {
@@ -193,6 +190,7 @@ void OfflineCacheManager::step(std::shared_ptr<Walk> walk) {
                         done(std::current_exception());
                         return;
                     }
+                    // Sent again offline, it is cached again: under the lock too.
                     service()->sendConsentSubmission(std::move(consent), std::move(done));
                     return;
                 }
@@ -259,8 +257,8 @@ void OfflineCacheManager::handleRetry(const OfflineCache::Request& request, std:
     });
 }
 
-// Called with or without walkMutex_ held: std::mutex is not recursive, so it
-// hands its work to a pool task when the lock may be held.
+// Called with or without walkMutex_ held; the completions run on a pool task,
+// outside the lock.
 void OfflineCacheManager::endWalk(const std::shared_ptr<Walk>& walk) {
     platform::TaskPool::shared().detach([self = shared_from_this(), walk] {
         std::vector<Completion> pending;
@@ -286,7 +284,7 @@ bool OfflineCacheManager::endWalks(std::chrono::milliseconds timeout) {
     std::vector<Completion> dropped;
     bool idle;
     {
-        std::unique_lock lock(walkMutex_);
+        std::unique_lock<std::recursive_mutex> lock(walkMutex_);
         ++generation_;
         walkPending_ = false;
         dropped.swap(pendingWalk_);

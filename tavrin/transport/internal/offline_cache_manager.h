@@ -93,8 +93,6 @@ private:
     void step(std::shared_ptr<Walk> walk);
     void finished(std::shared_ptr<Walk> walk, std::size_t index, std::exception_ptr error);
     void endWalk(const std::shared_ptr<Walk>& walk);
-    // Handles a failed attempt; returns false when the walk is stale and
-    // nothing was written.
     void handleRetry(const OfflineCache::Request& request, std::int64_t maxRetries);
     bool endWalks(std::chrono::milliseconds timeout);
     std::shared_ptr<ServiceProtocol> service() const;
@@ -112,9 +110,11 @@ private:
     std::shared_ptr<platform::PathMonitor> monitor_;
 
     // Walk state: one walk at a time; a stop bumps the generation, and a walk
-    // of an older generation neither sends nor writes again.
-    std::mutex walkMutex_;
-    std::condition_variable walkIdle_;
+    // of an older generation neither sends nor writes again. Sends and cache
+    // writes happen under the lock (a sender may complete on the same stack,
+    // hence recursive), so a stop sees every write a walk caused.
+    std::recursive_mutex walkMutex_;
+    std::condition_variable_any walkIdle_;
     bool walkRunning_ = false;
     std::vector<Completion> pendingWalk_;
     bool walkPending_ = false;
