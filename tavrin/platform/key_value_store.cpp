@@ -138,4 +138,8 @@ std::string KeyValueStore::dataDirectory() {
     return homeDirectory() / ".local" / "share" / applicationId();
 }
 
+// ---- listing by key prefix
+
+std::vector<KeyValueStore::Entry> KeyValueStore::values(std::string_view) const { return {}; }
+
 }  // namespace tavrin::platform

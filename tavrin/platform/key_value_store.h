@@ -8,7 +8,10 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <string_view>
+#include <utility>
 #include <variant>
+#include <vector>
 
 #include "tavrin/platform/bytes.h"
 
@@ -45,6 +48,13 @@ public:
     // $XDG_DATA_HOME/<application id>/, else ~/.local/share/<application id>/.
     static void setDataDirectory(std::optional<std::string> directory);
     static std::string dataDirectory();
+
+    // ---- listing by key prefix
+    // Every (key, value) whose key starts with `prefix`, in key order (bytewise).
+    // Lets a component keep one record per key under a common prefix and read
+    // them all back. A store that cannot list gives nothing (the default).
+    using Entry = std::pair<std::string, Value>;
+    virtual std::vector<Entry> values(std::string_view prefix) const;
 };
 
 }  // namespace tavrin::platform

@@ -427,4 +427,66 @@ bool SqliteKeyValueStore::synchronize() {
     return statements_ != nullptr && !inMemory_;
 }
 
+// ---- listing by key prefix
+
+namespace {
+
+// The least text greater than every text starting with `prefix` (bytewise),
+// or nothing when there is none (empty prefix, or only 0xFF bytes).
+std::optional<std::string> prefixUpperBound(std::string_view prefix) {
+    std::string bound(prefix);
+    while (!bound.empty()) {
+        auto& last = reinterpret_cast<unsigned char&>(bound.back());
+        if (last != 0xFF) {
+            ++last;
+            return bound;
+        }
+        bound.pop_back();
+    }
+    return std::nullopt;
+}
+
+}  // namespace
+
+std::vector<KeyValueStore::Entry> SqliteKeyValueStore::values(std::string_view prefix) const {
+    std::lock_guard lock(mutex_);
+    std::vector<Entry> entries;
+    if (!db_) return entries;
+    const auto upper = prefixUpperBound(prefix);
+    // Keys compare bytewise (BINARY), so the prefix is a range of the primary key.
+    const char* sql = upper ? "SELECT key, type, value FROM key_value WHERE key >= ?1 AND key < ?2 ORDER BY key"
+                            : "SELECT key, type, value FROM key_value WHERE key >= ?1 ORDER BY key";
+    sqlite3_stmt* s = nullptr;
+    int rc = sqlite3_prepare_v2(db_, sql, -1, &s, nullptr);
+    if (rc == SQLITE_OK) rc = sqlite3_bind_text(s, 1, prefix.data(), static_cast<int>(prefix.size()), SQLITE_STATIC);
+    if (rc == SQLITE_OK && upper)
+        rc = sqlite3_bind_text(s, 2, upper->data(), static_cast<int>(upper->size()), SQLITE_STATIC);
+    while (rc == SQLITE_OK || rc == SQLITE_ROW) {
+        rc = sqlite3_step(s);
+        if (rc != SQLITE_ROW) break;
+        const auto* keyText = reinterpret_cast<const char*>(sqlite3_column_text(s, 0));
+        std::string key(keyText ? keyText : "", static_cast<std::size_t>(sqlite3_column_bytes(s, 0)));
+        const auto* typeText = reinterpret_cast<const char*>(sqlite3_column_text(s, 1));
+        const std::string_view type = typeText ? typeText : "";
+        if (type != "integer" && type != "string" && type != "data") continue;
+        // Filled in place: moving a finished variant trips a false
+        // maybe-uninitialized warning in GCC 12.
+        auto& value = entries.emplace_back(std::move(key), Value{}).second;
+        if (type == "integer") {
+            value.emplace<std::int64_t>(sqlite3_column_int64(s, 2));
+        } else if (type == "string") {
+            const auto* text = reinterpret_cast<const char*>(sqlite3_column_text(s, 2));
+            value.emplace<std::string>(text ? text : "", static_cast<std::size_t>(sqlite3_column_bytes(s, 2)));
+        } else {
+            const auto* blob = static_cast<const std::uint8_t*>(sqlite3_column_blob(s, 2));
+            const auto size = static_cast<std::size_t>(sqlite3_column_bytes(s, 2));
+            auto& bytes = value.emplace<Bytes>();
+            if (blob) bytes.assign(blob, blob + size);
+        }
+    }
+    if (rc != SQLITE_DONE) logFailure("list", std::string(prefix) + "*", rc);
+    sqlite3_finalize(s);
+    return entries;
+}
+
 }  // namespace tavrin::platform

@@ -50,6 +50,9 @@ public:
     bool remove(const std::string& key) override;
     bool synchronize() override;
 
+    // ---- listing by key prefix: one range query over the key index.
+    std::vector<Entry> values(std::string_view prefix) const override;
+
     // The database file asked for.
     const std::filesystem::path& path() const noexcept { return path_; }
     // False when the file could not be used and values live in memory only.

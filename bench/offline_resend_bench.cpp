@@ -1,0 +1,224 @@
+// The offline cache on disk: the resend walk of 1,000 cached 3 KB data
+// submissions to a loopback server (time, and bytes the process wrote to
+// storage during it), and adding one request to a full cache.
+#include <benchmark/benchmark.h>
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <filesystem>
+#include <fstream>
+#include <future>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "tavrin/platform/clock.h"
+#include "tavrin/platform/http_client.h"
+#include "tavrin/platform/internal/sqlite_key_value_store.h"
+#include "tavrin/platform/system_log.h"
+#include "tavrin/sdk/internal/tracking_settings.h"
+#include "tavrin/tracking/internal/data_submission_model.h"
+#include "tavrin/transport/internal/offline_cache_manager.h"
+#include "tavrin/transport/service.h"
+
+namespace {
+
+using namespace tavrin;
+namespace fs = std::filesystem;
+
+constexpr int kCached = 1000;
+
+// Formats every line (as the library would) and drops it.
+class DiscardSink final : public platform::LogSink {
+public:
+    bool isEnabled(platform::LogType) const override { return true; }
+    void write(const platform::LogRecord&) override {}
+};
+
+// Minimal keep-alive HTTP/1.1 server answering every request with 200.
+class OkServer {
+public:
+    OkServer() {
+        fd_ = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+        sockaddr_in address{};
+        address.sin_family = AF_INET;
+        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        socklen_t length = sizeof address;
+        bind(fd_, reinterpret_cast<sockaddr*>(&address), sizeof address);
+        getsockname(fd_, reinterpret_cast<sockaddr*>(&address), &length);
+        port_ = ntohs(address.sin_port);
+        listen(fd_, 64);
+        thread_ = std::thread([this] {
+            for (int c; (c = accept4(fd_, nullptr, nullptr, SOCK_CLOEXEC)) >= 0;) {
+                std::lock_guard lock(mutex_);
+                connections_.push_back(c);
+                workers_.emplace_back([this, c] { serve(c); });
+            }
+        });
+    }
+    ~OkServer() {
+        shutdown(fd_, SHUT_RDWR);
+        thread_.join();
+        std::lock_guard lock(mutex_);
+        for (int c : connections_) shutdown(c, SHUT_RDWR);
+        for (auto& w : workers_) w.join();
+        for (int c : connections_) close(c);
+        close(fd_);
+    }
+    int port() const { return port_; }
+    long requests() const { return requests_; }
+
+private:
+    void serve(int c) {
+        std::string buffer;
+        char chunk[65536];
+        for (;;) {
+            const auto end = buffer.find("\r\n\r\n");
+            if (end != std::string::npos) {
+                std::size_t length = 0;
+                const auto at = buffer.find("Content-Length: ");
+                if (at != std::string::npos && at < end) length = std::stoul(buffer.substr(at + 16));
+                if (buffer.size() >= end + 4 + length) {
+                    buffer.erase(0, end + 4 + length);
+                    ++requests_;
+                    static constexpr char kOk[] = "HTTP/1.1 200 OK\r\nContent-Length: 0\r\n\r\n";
+                    if (::send(c, kOk, sizeof kOk - 1, MSG_NOSIGNAL) < 0) return;
+                    continue;
+                }
+            }
+            const ssize_t n = read(c, chunk, sizeof chunk);
+            if (n <= 0) return;
+            buffer.append(chunk, static_cast<std::size_t>(n));
+        }
+    }
+
+    int fd_ = -1;
+    int port_ = 0;
+    std::thread thread_;
+    std::mutex mutex_;
+    std::vector<int> connections_;
+    std::vector<std::thread> workers_;
+    std::atomic<long> requests_{0};
+};
+
+// Bytes this process has caused to be written to storage.
+long long storageBytesWritten() {
+    std::ifstream io("/proc/self/io");
+    std::string key;
+    long long value = 0;
+    while (io >> key >> value)
+        if (key == "write_bytes:") return value;
+    return -1;
+}
+
+Bytes submissionBody(int index) {
+    DataSubmissionModel model;
+    model.version = "3";
+    model.system = {.type = "sdk-ios", .timestamp = 1731667200123, .navigatorUserAgent = "Agent/1.0", .initiator = "tvr_push_submit"};
+    model.configuration = {.container = "shop-app", .environment = "live", .version = "7", .debugcode = std::nullopt};
+    model.data.identifier = {.user = {.id = "4821", .action = "update"}, .session = {.id = "77", .action = "new"}};
+    model.data.variables.customProperties = {{"index", CodableValue::integer(index)},
+                                             {"pad", CodableValue::string(std::string(2700, 'x'))}};
+    return platform::toBytes(encodeJsonText(model));  // about 3 KB
+}
+
+struct Environment {
+    Environment() {
+        platform::SystemLog::setSink(std::make_shared<DiscardSink>());
+        root = fs::temp_directory_path() / ("tavrin-bench-" + std::to_string(getpid()));
+        fs::create_directories(root / "template");
+        platform::KeyValueStore::setDataDirectory((root / "settings").string());
+        // The template database: 1,000 cached submissions, written once.
+        auto store = std::make_shared<platform::SqliteKeyValueStore>(root / "template" / "db.sqlite");
+        OfflineCache cache(store);
+        for (int i = 0; i < kCached; ++i)
+            cache.add(OfflineCache::Request{OfflineCache::RequestType::dataSubmission, submissionBody(i),
+                                            platform::Clock::now(), 0});
+        cache.drain();
+    }
+    ~Environment() {
+        std::error_code ec;
+        fs::remove_all(root, ec);
+    }
+    // A fresh copy of the template, as a launch with a full cache finds it.
+    fs::path copy(const std::string& name) {
+        const auto directory = root / name;
+        fs::remove_all(directory);
+        fs::create_directories(directory);
+        fs::copy_file(root / "template" / "db.sqlite", directory / "db.sqlite");
+        return directory / "db.sqlite";
+    }
+    fs::path root;
+};
+
+Environment& environment() {
+    static Environment env;
+    return env;
+}
+
+void BM_ResendWalkOf1000Cached3KBSubmissions(benchmark::State& state) {
+    auto& env = environment();
+    OkServer server;
+    auto client = std::make_shared<platform::CurlHttpClient>();
+    TrackingSettings::configure(TrackConfig{.trackDomain = "127.0.0.1:" + std::to_string(server.port()),
+                                            .container = "shop-app",
+                                            .environment = TrackConfig::Environment::live,
+                                            .version = std::nullopt,
+                                            .debugCode = std::nullopt,
+                                            .sessionTimeoutInSeconds = std::nullopt,
+                                            .authorizationToken = "token",
+                                            .customProtocol = "http",
+                                            .enableOfflineTracking = true,
+                                            .offlineTrackingTimeout = 86400});
+    double writtenMB = 0, walDbMB = 0;
+    int runs = 0;
+    for (auto _ : state) {
+        state.PauseTiming();
+        const auto file = env.copy("walk");
+        auto store = std::make_shared<platform::SqliteKeyValueStore>(file);
+        auto manager = std::make_shared<OfflineCacheManager>(std::make_shared<OfflineCache>(store));
+        auto service = std::make_shared<Service>(client, TrackingSettings::shared(), manager);
+        manager->setService(service);
+        manager->configure(true, 86400);
+        if (manager->offlineCache().getCachedRequests().size() != kCached) state.SkipWithError("template not loaded");
+        const long long before = storageBytesWritten();
+        state.ResumeTiming();
+        manager->resendCachedRequests().get();
+        manager->offlineCache().drain();
+        state.PauseTiming();
+        writtenMB += static_cast<double>(storageBytesWritten() - before) / 1e6;
+        if (!manager->offlineCache().getCachedRequests().empty()) state.SkipWithError("requests left in the cache");
+        std::error_code ec;
+        walDbMB += static_cast<double>(fs::file_size(file, ec) + fs::file_size(fs::path(file.string() + "-wal"), ec)) / 1e6;
+        ++runs;
+        manager->shutdown(std::chrono::seconds(1));
+        state.ResumeTiming();
+    }
+    state.counters["written_MB"] = writtenMB / runs;
+    state.counters["db_and_wal_MB"] = walDbMB / runs;
+    state.counters["delivered"] = static_cast<double>(server.requests()) / runs;
+    client->shutdown();
+}
+BENCHMARK(BM_ResendWalkOf1000Cached3KBSubmissions)->Iterations(3)->Unit(benchmark::kMillisecond)->UseRealTime();
+
+// One durable addition to a full cache (the oldest request is dropped).
+void BM_AddOneRequestWith1000Cached(benchmark::State& state) {
+    auto& env = environment();
+    auto store = std::make_shared<platform::SqliteKeyValueStore>(env.copy("add"));
+    OfflineCache cache(store);
+    if (cache.getCachedRequests().size() != kCached) state.SkipWithError("template not loaded");
+    const Bytes body = submissionBody(0);
+    for (auto _ : state) {
+        std::promise<void> durable;
+        cache.add(OfflineCache::Request{OfflineCache::RequestType::dataSubmission, body, platform::Clock::now(), 0},
+                  [&] { durable.set_value(); });
+        durable.get_future().wait();
+    }
+}
+BENCHMARK(BM_AddOneRequestWith1000Cached)->Unit(benchmark::kMillisecond)->UseRealTime();
+
+}  // namespace

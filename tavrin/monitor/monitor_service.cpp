@@ -1,0 +1,163 @@
+#include "tavrin/monitor/internal/monitor_service.h"
+
+#include <atomic>
+
+#include "tavrin/monitor/internal/memory_cache_utility.h"
+#include "tavrin/monitor/internal/tag_cache.h"
+#include "tavrin/platform/http_client.h"
+#include "tavrin/sdk/internal/logger_utility.h"
+#include "tavrin/sdk/internal/tracking_settings.h"
+#include "tavrin/transport/service.h"
+
+namespace tavrin {
+
+namespace {
+
+constexpr double kMonitorTimeoutSeconds = 60;
+
+std::string describe(const std::exception_ptr& error) {
+    try {
+        std::rethrow_exception(error);
+    } catch (const std::exception& e) {
+        return e.what();
+    } catch (...) {
+        return "unknown error";
+    }
+}
+
+struct SharedSlot {
+    std::mutex mutex;
+    std::shared_ptr<MonitorService> instance;
+};
+
+SharedSlot& sharedSlot() {
+    static SharedSlot slot;
+    return slot;
+}
+
+}  // namespace
+
+Json MonitorPayload::encode() const {
+    Json out = Json::object();
+    out["debugid"] = debugID;
+    out["consent"] = encodeJson(consent);
+    out["docs"] = encodeJson(docs);
+    out["state"] = state;
+    out["eventDocumentId"] = eventDocumentID;
+    out["tags"] = encodeJson(tags);
+    return out;
+}
+
+// ---- DefaultMonitorService
+
+DefaultMonitorService::DefaultMonitorService(std::shared_ptr<platform::HttpClient> session)
+    : session_(std::move(session)) {}
+
+void DefaultMonitorService::send(MonitorPayload payload, Completion completion) {
+    // Always https, whatever customProtocol says.
+    const std::string url = "https://" + TrackingSettings::shared()->trackDomain() + "/monitor";
+    if (!platform::Url::parse(url))
+        return completion(std::make_exception_ptr(Service::ServiceError(Service::ServiceError::Code::invalidURL)));
+    platform::HttpRequest request;
+    request.method = "POST";
+    request.url = url;
+    request.timeoutSeconds = kMonitorTimeoutSeconds;
+    request.setHeader("Content-Type", "application/json");
+    try {
+        request.body = platform::toBytes(encodeJsonText(payload));
+    } catch (...) {
+        return completion(std::current_exception());
+    }
+    auto session = session_ ? session_ : platform::HttpClient::shared();
+    session->send(std::move(request), [completion = std::move(completion)](platform::HttpResult result) {
+        if (result.error) return completion(result.error);
+        const int status = result.response->statusCode;
+        if (status >= 200 && status <= 299) return completion(nullptr);
+        completion(std::make_exception_ptr(Service::ServiceError(Service::ServiceError::Code::invalidResponse)));
+    });
+}
+
+// ---- MonitorService
+
+MonitorService::MonitorService(std::shared_ptr<MonitorServiceProtocol> service)
+    : service_(service ? std::move(service) : std::make_shared<DefaultMonitorService>()) {}
+
+std::shared_ptr<MonitorService> MonitorService::shared() {
+    auto& slot = sharedSlot();
+    std::lock_guard lock(slot.mutex);
+    if (!slot.instance) slot.instance = std::make_shared<MonitorService>();
+    return slot.instance;
+}
+
+void MonitorService::resetShared() {
+    std::shared_ptr<MonitorService> previous;
+    std::lock_guard lock(sharedSlot().mutex);
+    previous = std::exchange(sharedSlot().instance, nullptr);
+}
+
+void MonitorService::setDebugCode(std::optional<std::string> debugCode) {
+    std::lock_guard lock(mutex_);
+    debugCode_ = std::move(debugCode);
+}
+
+std::optional<std::string> MonitorService::debugCode() const {
+    std::lock_guard lock(mutex_);
+    return debugCode_;
+}
+
+void MonitorService::setService(std::shared_ptr<MonitorServiceProtocol> service) {
+    std::lock_guard lock(mutex_);
+    service_ = std::move(service);
+}
+
+void MonitorService::clearSentTags(const std::vector<Tag>&) {
+    // The whole entry goes, as the report took everything cached.
+    MemoryCacheUtility::shared().remove(TagCache::shared().userDefaultsKey);
+}
+
+void MonitorService::sendMonitorRequest(std::function<void()> done) {
+    std::optional<std::string> code;
+    std::shared_ptr<MonitorServiceProtocol> service;
+    {
+        std::lock_guard lock(mutex_);
+        code = debugCode_;
+        service = service_;
+    }
+    if (!code) {
+        if (done) done();
+        return;
+    }
+    MonitorPayload payload;
+    payload.debugID = *code;
+    payload.tags = TagCache::shared().tags();
+    auto sent = payload.tags;
+    // Exactly once, also when the sender throws after completing.
+    auto ran = std::make_shared<std::atomic<bool>>(false);
+    auto finish = [done = std::move(done), sent = std::move(sent), ran](std::exception_ptr error) {
+        if (ran->exchange(true)) return;
+        try {
+            if (!error) {
+                clearSentTags(sent);
+                LoggerUtility::shared().info("/monitor request sent successfully. Cache cleared.");
+            } else {
+                LoggerUtility::shared().error([&] { return "Failed to send /monitor request: " + describe(error); });
+            }
+        } catch (...) {
+        }
+        if (done) done();
+    };
+    try {
+        service->send(std::move(payload), finish);
+    } catch (...) {
+        finish(std::current_exception());
+    }
+}
+
+std::future<void> MonitorService::sendMonitorRequest() {
+    auto promise = std::make_shared<std::promise<void>>();
+    auto future = promise->get_future();
+    sendMonitorRequest([promise] { promise->set_value(); });
+    return future;
+}
+
+}  // namespace tavrin

@@ -1,0 +1,100 @@
+// The offline manager over the real rtnetlink path monitor, in a network
+// namespace of its own whose default route the test removes and restores
+// (needs root or CAP_SYS_ADMIN; skipped elsewhere).
+
+#include <gtest/gtest.h>
+#include <sched.h>
+
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <map>
+
+#include "tests/support/transport_fixture.h"
+
+namespace tavrin::testing {
+namespace {
+
+// Runs the scenario on a thread moved into a new network namespace; threads
+// it starts (HTTP client, path monitor reader) and sockets it opens are there too.
+void runInOwnNetworkNamespace(const std::function<void()>& scenario) {
+    std::string skip;
+    std::thread([&] {
+        if (unshare(CLONE_NEWNET) != 0)
+            skip = std::string("unshare(CLONE_NEWNET): ") + std::strerror(errno) + " (needs root or CAP_SYS_ADMIN)";
+        else
+            scenario();
+    }).join();
+    if (!skip.empty()) GTEST_SKIP() << skip;
+}
+
+bool ip(const std::string& arguments) {
+    const int status = std::system(("ip " + arguments).c_str());
+    EXPECT_EQ(status, 0) << "ip " << arguments;
+    return status == 0;
+}
+
+class NetworkNamespaceTest : public TransportTest {
+protected:
+    std::size_t count(const std::string& line) {
+        const auto lines = log.sink->messages();
+        return static_cast<std::size_t>(std::count(lines.begin(), lines.end(), line));
+    }
+};
+
+TEST_F(NetworkNamespaceTest, LosingTheDefaultRouteCachesAndRegainingItResendsOnceInOrder) {
+    runInOwnNetworkNamespace([&] {
+        ip("link set lo up");
+        if (!ip("link add v0 type veth peer name v1")) return;
+        ip("link set v0 up");
+        ip("link set v1 up");
+        ip("addr add 10.200.0.1/24 dev v0");
+        ip("route add default via 10.200.0.2");
+        LoopbackServer server;  // on this namespace's loopback, reachable without the default route
+        useHttpClient({});
+        configure(trackConfig(hostPort(server.port())));
+        auto manager = OfflineCacheManager::shared();
+        manager->startNetworkMonitoring();
+        ASSERT_TRUE(waitUntil([&] { return count("Network status changed: Online") == 1; }));
+
+        ip("route del default via 10.200.0.2");
+        ASSERT_TRUE(waitUntil([&] { return manager->isCurrentlyOffline(); })) << "no offline report";
+        for (const char* mark : {"o1", "o2", "o3"}) Service::shared()->sendDataSubmission(sampleSubmission(mark)).get();
+        EXPECT_EQ(cached().size(), 3u);
+        EXPECT_TRUE(server.requests().empty());
+
+        ip("route add default via 10.200.0.2");
+        ASSERT_TRUE(waitUntil([&] { return server.requests().size() >= 3 && cached().empty(); }));
+        std::this_thread::sleep_for(std::chrono::milliseconds(200));
+        auto requests = server.requests();
+        ASSERT_EQ(requests.size(), 3u);
+        for (std::size_t i = 0; i < 3; ++i) {
+            const Json body = Json::parse(requests[i].body);
+            EXPECT_EQ(body["data"]["variables"]["mark"], "o" + std::to_string(i + 1));
+            EXPECT_EQ(body["app_offline_cached_data"], "true");
+            EXPECT_TRUE(body.contains("app_offline_resend_timestamp"));
+        }
+        EXPECT_EQ(count("Cached requests successfully resent after regaining network connectivity."), 1u);
+
+        // Quick flaps with submissions in between: each delivered exactly once.
+        for (int i = 0; i < 20; ++i) {
+            ip("route del default via 10.200.0.2");
+            Service::shared()->sendDataSubmission(sampleSubmission("f" + std::to_string(i))).get();
+            ip("route add default via 10.200.0.2");
+        }
+        ASSERT_TRUE(waitUntil([&] { return server.requests().size() >= 23 && cached().empty(); }, std::chrono::seconds(20)))
+            << server.requests().size() << " delivered, " << cached().size() << " cached";
+        std::this_thread::sleep_for(std::chrono::milliseconds(300));
+        EXPECT_GT(count("Offline: Caching data submission request"), 3u) << "no flap was seen offline";
+        std::map<std::string, int> deliveries;
+        for (const auto& request : server.requests())
+            ++deliveries[Json::parse(request.body)["data"]["variables"]["mark"].get<std::string>()];
+        EXPECT_EQ(deliveries.size(), 23u);
+        for (const auto& [mark, times] : deliveries) EXPECT_EQ(times, 1) << mark;
+        manager->stopNetworkMonitoring();
+        client->shutdown();
+    });
+}
+
+}  // namespace
+}  // namespace tavrin::testing
