@@ -110,9 +110,10 @@ void MonitorService::setService(std::shared_ptr<MonitorServiceProtocol> service)
     service_ = std::move(service);
 }
 
-void MonitorService::clearSentTags(const std::vector<Tag>&) {
-    // The whole entry goes, as the report took everything cached.
-    MemoryCacheUtility::shared().remove(TagCache::shared().userDefaultsKey);
+void MonitorService::clearSentTags(const TagCache::Snapshot& sent) {
+    // Only what the report carried: tags added while it was on its way stay
+    // for the next one.
+    TagCache::shared().remove(sent);
 }
 
 void MonitorService::sendMonitorRequest(std::function<void()> done) {
@@ -129,8 +130,8 @@ void MonitorService::sendMonitorRequest(std::function<void()> done) {
     }
     MonitorPayload payload;
     payload.debugID = *code;
-    payload.tags = TagCache::shared().tags();
-    auto sent = payload.tags;
+    auto sent = TagCache::shared().snapshot();
+    payload.tags = sent.tags;
     // Exactly once, also when the sender throws after completing.
     auto ran = std::make_shared<std::atomic<bool>>(false);
     auto finish = [done = std::move(done), sent = std::move(sent), ran](std::exception_ptr error) {

@@ -19,6 +19,7 @@
 #include "tavrin/platform/http_client.h"
 #include "tavrin/platform/internal/sqlite_key_value_store.h"
 #include "tavrin/platform/path_monitor.h"
+#include "tests/support/scripted_path_monitor.h"
 #include "tavrin/sdk/internal/tracking_settings.h"
 #include "tavrin/tracking/internal/data_submission_model.h"
 #include "tavrin/transport/internal/offline_cache_manager.h"
@@ -111,8 +112,8 @@ protected:
     }
 
     // The shared manager with a scripted path reporting `status`, monitoring.
-    std::shared_ptr<platform::ScriptedPathMonitor> monitorPath(platform::PathStatus status) {
-        auto scripted = std::make_shared<platform::ScriptedPathMonitor>(status);
+    std::shared_ptr<testing::ScriptedPathMonitor> monitorPath(platform::PathStatus status) {
+        auto scripted = std::make_shared<testing::ScriptedPathMonitor>(status);
         platform::PathMonitor::setFactory([scripted]() -> std::shared_ptr<platform::PathMonitor> { return scripted; });
         auto manager = OfflineCacheManager::shared();
         manager->startNetworkMonitoring();

@@ -27,7 +27,7 @@ TEST(DurabilityChild, CachesOfflineThenWaitsToBeKilled) {
     const char* directory = std::getenv(kDirVariable);
     if (!directory) GTEST_SKIP() << "runs only as the child process of the kill -9 test";
     platform::KeyValueStore::setDataDirectory(std::string(directory));
-    auto path = std::make_shared<platform::ScriptedPathMonitor>(platform::PathStatus::unsatisfied);
+    auto path = std::make_shared<testing::ScriptedPathMonitor>(platform::PathStatus::unsatisfied);
     platform::PathMonitor::setFactory([path]() -> std::shared_ptr<platform::PathMonitor> { return path; });
     const auto config = trackConfig(std::getenv(kDomainVariable));
     TrackingSettings::configure(config);

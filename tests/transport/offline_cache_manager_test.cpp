@@ -27,7 +27,7 @@ std::string markOf(const RecordedRequest& request) {
 class OfflineCacheManagerTest : public TransportTest {
 protected:
     // Caches the submissions while the scripted path is offline.
-    void cacheWhileOffline(platform::ScriptedPathMonitor& path, const std::vector<std::string>& marks) {
+    void cacheWhileOffline(testing::ScriptedPathMonitor& path, const std::vector<std::string>& marks) {
         path.setStatus(PathStatus::unsatisfied);
         ASSERT_TRUE(waitUntil([] { return OfflineCacheManager::shared()->isCurrentlyOffline(); }));
         for (const auto& mark : marks) Service::shared()->sendDataSubmission(sampleSubmission(mark)).get();

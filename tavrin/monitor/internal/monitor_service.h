@@ -15,6 +15,7 @@
 #include <vector>
 
 #include "tavrin/monitor/internal/tag.h"
+#include "tavrin/monitor/internal/tag_cache.h"
 #include "tavrin/tracking/internal/any_codable.h"
 
 namespace tavrin {
@@ -74,7 +75,7 @@ public:
     std::future<void> sendMonitorRequest();
 
     // Forgets the tags a successful report carried.
-    static void clearSentTags(const std::vector<Tag>& sent);
+    static void clearSentTags(const TagCache::Snapshot& sent);
 
 private:
     mutable std::mutex mutex_;
