@@ -132,6 +132,7 @@ public:
 
     void problem(const std::string& pointer, const std::string& text) {
         problems_.push_back((pointer.empty() ? std::string("/") : pointer) + ": " + text);
+        reported_.insert(pointer);
     }
 
     // The member `key` of `parent`, when present with the expected type.
@@ -156,7 +157,7 @@ public:
 
     void onlyMembers(const Json& object, const std::string& pointer, std::initializer_list<std::string_view> allowed) {
         for (const auto& [key, value] : object.items()) {
-            if (std::find(allowed.begin(), allowed.end(), key) == allowed.end())
+            if (std::find(allowed.begin(), allowed.end(), key) == allowed.end() && !reported_.count(pointer + "/" + key))
                 problem(pointer + "/" + key, "unexpected member");
         }
     }
@@ -225,6 +226,7 @@ public:
 
 private:
     std::vector<std::string>& problems_;
+    std::set<std::string> reported_;  // a member already explained is not also "unexpected"
 };
 
 void checkDataSubmission(const Json& document, bool resend, ShapeChecker& check) {
