@@ -19,7 +19,8 @@ const char* const kDebugViewPage = R"PAGE(<!doctype html>
   header .counts { color:#c9cfda; font-size:13px; }
   #live { margin-left:auto; font-size:12px; padding:2px 10px; border-radius:10px; background:#5b6472; }
   #live.on { background:var(--ok); }
-  main { display:grid; grid-template-columns:minmax(300px, 34%) 1fr; gap:14px; padding:14px; height:calc(100vh - 46px); }
+  main { display:grid; grid-template-columns:minmax(280px, 30%) 1fr minmax(260px, 26%); gap:14px; padding:14px; height:calc(100vh - 46px); }
+  @media (max-width: 1000px) { main { grid-template-columns:1fr; height:auto; } }
   .pane { overflow:auto; }
   .card { background:var(--card); border:1px solid var(--line); border-radius:8px; padding:12px 14px; margin-bottom:14px; }
   .card h2 { font-size:15px; margin:0 0 8px; }
@@ -32,7 +33,9 @@ const char* const kDebugViewPage = R"PAGE(<!doctype html>
   @keyframes fresh { from { background:#fff6cc; } to { background:var(--card); } }
   .request .line { display:flex; gap:8px; align-items:center; }
   .request .time, .request .path { color:var(--muted); font-size:12px; }
-  .request .status { margin-left:auto; font-size:12px; }
+  .request .status, .request .problem-count { margin-left:auto; font-size:12px; }
+  .request .id { font-weight:600; }
+  .badge { white-space:nowrap; }
   .request .problem { color:var(--bad); font-size:12px; margin-top:4px; overflow:hidden; text-overflow:ellipsis; white-space:nowrap; }
   .badge { display:inline-block; font-size:11px; font-weight:600; padding:1px 8px; border-radius:10px; background:#e8ecf3; color:#344054; }
   .kind-data { background:#e3edff; color:#1d4fb0; } .kind-consent { background:#f1e6ff; color:#6b2fb3; }
@@ -69,6 +72,8 @@ const char* const kDebugViewPage = R"PAGE(<!doctype html>
   </section>
   <section class="pane">
     <div class="card" id="detail"><p class="empty">Open a request on the left to see what it carried.</p></div>
+  </section>
+  <section class="pane">
     <div class="card"><h2>Tag timeline</h2><div id="timeline"><p class="empty">No debug tags yet.</p></div></div>
   </section>
 </main>
@@ -115,10 +120,11 @@ function renderList() {
                      "data-id": r.id, "data-kind": r.kind, onclick: () => select(r.id)},
       el("div", {class: "line"},
         el("span", {class: "badge kind-" + r.kind}, KIND_LABEL[r.kind] || r.kind),
-        el("span", {class: "time"}, "#" + r.id + " · " + clock(r.time)),
-        el("span", {class: "path"}, r.method + " " + r.path),
+        el("span", {class: "id"}, "#" + r.id),
         el("span", {class: "status badge " + (r.status < 300 ? "ok" : "bad")}, r.status)),
       el("div", {class: "line"},
+        el("span", {class: "time", title: clock(r.time) + " UTC"}, clock(r.time).slice(11)),
+        el("span", {class: "path"}, r.method + " " + r.path),
         problems.length ? el("span", {class: "badge bad problem-count"}, problems.length + (problems.length === 1 ? " problem" : " problems"))
                         : el("span", {class: "badge ok problem-count"}, "shape ok")),
       problems.length ? el("div", {class: "problem"}, problems[0]) : null);
@@ -128,7 +134,7 @@ function renderList() {
   const byKind = {};
   sorted.forEach(r => byKind[r.kind] = (byKind[r.kind] || 0) + 1);
   document.getElementById("counts").textContent = sorted.length ? sorted.length + " requests: " +
-    Object.entries(byKind).map(([k, n]) => n + " " + (KIND_LABEL[k] || k)).join(", ") : "no requests yet";
+    Object.entries(byKind).map(([k, n]) => n + " " + (KIND_LABEL[k] || k) + (n === 1 ? "" : "s")).join(", ") : "no requests yet";
 }
 
 function previousConsent(r) {
@@ -189,7 +195,7 @@ function consentDetail(r) {
 
 function tagList(tags) {
   return el("ol", {class: "timeline"}, tags.map(t => el("li", {class: "tag", "data-tag-id": show(t.id)},
-    el("span", {class: "when"}, clock(t.timestamp)), el("span", {class: "badge"}, show(t.id)), " ", show(t.name),
+    el("span", {class: "when", title: clock(t.timestamp) + " UTC"}, clock(t.timestamp).slice(11)), el("span", {class: "badge"}, show(t.id)), " ", show(t.name),
     el("span", {class: "time"}, "  " + [t.type, t.source].filter(Boolean).join(" · ")))));
 }
 
