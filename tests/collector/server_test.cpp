@@ -106,7 +106,7 @@ httplib::Result post(httplib::Client& c, const std::string& path, const std::str
 TEST(CollectorServer, AnswersBadInputWithAClear4xxAndKeepsServing) {
     REQUIRE_COLLECTOR();
     TempDir dir;
-    Collector collector({"--port", "0", "--data-dir", dir.path().string(), "--max-body", "4096"});
+    Collector collector({"--port", "0", "--data-dir", dir.path().string(), "--max-body", "300000"});
     ASSERT_GT(collector.port(), 0) << collector.firstLine();
     EXPECT_EQ(collector.firstLine(), "listening on http://127.0.0.1:" + std::to_string(collector.port()));
     auto c = collector.client();
@@ -120,7 +120,8 @@ TEST(CollectorServer, AnswersBadInputWithAClear4xxAndKeepsServing) {
     } cases[] = {
         {"POST", "/", "{\"version\": ", 400, "body is not JSON"},
         {"POST", "/monitor", "[]", 400, "a JSON object expected"},
-        {"POST", "/", std::string(5000, ' ') + "{}", 413, "larger than the collector accepts"},
+        {"POST", "/", std::string(400000, ' ') + "{}", 413, "larger than the collector accepts"},
+        {"POST", "/", std::string(100000, '[') + std::string(100000, ']'), 400, "nests deeper than 256 levels"},
         {"GET", "/", "", 405, "method GET not allowed on /"},
         {"PUT", "/monitor", "{}", 405, "method PUT not allowed on /monitor"},
         {"DELETE", "/", "", 405, "not allowed"},
@@ -134,7 +135,7 @@ TEST(CollectorServer, AnswersBadInputWithAClear4xxAndKeepsServing) {
         request.body = k.body;
         request.set_header("Content-Type", "application/json");
         auto res = c.send(request);
-        ASSERT_TRUE(res) << k.method << " " << k.path;
+        ASSERT_TRUE(res) << k.method << " " << k.path << " (" << k.body.size() << " bytes): " << httplib::to_string(res.error());
         EXPECT_EQ(res->status, k.status) << k.method << " " << k.path;
         EXPECT_THAT(res->body, HasSubstr(k.says)) << k.method << " " << k.path;
     }
@@ -149,12 +150,13 @@ TEST(CollectorServer, AnswersBadInputWithAClear4xxAndKeepsServing) {
     EXPECT_TRUE(collector.running());
 
     const Json stored = collector.requests();
-    ASSERT_EQ(stored.size(), 3u);  // the two bodies that were not documents, and the submission
+    ASSERT_EQ(stored.size(), 4u);  // the three bodies that were not documents, and the submission
     EXPECT_EQ(stored[0]["kind"], "data");
     EXPECT_EQ(stored[0]["body"], document);
     EXPECT_EQ(stored[1]["kind"], "invalid");
     EXPECT_EQ(stored[1]["status"], 400);
-    EXPECT_EQ(stored[2]["body"], "{\"version\": ");
+    EXPECT_EQ(stored[1]["bodyIsJson"], false);
+    EXPECT_EQ(stored[3]["body"], "{\"version\": ");
 }
 
 TEST(CollectorServer, ChecksTheBearerTokenOnSubmissionsAndNeverStoresIt) {

@@ -17,6 +17,7 @@ constexpr std::array<std::string_view, 3> kFixedVariables = {"document_location_
                                                             "tvrpushedcommands"};
 constexpr std::string_view kCachedMarker = "app_offline_cached_data";
 constexpr std::string_view kResendMarker = "app_offline_resend_timestamp";
+constexpr std::size_t kMaxDepth = 256;
 
 // A JSON object keeps only one value per key once parsed, so repeated keys are
 // found while the raw text is read: every object's keys are remembered on a
@@ -27,6 +28,7 @@ public:
         std::string pointer, key;
     };
     std::vector<Duplicate> duplicates;
+    bool tooDeep = false;
 
     bool null() override { return value(); }
     bool boolean(bool) override { return value(); }
@@ -62,6 +64,11 @@ private:
         return parent.pointer + "/" + (parent.object ? parent.lastKey : std::to_string(parent.index));
     }
     bool open(bool object) {
+        // Printing or comparing a parsed document recurses; no SDK document comes near this.
+        if (frames_.size() >= kMaxDepth) {
+            tooDeep = true;
+            return false;
+        }
         frames_.push_back({object, childPointer(), {}, 0, {}});
         return true;
     }
@@ -420,7 +427,8 @@ Classification classify(std::string_view path, std::string_view body) {
     }
     DuplicateKeyFinder finder;
     if (!Json::sax_parse(body.begin(), body.end(), &finder, nlohmann::detail::input_format_t::json, true)) {
-        result.problems.push_back("/: body is not JSON");
+        result.problems.push_back(finder.tooDeep ? "/: body nests deeper than " + std::to_string(kMaxDepth) + " levels"
+                                                 : "/: body is not JSON");
         return result;
     }
     const Json document = Json::parse(body.begin(), body.end());

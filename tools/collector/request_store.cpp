@@ -104,11 +104,11 @@ StoredRequest RequestStore::add(StoredRequest request) {
     insert.bind(1, request.receivedMs);
     insert.bind(2, request.method);
     insert.bind(3, request.path);
-    insert.bind(4, headers.dump());
+    insert.bind(4, headers.dump(-1, ' ', false, Json::error_handler_t::replace));
     insert.bindBlob(5, request.body);
     insert.bind(6, static_cast<std::int64_t>(request.status));
     insert.bind(7, request.kind);
-    insert.bind(8, Json(request.problems).dump());
+    insert.bind(8, Json(request.problems).dump(-1, ' ', false, Json::error_handler_t::replace));
     insert.step();
     request.id = sqlite3_last_insert_rowid(db_);
     return request;

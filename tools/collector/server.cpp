@@ -55,8 +55,9 @@ Json toJson(const StoredRequest& request) {
         else
             headers[name] = value;
     }
-    Json body = Json::parse(request.body, nullptr, false);
-    const bool isJson = !body.is_discarded();
+    // Only bodies the classifier accepted are parsed again (it bounds their depth).
+    Json body = request.kind == kindName(RequestKind::invalid) ? Json(nullptr) : Json::parse(request.body, nullptr, false);
+    const bool isJson = request.kind != kindName(RequestKind::invalid) && !body.is_discarded();
     return Json{{"id", request.id},
                 {"time", request.receivedMs},
                 {"timeText", isoTime(request.receivedMs)},
