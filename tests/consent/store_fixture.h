@@ -1,13 +1,16 @@
 #pragma once
 // Tests of the stores run against the real SQLite store in a fresh directory.
-// CountingStore wraps it to count the reads and writes that reach it. The
-// configurations are shared with the tests of TrackConfig itself.
+// CountingStore wraps it to count the reads and writes that reach it (and can
+// linger after each, to widen the windows where racing callers interleave).
+// The configurations are shared with the tests of TrackConfig itself.
 
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <chrono>
 #include <memory>
 #include <string_view>
+#include <thread>
 
 #include "tavrin/consent/internal/user_defaults_utility.h"
 #include "tavrin/platform/key_value_store.h"
@@ -51,8 +54,18 @@ class CountingStore final : public platform::KeyValueStore {
 public:
     explicit CountingStore(std::shared_ptr<platform::KeyValueStore> inner) : inner_(std::move(inner)) {}
 
-    bool set(const std::string& key, const Value& value) override { ++writes; return inner_->set(key, value); }
-    std::optional<Value> value(const std::string& key) const override { ++reads; return inner_->value(key); }
+    bool set(const std::string& key, const Value& value) override {
+        ++writes;
+        const bool ok = inner_->set(key, value);
+        linger();
+        return ok;
+    }
+    std::optional<Value> value(const std::string& key) const override {
+        ++reads;
+        auto found = inner_->value(key);
+        linger();
+        return found;
+    }
     bool remove(const std::string& key) override { ++removals; return inner_->remove(key); }
     bool synchronize() override { ++flushes; return inner_->synchronize(); }
     platform::KeyValueStore& inner() { return *inner_; }
@@ -61,8 +74,13 @@ public:
     std::atomic<int> writes{0};
     std::atomic<int> removals{0};
     std::atomic<int> flushes{0};
+    // Set before any thread uses the store.
+    std::chrono::microseconds pause{0};
 
 private:
+    void linger() const {
+        if (pause.count() > 0) std::this_thread::sleep_for(pause);
+    }
     std::shared_ptr<platform::KeyValueStore> inner_;
 };
 
