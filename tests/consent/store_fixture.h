@@ -1,7 +1,7 @@
 #pragma once
 // Tests of the stores run against the real SQLite store in a fresh directory.
 // CountingStore wraps it to count the reads and writes that reach it (and can
-// linger after each, to widen the windows where racing callers interleave).
+// linger after a read, to widen the window where a racing writer slips in).
 // The configurations are shared with the tests of TrackConfig itself.
 
 #include <gtest/gtest.h>
@@ -54,16 +54,11 @@ class CountingStore final : public platform::KeyValueStore {
 public:
     explicit CountingStore(std::shared_ptr<platform::KeyValueStore> inner) : inner_(std::move(inner)) {}
 
-    bool set(const std::string& key, const Value& value) override {
-        ++writes;
-        const bool ok = inner_->set(key, value);
-        linger();
-        return ok;
-    }
+    bool set(const std::string& key, const Value& value) override { ++writes; return inner_->set(key, value); }
     std::optional<Value> value(const std::string& key) const override {
         ++reads;
         auto found = inner_->value(key);
-        linger();
+        if (readPause.count() > 0) std::this_thread::sleep_for(readPause);
         return found;
     }
     bool remove(const std::string& key) override { ++removals; return inner_->remove(key); }
@@ -74,13 +69,10 @@ public:
     std::atomic<int> writes{0};
     std::atomic<int> removals{0};
     std::atomic<int> flushes{0};
-    // Set before any thread uses the store.
-    std::chrono::microseconds pause{0};
+    // How long a read lingers after reaching the store; set before any thread uses it.
+    std::chrono::microseconds readPause{0};
 
 private:
-    void linger() const {
-        if (pause.count() > 0) std::this_thread::sleep_for(pause);
-    }
     std::shared_ptr<platform::KeyValueStore> inner_;
 };
 

@@ -113,13 +113,13 @@ TEST_F(StoreTest, RecordsRoundTripThroughTheFileAndTheCacheUntilRemoved) {
     EXPECT_TRUE(log.sink->messages().empty());
 }
 
-// Reads that miss the cache race writes of the same key (the store lingers
-// after each access to widen the gaps). Whatever the interleaving, the cached
+// Reads that miss the cache race writes of the same key (a read lingers after
+// reaching the store, long enough for a write to finish meanwhile). Whatever the interleaving, the cached
 // value ends up being the one the store holds: a read never puts back a value
 // that a write has already replaced.
 TEST_F(StoreTest, RacingReadsAndWritesNeverLeaveAStaleValueCached) {
     auto store = countReads();
-    store->pause = std::chrono::microseconds(300);
+    store->readPause = std::chrono::milliseconds(5);
     constexpr int kRounds = 30, kWriters = 2, kReaders = 3;
     std::vector<std::string> stale;
     for (int round = 0; round < kRounds; ++round) {
@@ -141,7 +141,8 @@ TEST_F(StoreTest, RacingReadsAndWritesNeverLeaveAStaleValueCached) {
         for (auto& thread : threads) thread.join();
         const auto cached = UserDefaultsUtility::string(key);
         const auto stored = store->inner().string(key);
-        if (cached != stored || cached == "before") stale.push_back(key + ": " + cached.value_or("<none>"));
+        if (cached != stored || cached == "before")
+            stale.push_back(key + " cached " + cached.value_or("<none>") + ", stored " + stored.value_or("<none>"));
     }
     EXPECT_TRUE(stale.empty()) << stale.size() << " of " << kRounds << " rounds, first " << stale.front();
 }
