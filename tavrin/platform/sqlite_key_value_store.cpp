@@ -258,11 +258,10 @@ SqliteKeyValueStore::Outcome SqliteKeyValueStore::quickCheck(Deadline deadline) 
         Outcome failure;
         if (rc != SQLITE_ROW) {
             failure = lastFailure();
-        } else if (const auto* text = sqlite3_column_text(check, 0);
-                   !text || std::strcmp(reinterpret_cast<const char*>(text), "ok") != 0) {
-            failure = Failure{SQLITE_CORRUPT,
-                              std::string("integrity check failed: ") + (text ? reinterpret_cast<const char*>(text) : ""),
-                              true};
+        } else {
+            const auto* text = reinterpret_cast<const char*>(sqlite3_column_text(check, 0));
+            const std::string verdict = text ? text : "";
+            if (verdict != "ok") failure = Failure{SQLITE_CORRUPT, "integrity check failed: " + verdict, true};
         }
         sqlite3_finalize(check);
         return failure;
@@ -325,9 +324,8 @@ std::optional<std::filesystem::path> SqliteKeyValueStore::moveAside() {
 }
 
 void SqliteKeyValueStore::open() {
-    const auto waitUntil = [this] {
-        return SteadyClock::now() + std::chrono::milliseconds(options_.busyTimeoutMilliseconds);
-    };
+    // One wait for the whole opening, however many steps and fallbacks it takes.
+    const Deadline deadline = SteadyClock::now() + std::chrono::milliseconds(options_.busyTimeoutMilliseconds);
     if (auto failure = makeDirectories(path_.parent_path())) {
         openInMemory(*failure);
         return;
@@ -335,7 +333,7 @@ void SqliteKeyValueStore::open() {
     Outcome failure;
     if (!options_.readOnly) {
         failure = hasForeignHeader(path_) ? Failure{SQLITE_NOTADB, "no database header", true}
-                                          : openAt(Access::readWrite, waitUntil());
+                                          : openAt(Access::readWrite, deadline);
         if (!failure) {
             if (!writable_) logError("the file " + path_.string() + " is write-protected; writes will fail");
             return;
@@ -345,7 +343,7 @@ void SqliteKeyValueStore::open() {
             if (auto target = moveAside()) {
                 movedAside_ = target;
                 logError("moved the unusable file to " + target->string() + " and started an empty store");
-                failure = openAt(Access::readWrite, waitUntil());
+                failure = openAt(Access::readWrite, deadline);
                 if (!failure) return;
             }
         }
@@ -356,13 +354,13 @@ void SqliteKeyValueStore::open() {
         }
         // The values are there but cannot be written: keep reading them.
         const std::string writeFailure = failure->message;
-        if (!(failure = openAt(Access::readOnly, waitUntil())) || !(failure = openAt(Access::immutable, waitUntil()))) {
+        if (!(failure = openAt(Access::readOnly, deadline)) || !(failure = openAt(Access::immutable, deadline))) {
             logError("cannot open " + path_.string() + " for writing (" + writeFailure +
                      "); it is opened read-only and writes will fail");
             return;
         }
-    } else if (!(failure = openAt(Access::readOnly, waitUntil())) ||
-               !(failure = openAt(Access::immutable, waitUntil()))) {
+    } else if (!(failure = openAt(Access::readOnly, deadline)) ||
+               !(failure = openAt(Access::immutable, deadline))) {
         return;
     }
     openInMemory(failure->message);

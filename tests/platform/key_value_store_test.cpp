@@ -385,7 +385,8 @@ TEST_F(KeyValueStoreTest, OpeningWaitsForAnotherConnectionsLock) {
         EXPECT_TRUE(store.isPersistent()) << lock;
         EXPECT_TRUE(store.setString("id", "kept")) << lock;
         EXPECT_TRUE(store.synchronize()) << lock;
-        EXPECT_TRUE(log.sink->messages(LogType::error).empty()) << lock << ": " << log.sink->messages(LogType::error)[0];
+        const auto errors = log.sink->messages(LogType::error);
+        EXPECT_TRUE(errors.empty()) << lock << ": " << errors[0];
     }
 
     // Held for longer than the store waits.
