@@ -15,10 +15,6 @@ namespace {
 using testing::minimalConfig;
 using testing::StoreTest;
 
-// The JSON string form of text that needs no escaping. (Built by appending:
-// GCC 12 at -O3 reports a false -Wrestrict for "\"" + std::string&&.)
-std::string quoted(const std::string& text) { return std::string(1, '"').append(text).append(1, '"'); }
-
 TEST_F(StoreTest, TextAndIntegersWriteThroughAndTheCacheHidesChangesBehindItsBack) {
     auto store = countReads();
     UserDefaultsUtility::setString("123", "k");
@@ -65,14 +61,14 @@ TEST_F(StoreTest, SavedBytesAreAJsonStringOfBase64CachedRawAndUndecodableOnesAbs
     EXPECT_EQ(store->writes, 1);
     EXPECT_EQ(store->flushes, 1);
     EXPECT_EQ(platform::toString(openFile()->data("blob").value_or(Bytes{})),
-              quoted(platform::base64Encode(inner)));
+              "\"" + platform::base64Encode(inner) + "\"");
     EXPECT_EQ(UserDefaultsUtility::loadData("blob"), inner);
     EXPECT_EQ(store->reads, 0);
 
     // From the file after the cache is gone, then cached again.
     UserDefaultsUtility::resetCacheForTesting();
     EXPECT_EQ(UserDefaultsUtility::loadData("blob"), inner);
-    store->inner().setData("blob", platform::toBytes(quoted(platform::base64Encode("other"))));
+    store->inner().setData("blob", platform::toBytes("\"" + platform::base64Encode("other") + "\""));
     EXPECT_EQ(UserDefaultsUtility::loadData("blob"), inner);
     EXPECT_EQ(store->reads, 1);
 
