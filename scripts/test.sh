@@ -1,5 +1,5 @@
 #!/usr/bin/env bash
-# Installs dependencies, builds and runs the whole suite, then builds and runs it
+# Installs dependencies, builds (Release, as users build it) and runs the whole suite, then builds and runs it
 # again under AddressSanitizer + UndefinedBehaviorSanitizer.
 # In between, the threaded platform pieces (queues, HTTP client, path monitor)
 # run under ThreadSanitizer. TAVRIN_TSAN=full runs the whole suite under it instead.
@@ -30,7 +30,7 @@ run_suite() {
 }
 
 mkdir -p build
-run_suite build/release "" "" -- || status=1
+run_suite build/release "" "" -- -DCMAKE_BUILD_TYPE=Release || status=1
 
 export TSAN_OPTIONS="halt_on_error=1 second_deadlock_stack=1 suppressions=$PWD/tests/tsan.supp"
 if [ "${TAVRIN_TSAN:-}" = "full" ]; then

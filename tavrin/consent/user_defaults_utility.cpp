@@ -16,7 +16,13 @@ platform::ObjectCache& UserDefaultsUtility::readCache() {
     return cache;
 }
 
+std::mutex& UserDefaultsUtility::storeMutex() {
+    static std::mutex mutex;
+    return mutex;
+}
+
 void UserDefaultsUtility::setString(const std::string& value, const std::string& key) {
+    std::lock_guard lock(storeMutex());
     auto s = store();
     s->setString(key, value);
     s->synchronize();
@@ -24,6 +30,7 @@ void UserDefaultsUtility::setString(const std::string& value, const std::string&
 }
 
 void UserDefaultsUtility::setInt(std::int64_t value, const std::string& key) {
+    std::lock_guard lock(storeMutex());
     auto s = store();
     s->setInteger(key, value);
     s->synchronize();
@@ -32,6 +39,8 @@ void UserDefaultsUtility::setInt(std::int64_t value, const std::string& key) {
 
 std::optional<std::string> UserDefaultsUtility::string(const std::string& key) {
     if (auto cached = readCache().objectAs<std::string>(key)) return cached;
+    std::lock_guard lock(storeMutex());
+    if (auto cached = readCache().objectAs<std::string>(key)) return cached;  // a write got in first
     auto stored = store()->string(key);
     if (stored)
         cache(key, std::any(*stored));
@@ -43,13 +52,17 @@ std::optional<std::string> UserDefaultsUtility::string(const std::string& key) {
 std::optional<Bytes> UserDefaultsUtility::loadData(const std::string& key) { return load<Bytes>(key); }
 
 void UserDefaultsUtility::remove(const std::string& key) {
+    std::lock_guard lock(storeMutex());
     auto s = store();
     s->remove(key);
     readCache().removeObject(key);
     s->synchronize();
 }
 
-void UserDefaultsUtility::resetCacheForTesting() { readCache().removeAllObjects(); }
+void UserDefaultsUtility::resetCacheForTesting() {
+    std::lock_guard lock(storeMutex());
+    readCache().removeAllObjects();
+}
 
 Bytes UserDefaultsUtility::encodedBytes(const Json& encoded) {
     std::string text;
@@ -69,6 +82,7 @@ void UserDefaultsUtility::logSaveFailure(const std::string& key, const std::stri
 }
 
 void UserDefaultsUtility::writeEncoded(const std::string& key, const Bytes& encoded, std::any value) {
+    std::lock_guard lock(storeMutex());
     auto s = store();
     s->setData(key, encoded);
     s->synchronize();

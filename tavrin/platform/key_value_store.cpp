@@ -7,14 +7,14 @@
 #include <mutex>
 #include <vector>
 
-#include "tavrin/platform/device_facts.h"
 #include "tavrin/platform/internal/sqlite_key_value_store.h"
 
 namespace tavrin::platform {
 
 namespace {
 
-constexpr const char* kFallbackApplicationId = "com.tavrin.TavrinSDK";
+// When the executable cannot be named (no /proc).
+constexpr const char* kFallbackDirectoryName = "com.tavrin.TavrinSDK";
 
 struct StandardState {
     std::mutex mutex;
@@ -47,10 +47,11 @@ std::optional<std::string> asComponent(std::optional<std::string> name) {
     return name;
 }
 
-std::string applicationId() {
-    if (auto id = asComponent(DeviceFacts::bundleIdentifier())) return *id;
+// Only the executable names the default directory: nothing the host sets at
+// run time does, so every launch finds the same store whatever its call order.
+std::string applicationDirectoryName() {
     if (auto name = asComponent(executableName())) return *name;
-    return kFallbackApplicationId;
+    return kFallbackDirectoryName;
 }
 
 // Set, absolute environment path (relative values are to be ignored).
@@ -134,8 +135,8 @@ std::string KeyValueStore::dataDirectory() {
         std::lock_guard lock(state.mutex);
         if (state.hostDirectory) return *state.hostDirectory;
     }
-    if (auto xdg = absoluteEnvironmentPath("XDG_DATA_HOME")) return *xdg / applicationId();
-    return homeDirectory() / ".local" / "share" / applicationId();
+    if (auto xdg = absoluteEnvironmentPath("XDG_DATA_HOME")) return *xdg / applicationDirectoryName();
+    return homeDirectory() / ".local" / "share" / applicationDirectoryName();
 }
 
 // ---- listing by key prefix

@@ -23,7 +23,9 @@ public:
 
     virtual ~KeyValueStore() = default;
 
-    // Durable when it returns true; a failure is logged and gives false.
+    // Durable when it returns true. False when the write failed (logged), or
+    // when the store could not be opened on disk and keeps values in memory for
+    // this run only (said once, when it opened; the value is still kept).
     virtual bool set(const std::string& key, const Value& value) = 0;
     // Any stored value ("value for key").
     virtual std::optional<Value> value(const std::string& key) const = 0;
@@ -44,8 +46,9 @@ public:
     // Installs a store as the standard one (nullptr: reopen the default on next use).
     static void setStandard(std::shared_ptr<KeyValueStore> store);
 
-    // Where the default store lives: set by the host before configuring, else
-    // $XDG_DATA_HOME/<application id>/, else ~/.local/share/<application id>/.
+    // Where the default store lives: the directory the host set (before the
+    // store is first used), else $XDG_DATA_HOME/<executable name>/, else
+    // ~/.local/share/<executable name>/. nullopt returns to the default.
     static void setDataDirectory(std::optional<std::string> directory);
     static std::string dataDirectory();
 

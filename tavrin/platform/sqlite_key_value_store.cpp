@@ -10,6 +10,7 @@
 #include <ctime>
 #include <fstream>
 #include <system_error>
+#include <thread>
 
 #include "tavrin/platform/clock.h"
 #include "tavrin/sdk/internal/logger_utility.h"
@@ -45,23 +46,40 @@ bool isNotADatabase(int code) {
     return primary == SQLITE_NOTADB || primary == SQLITE_CORRUPT;
 }
 
-// Creates the missing directories of `directory` with mode 0700.
-bool makeDirectories(const std::filesystem::path& directory, std::string& failure) {
-    if (directory.empty()) return true;
+bool isBusy(int code) { return (code & 0xff) == SQLITE_BUSY; }
+
+using SteadyClock = std::chrono::steady_clock;
+
+// Runs one step of the opening until no other connection's lock turns it away,
+// or the deadline passes. The busy handler (set to the time left before each
+// try) covers most waits, but SQLite answers BUSY at once where waiting could
+// deadlock, as when a read turns into a write (the journal-mode change does):
+// those are retried here after the statement has let go of its own lock.
+template <class Step>
+auto untilUnlocked(sqlite3* db, SteadyClock::time_point deadline, Step step) {
+    using namespace std::chrono;
+    for (auto pause = milliseconds(1);; pause = std::min(pause * 2, milliseconds(20))) {
+        const auto left = duration_cast<milliseconds>(deadline - SteadyClock::now());
+        sqlite3_busy_timeout(db, static_cast<int>(std::max<milliseconds::rep>(left.count(), 0)));
+        auto outcome = step();
+        if (!outcome || !isBusy(outcome->code) || SteadyClock::now() >= deadline) return outcome;
+        std::this_thread::sleep_for(std::min<SteadyClock::duration>(pause, deadline - SteadyClock::now()));
+    }
+}
+
+// Creates the missing directories of `directory` with mode 0700; the reason
+// when it cannot.
+std::optional<std::string> makeDirectories(const std::filesystem::path& directory) {
+    if (directory.empty()) return std::nullopt;
     std::error_code ec;
-    if (std::filesystem::is_directory(directory, ec)) return true;
-    if (directory.has_parent_path() && directory.parent_path() != directory &&
-        !makeDirectories(directory.parent_path(), failure))
-        return false;
-    if (::mkdir(directory.c_str(), 0700) != 0 && errno != EEXIST) {
-        failure = "cannot create directory " + directory.string() + ": " + std::strerror(errno);
-        return false;
-    }
-    if (!std::filesystem::is_directory(directory, ec)) {
-        failure = "cannot create directory " + directory.string() + ": a file of that name is in the way";
-        return false;
-    }
-    return true;
+    if (std::filesystem::is_directory(directory, ec)) return std::nullopt;
+    if (directory.has_parent_path() && directory.parent_path() != directory)
+        if (auto failure = makeDirectories(directory.parent_path())) return failure;
+    if (::mkdir(directory.c_str(), 0700) != 0 && errno != EEXIST)
+        return "cannot create directory " + directory.string() + ": " + std::strerror(errno);
+    if (!std::filesystem::is_directory(directory, ec))
+        return "cannot create directory " + directory.string() + ": a file of that name is in the way";
+    return std::nullopt;
 }
 
 // A file that has content but not the database header is someone else's:
@@ -155,7 +173,7 @@ SqliteKeyValueStore::~SqliteKeyValueStore() {
 
 bool SqliteKeyValueStore::isPersistent() const {
     std::lock_guard lock(mutex_);
-    return db_ != nullptr && !inMemory_;
+    return db_ != nullptr && writable_ && !inMemory_;
 }
 
 std::optional<std::filesystem::path> SqliteKeyValueStore::movedAsidePath() const {
@@ -169,17 +187,23 @@ void SqliteKeyValueStore::close() {
     db_ = nullptr;
 }
 
-bool SqliteKeyValueStore::execute(const char* sql, int& failureCode, std::string& failure) {
-    char* message = nullptr;
-    const int rc = sqlite3_exec(db_, sql, nullptr, nullptr, &message);
-    if (rc == SQLITE_OK) return true;
-    failureCode = sqlite3_extended_errcode(db_);
-    failure = describe(failureCode, message);
-    sqlite3_free(message);
-    return false;
+SqliteKeyValueStore::Failure SqliteKeyValueStore::lastFailure() const {
+    const int code = sqlite3_extended_errcode(db_);
+    return {code, describe(code, sqlite3_errmsg(db_)), isNotADatabase(code)};
 }
 
-bool SqliteKeyValueStore::openAt(Access access, int& failureCode, std::string& failure) {
+SqliteKeyValueStore::Outcome SqliteKeyValueStore::execute(const char* sql, Deadline deadline) {
+    return untilUnlocked(db_, deadline, [&]() -> Outcome {
+        char* message = nullptr;
+        if (sqlite3_exec(db_, sql, nullptr, nullptr, &message) == SQLITE_OK) return std::nullopt;
+        const int code = sqlite3_extended_errcode(db_);
+        Failure failure{code, describe(code, message), isNotADatabase(code)};
+        sqlite3_free(message);
+        return failure;
+    });
+}
+
+SqliteKeyValueStore::Outcome SqliteKeyValueStore::openAt(Access access, Deadline deadline) {
     const bool inMemory = access == Access::memory;
     const bool readOnly = access == Access::readOnly || access == Access::immutable;
     std::string location = path_.string();
@@ -198,69 +222,85 @@ bool SqliteKeyValueStore::openAt(Access access, int& failureCode, std::string& f
         location = "file:" + uriPath(location) + "?immutable=1";
         flags |= SQLITE_OPEN_URI;
     }
-    const int rc = sqlite3_open_v2(location.c_str(), &db_, flags, nullptr);
-    if (rc != SQLITE_OK) {
-        failureCode = db_ ? sqlite3_extended_errcode(db_) : rc;
-        failure = describe(failureCode, db_ ? sqlite3_errmsg(db_) : nullptr);
+    if (sqlite3_open_v2(location.c_str(), &db_, flags, nullptr) != SQLITE_OK) {
+        Failure failure = db_ ? lastFailure() : Failure{SQLITE_NOMEM, describe(SQLITE_NOMEM, nullptr)};
         close();
-        return false;
+        return failure;
     }
     sqlite3_extended_result_codes(db_, 1);
-    sqlite3_busy_timeout(db_, options_.busyTimeoutMilliseconds);
 
     // Reading the header and every page catches a file that is not a database
-    // or is damaged now, rather than on some later write.
-    if (!inMemory && !quickCheck(failureCode, failure)) {
+    // or is damaged now, rather than on some later write; the shape is checked
+    // before anything is written to the file.
+    Outcome failure;
+    if (!inMemory) failure = quickCheck(deadline);
+    if (!failure && !inMemory) failure = checkShape(deadline);
+    if (!failure && !readOnly) failure = execute("PRAGMA journal_mode = WAL", deadline);
+    if (!failure && !readOnly) failure = execute("PRAGMA synchronous = FULL", deadline);
+    if (!failure && !readOnly) failure = execute(kCreateTable, deadline);
+    if (!failure && options_.readOnly && inMemory) failure = execute("PRAGMA query_only = ON", deadline);
+    if (!failure) failure = prepareStatements(deadline);
+    if (failure) {
         close();
-        return false;
+        return failure;
     }
-    if (!readOnly) {
-        if (!execute("PRAGMA journal_mode = WAL", failureCode, failure) ||
-            !execute("PRAGMA synchronous = FULL", failureCode, failure) ||
-            !execute(kCreateTable, failureCode, failure)) {
-            close();
-            return false;
-        }
-    }
-    if (options_.readOnly && inMemory && !execute("PRAGMA query_only = ON", failureCode, failure)) {
-        close();
-        return false;
-    }
-
-    statements_ = std::make_unique<Statements>();
-    for (auto [sql, slot] : {std::pair{kUpsert, &statements_->upsert}, std::pair{kSelect, &statements_->select},
-                             std::pair{kDelete, &statements_->erase}}) {
-        if (sqlite3_prepare_v3(db_, sql, -1, SQLITE_PREPARE_PERSISTENT, slot, nullptr) != SQLITE_OK) {
-            failureCode = sqlite3_extended_errcode(db_);
-            failure = describe(failureCode, sqlite3_errmsg(db_));
-            close();
-            return false;
-        }
-    }
+    sqlite3_busy_timeout(db_, options_.busyTimeoutMilliseconds);
     inMemory_ = inMemory;
-    return true;
+    writable_ = !readOnly && !options_.readOnly && sqlite3_db_readonly(db_, "main") != 1;
+    return std::nullopt;
 }
 
-bool SqliteKeyValueStore::quickCheck(int& failureCode, std::string& failure) {
-    sqlite3_stmt* check = nullptr;
-    int rc = sqlite3_prepare_v2(db_, "PRAGMA quick_check", -1, &check, nullptr);
-    std::string verdict;
-    if (rc == SQLITE_OK) rc = sqlite3_step(check);
-    if (rc == SQLITE_ROW) {
-        const auto* text = sqlite3_column_text(check, 0);
-        verdict = text ? reinterpret_cast<const char*>(text) : "";
-    } else {
-        failureCode = sqlite3_extended_errcode(db_);
-        failure = describe(failureCode, sqlite3_errmsg(db_));
-    }
-    sqlite3_finalize(check);
-    if (rc != SQLITE_ROW) return false;
-    if (verdict != "ok") {
-        failureCode = SQLITE_CORRUPT;
-        failure = "integrity check failed: " + verdict;
-        return false;
-    }
-    return true;
+SqliteKeyValueStore::Outcome SqliteKeyValueStore::quickCheck(Deadline deadline) {
+    return untilUnlocked(db_, deadline, [&]() -> Outcome {
+        sqlite3_stmt* check = nullptr;
+        int rc = sqlite3_prepare_v2(db_, "PRAGMA quick_check", -1, &check, nullptr);
+        if (rc == SQLITE_OK) rc = sqlite3_step(check);
+        Outcome failure;
+        if (rc != SQLITE_ROW) {
+            failure = lastFailure();
+        } else {
+            const auto* text = reinterpret_cast<const char*>(sqlite3_column_text(check, 0));
+            const std::string verdict = text ? text : "";
+            if (verdict != "ok") failure = Failure{SQLITE_CORRUPT, "integrity check failed: " + verdict, true};
+        }
+        sqlite3_finalize(check);
+        return failure;
+    });
+}
+
+SqliteKeyValueStore::Outcome SqliteKeyValueStore::checkShape(Deadline deadline) {
+    return untilUnlocked(db_, deadline, [&]() -> Outcome {
+        sqlite3_stmt* info = nullptr;
+        int rc = sqlite3_prepare_v2(db_, "PRAGMA table_info(key_value)", -1, &info, nullptr);
+        std::string columns;
+        bool keyIsPrimary = false;
+        if (rc == SQLITE_OK) rc = SQLITE_ROW;
+        while (rc == SQLITE_ROW && (rc = sqlite3_step(info)) == SQLITE_ROW) {
+            const auto* name = reinterpret_cast<const char*>(sqlite3_column_text(info, 1));
+            columns += (columns.empty() ? "" : ", ") + std::string(name ? name : "");
+            if (name && std::strcmp(name, "key") == 0) keyIsPrimary = sqlite3_column_int(info, 5) == 1;
+        }
+        Outcome failure;
+        if (rc != SQLITE_DONE)
+            failure = lastFailure();
+        else if (!columns.empty() && (columns != "key, type, value" || !keyIsPrimary))
+            // Someone else's table of that name: nothing of ours can be read from it.
+            failure = Failure{SQLITE_MISMATCH, "the key_value table has another shape (" + columns + ")", true};
+        sqlite3_finalize(info);
+        return failure;
+    });
+}
+
+SqliteKeyValueStore::Outcome SqliteKeyValueStore::prepareStatements(Deadline deadline) {
+    statements_ = std::make_unique<Statements>();
+    return untilUnlocked(db_, deadline, [&]() -> Outcome {
+        for (auto [sql, slot] : {std::pair{kUpsert, &statements_->upsert}, std::pair{kSelect, &statements_->select},
+                                 std::pair{kDelete, &statements_->erase}}) {
+            if (!*slot && sqlite3_prepare_v3(db_, sql, -1, SQLITE_PREPARE_PERSISTENT, slot, nullptr) != SQLITE_OK)
+                return lastFailure();
+        }
+        return std::nullopt;
+    });
 }
 
 std::optional<std::filesystem::path> SqliteKeyValueStore::moveAside() {
@@ -284,53 +324,53 @@ std::optional<std::filesystem::path> SqliteKeyValueStore::moveAside() {
 }
 
 void SqliteKeyValueStore::open() {
-    int code = SQLITE_OK;
-    std::string failure;
-    std::error_code ec;
-    if (!makeDirectories(path_.parent_path(), failure)) {
-        openInMemory(failure);
+    // One wait for the whole opening, however many steps and fallbacks it takes.
+    const Deadline deadline = SteadyClock::now() + std::chrono::milliseconds(options_.busyTimeoutMilliseconds);
+    if (auto failure = makeDirectories(path_.parent_path())) {
+        openInMemory(*failure);
         return;
     }
+    Outcome failure;
     if (!options_.readOnly) {
-        if (hasForeignHeader(path_)) {
-            code = SQLITE_NOTADB;
-            failure = "no database header";
-        } else if (openAt(Access::readWrite, code, failure)) {
-            if (sqlite3_db_readonly(db_, "main") == 1)
-                logError("the file " + path_.string() + " is write-protected; writes will fail");
+        failure = hasForeignHeader(path_) ? Failure{SQLITE_NOTADB, "no database header", true}
+                                          : openAt(Access::readWrite, deadline);
+        if (!failure) {
+            if (!writable_) logError("the file " + path_.string() + " is write-protected; writes will fail");
             return;
         }
-        if (isNotADatabase(code)) {
-            logError("the file " + path_.string() + " is not a usable database (" + failure + ")");
+        if (failure->unusableFile) {
+            logError("the file " + path_.string() + " is not a usable database (" + failure->message + ")");
             if (auto target = moveAside()) {
                 movedAside_ = target;
                 logError("moved the unusable file to " + target->string() + " and started an empty store");
-                if (openAt(Access::readWrite, code, failure)) return;
+                failure = openAt(Access::readWrite, deadline);
+                if (!failure) return;
             }
         }
+        std::error_code ec;
         if (!std::filesystem::exists(path_, ec)) {
-            openInMemory(failure);
+            openInMemory(failure->message);
             return;
         }
         // The values are there but cannot be written: keep reading them.
-        const std::string writeFailure = failure;
-        if (openAt(Access::readOnly, code, failure) || openAt(Access::immutable, code, failure)) {
+        const std::string writeFailure = failure->message;
+        if (!(failure = openAt(Access::readOnly, deadline)) || !(failure = openAt(Access::immutable, deadline))) {
             logError("cannot open " + path_.string() + " for writing (" + writeFailure +
                      "); it is opened read-only and writes will fail");
             return;
         }
-    } else if (openAt(Access::readOnly, code, failure) || openAt(Access::immutable, code, failure)) {
+    } else if (!(failure = openAt(Access::readOnly, deadline)) ||
+               !(failure = openAt(Access::immutable, deadline))) {
         return;
     }
-    openInMemory(failure);
+    openInMemory(failure->message);
 }
 
 void SqliteKeyValueStore::openInMemory(const std::string& reason) {
     logError("cannot open " + path_.string() + " (" + reason +
              "); values are kept in memory for this run only and will not persist");
-    int code = SQLITE_OK;
-    std::string failure;
-    if (!openAt(Access::memory, code, failure)) logError("cannot open an in-memory store: " + failure);
+    if (auto failure = openAt(Access::memory, SteadyClock::now()))
+        logError("cannot open an in-memory store: " + failure->message);
 }
 
 void SqliteKeyValueStore::logFailure(const char* operation, const std::string& key, int code) const {
@@ -368,7 +408,7 @@ bool SqliteKeyValueStore::set(const std::string& key, const Value& value) {
         logFailure("write", key, rc);
         return false;
     }
-    return true;
+    return !inMemory_;  // kept, but not durable: said once when the store opened
 }
 
 std::optional<KeyValueStore::Value> SqliteKeyValueStore::value(const std::string& key) const {
@@ -417,14 +457,14 @@ bool SqliteKeyValueStore::remove(const std::string& key) {
         logFailure("remove", key, rc);
         return false;
     }
-    return true;
+    return !inMemory_;
 }
 
 bool SqliteKeyValueStore::synchronize() {
     // Every write is committed with a full sync before it returns, so there is
-    // nothing left to flush; only a store that fell back to memory is not durable.
+    // nothing left to flush; only a store that cannot write durably says no.
     std::lock_guard lock(mutex_);
-    return statements_ != nullptr && !inMemory_;
+    return statements_ != nullptr && writable_ && !inMemory_;
 }
 
 // ---- listing by key prefix

@@ -1,13 +1,16 @@
 #pragma once
 // Tests of the stores run against the real SQLite store in a fresh directory.
-// CountingStore wraps it to count the reads and writes that reach it. The
-// configurations are shared with the tests of TrackConfig itself.
+// CountingStore wraps it to count the reads and writes that reach it (and can
+// linger after a read, to widen the window where a racing writer slips in).
+// The configurations are shared with the tests of TrackConfig itself.
 
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <chrono>
 #include <memory>
 #include <string_view>
+#include <thread>
 
 #include "tavrin/consent/internal/user_defaults_utility.h"
 #include "tavrin/platform/key_value_store.h"
@@ -52,7 +55,12 @@ public:
     explicit CountingStore(std::shared_ptr<platform::KeyValueStore> inner) : inner_(std::move(inner)) {}
 
     bool set(const std::string& key, const Value& value) override { ++writes; return inner_->set(key, value); }
-    std::optional<Value> value(const std::string& key) const override { ++reads; return inner_->value(key); }
+    std::optional<Value> value(const std::string& key) const override {
+        ++reads;
+        auto found = inner_->value(key);
+        if (readPause.count() > 0) std::this_thread::sleep_for(readPause);
+        return found;
+    }
     bool remove(const std::string& key) override { ++removals; return inner_->remove(key); }
     bool synchronize() override { ++flushes; return inner_->synchronize(); }
     platform::KeyValueStore& inner() { return *inner_; }
@@ -61,6 +69,8 @@ public:
     std::atomic<int> writes{0};
     std::atomic<int> removals{0};
     std::atomic<int> flushes{0};
+    // How long a read lingers after reaching the store; set before any thread uses it.
+    std::chrono::microseconds readPause{0};
 
 private:
     std::shared_ptr<platform::KeyValueStore> inner_;

@@ -2,7 +2,10 @@
 
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <cmath>
+#include <thread>
+#include <vector>
 
 #include "tests/consent/store_fixture.h"
 
@@ -104,6 +107,40 @@ TEST_F(StoreTest, RecordsRoundTripThroughTheFileAndTheCacheUntilRemoved) {
     store->inner().setData("other", platform::toBytes("garbage"));
     EXPECT_EQ(UserDefaultsUtility::load<TrackConfig>("other"), std::nullopt);
     EXPECT_TRUE(log.sink->messages().empty());
+}
+
+// Reads that miss the cache race writes of the same key (a read lingers after
+// reaching the store, long enough for a write to finish meanwhile). Whatever the interleaving, the cached
+// value ends up being the one the store holds: a read never puts back a value
+// that a write has already replaced.
+TEST_F(StoreTest, RacingReadsAndWritesNeverLeaveAStaleValueCached) {
+    auto store = countReads();
+    store->readPause = std::chrono::milliseconds(5);
+    constexpr int kRounds = 30, kWriters = 2, kReaders = 3;
+    std::vector<std::string> stale;
+    for (int round = 0; round < kRounds; ++round) {
+        const std::string key = "global_user_id" + std::to_string(round);
+        ASSERT_TRUE(store->inner().setString(key, "before"));
+        std::atomic<bool> go{false};
+        std::vector<std::thread> threads;
+        for (int w = 0; w < kWriters; ++w)
+            threads.emplace_back([&, w] {
+                while (!go) std::this_thread::yield();
+                UserDefaultsUtility::setString("written by " + std::to_string(w), key);
+            });
+        for (int r = 0; r < kReaders; ++r)
+            threads.emplace_back([&] {
+                while (!go) std::this_thread::yield();
+                for (int i = 0; i < 3; ++i) UserDefaultsUtility::string(key);
+            });
+        go = true;
+        for (auto& thread : threads) thread.join();
+        const auto cached = UserDefaultsUtility::string(key);
+        const auto stored = store->inner().string(key);
+        if (cached != stored || cached == "before")
+            stale.push_back(key + " cached " + cached.value_or("<none>") + ", stored " + stored.value_or("<none>"));
+    }
+    EXPECT_TRUE(stale.empty()) << stale.size() << " of " << kRounds << " rounds, first " << stale.front();
 }
 
 TEST_F(StoreTest, EncodingFailureIsLoggedAndWritesNothing) {

@@ -4,11 +4,13 @@
 #include <grp.h>
 #include <gtest/gtest.h>
 #include <sched.h>
+#include <sqlite3.h>
 #include <sys/mount.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <csignal>
 #include <cstdlib>
 #include <cstring>
@@ -76,6 +78,63 @@ std::string inChild(const std::function<std::string()>& body) {
     waitpid(pid, &status, 0);
     return WIFEXITED(status) ? out : out + "child did not exit normally";
 }
+
+// Forks `count` children that start `body` at the same moment and gives back
+// what each returned.
+std::vector<std::string> inChildrenAtOnce(int count, const std::function<std::string(int)>& body) {
+    int gate[2];
+    if (pipe(gate) != 0) return {"pipe failed"};
+    std::vector<std::pair<pid_t, int>> children;
+    for (int i = 0; i < count; ++i) {
+        int out[2];
+        if (pipe(out) != 0) break;
+        const pid_t pid = fork();
+        if (pid == 0) {
+            close(gate[1]);
+            close(out[0]);
+            char byte;
+            (void)!read(gate[0], &byte, 1);  // returns when the parent closes the gate
+            const std::string report = body(i);
+            (void)!write(out[1], report.data(), report.size());
+            _exit(0);
+        }
+        close(out[1]);
+        children.emplace_back(pid, out[0]);
+    }
+    close(gate[0]);
+    close(gate[1]);
+    std::vector<std::string> reports;
+    for (auto [pid, fd] : children) {
+        std::string report;
+        char buffer[512];
+        for (ssize_t n; (n = read(fd, buffer, sizeof buffer)) > 0;) report.append(buffer, static_cast<std::size_t>(n));
+        close(fd);
+        int status = 0;
+        waitpid(pid, &status, 0);
+        reports.push_back(WIFEXITED(status) ? report : report + "child did not exit normally");
+    }
+    return reports;
+}
+
+// A connection of the test's own, as another program using the file would have.
+class Connection {
+public:
+    explicit Connection(const fs::path& file) { sqlite3_open(file.c_str(), &db_); }
+    ~Connection() { sqlite3_close(db_); }
+    Connection(const Connection&) = delete;
+    Connection& operator=(const Connection&) = delete;
+    // The error text, empty on success.
+    std::string run(const char* sql) {
+        char* message = nullptr;
+        if (sqlite3_exec(db_, sql, nullptr, nullptr, &message) == SQLITE_OK) return "";
+        std::string text = message ? message : "failed";
+        sqlite3_free(message);
+        return text;
+    }
+
+private:
+    sqlite3* db_ = nullptr;
+};
 
 // In the calling (child) process only: makes `directory` a mount point of its
 // own, a fresh file system of `type` or (type null) a bind mount with `flags`.
@@ -209,11 +268,24 @@ TEST_F(KeyValueStoreTest, UnusableFileIsMovedAsideAndReplaced) {
     ASSERT_GT(damaged.size(), 40000u);
     for (std::size_t i = 8192; i < 24576; ++i) damaged[i] = static_cast<char>(i * 31);
 
-    for (const auto& original : {noise, std::string("user=alice\nconsent=allow\n"), std::string(4096, 'x'), damaged}) {
+    // A sound database whose table has another shape is not ours to use either.
+    std::string foreign;
+    {
+        TempDir other;
+        Connection connection(other / "shop.db");
+        ASSERT_EQ(connection.run("CREATE TABLE key_value (name TEXT PRIMARY KEY, content BLOB);"
+                                 "INSERT INTO key_value VALUES ('user', 'alice')"),
+                  "");
+        foreign = readFile(other / "shop.db");
+    }
+
+    for (const auto& original :
+         {noise, std::string("user=alice\nconsent=allow\n"), std::string(4096, 'x'), damaged, foreign}) {
         TempDir place;
         const auto path = place / "tavrin.sqlite";
         writeFile(path, original);
-        const std::string wal = original == damaged ? "" : "stale log of the bad file";
+        const bool sqliteFile = original == damaged || original == foreign;
+        const std::string wal = sqliteFile ? "" : "stale log of the bad file";
         if (!wal.empty()) writeFile(path.string() + "-wal", wal);
         LogCapture log;
         {
@@ -256,6 +328,80 @@ TEST_F(KeyValueStoreTest, ConcurrentWritersLoseNothing) {
     for (int t = 0; t < kThreads; ++t)
         for (int k = 0; k < kKeys; ++k) found += store.value(key(t, k)) == valueFor(t * 1000 + k);
     EXPECT_EQ(found, kThreads * kKeys);
+}
+
+// Processes that start at the same moment and create, or open, the same store
+// all get a writable store: none falls back to read-only because another held
+// a lock while it opened.
+TEST_F(KeyValueStoreTest, ProcessesOpeningTheSameStoreAtOnceAllWrite) {
+    constexpr int kRounds = 100, kProcesses = 4;
+    std::map<std::string, int> outcomes;
+    std::string firstError;
+    for (int round = 0; round < kRounds; ++round) {
+        TempDir place;
+        const auto path = place / "data" / "tavrin.sqlite";
+        if (round % 2 == 1) {
+            ASSERT_TRUE(SqliteKeyValueStore(path).setString("existing", "yes"));
+        }
+        const auto reports = inChildrenAtOnce(kProcesses, [&](int i) {
+            LogCapture log;
+            SqliteKeyValueStore store(path);
+            const bool wrote = store.setString("process" + std::to_string(i), "here");
+            const auto errors = log.sink->messages(LogType::error);
+            std::ostringstream out;
+            out << "persistent=" << store.isPersistent() << " wrote=" << wrote << " errors=" << errors.size();
+            if (!errors.empty()) out << "\n" << errors[0];
+            return out.str();
+        });
+        for (const auto& report : reports) {
+            const auto newline = report.find('\n');
+            ++outcomes[report.substr(0, newline)];
+            if (newline != std::string::npos && firstError.empty()) firstError = report.substr(newline + 1);
+        }
+        SqliteKeyValueStore after(path);
+        for (int i = 0; i < kProcesses; ++i) EXPECT_EQ(after.string("process" + std::to_string(i)), "here") << round;
+        EXPECT_EQ(after.movedAsidePath(), std::nullopt) << round;
+    }
+    EXPECT_EQ(outcomes, (std::map<std::string, int>{{"persistent=1 wrote=1 errors=0", kRounds * kProcesses}}))
+        << firstError;
+}
+
+// Opening waits for a lock another connection holds, as a write does; a store
+// still locked out when the wait ends says that it cannot write, once.
+TEST_F(KeyValueStoreTest, OpeningWaitsForAnotherConnectionsLock) {
+    for (const char* lock : {"BEGIN EXCLUSIVE", "BEGIN IMMEDIATE", "BEGIN; SELECT count(*) FROM sqlite_schema"}) {
+        TempDir place;
+        const auto path = place / "tavrin.sqlite";
+        Connection other(path);
+        ASSERT_EQ(other.run("CREATE TABLE unrelated (x)"), "");  // a database in the default journal mode
+        ASSERT_EQ(other.run(lock), "") << lock;
+        std::thread release([&] {
+            std::this_thread::sleep_for(std::chrono::milliseconds(300));
+            other.run("COMMIT");
+        });
+        LogCapture log;
+        SqliteKeyValueStore store(path, {.busyTimeoutMilliseconds = 5000});
+        release.join();
+        EXPECT_TRUE(store.isPersistent()) << lock;
+        EXPECT_TRUE(store.setString("id", "kept")) << lock;
+        EXPECT_TRUE(store.synchronize()) << lock;
+        const auto errors = log.sink->messages(LogType::error);
+        EXPECT_TRUE(errors.empty()) << lock << ": " << errors[0];
+    }
+
+    // Held for longer than the store waits.
+    Connection other(file);
+    ASSERT_EQ(other.run("CREATE TABLE unrelated (x)"), "");
+    ASSERT_EQ(other.run("BEGIN EXCLUSIVE"), "");
+    LogCapture log;
+    const auto started = std::chrono::steady_clock::now();
+    SqliteKeyValueStore store(file, {.busyTimeoutMilliseconds = 200});
+    EXPECT_GE(std::chrono::steady_clock::now() - started, std::chrono::milliseconds(200));
+    EXPECT_FALSE(store.isPersistent());
+    EXPECT_FALSE(store.synchronize());
+    EXPECT_EQ(log.sink->messages(LogType::error).size(), 1u);
+    EXPECT_EQ(store.movedAsidePath(), std::nullopt);
+    other.run("COMMIT");
 }
 
 // A store on a location a child process made unwritable for itself (a
@@ -303,18 +449,20 @@ TEST_F(KeyValueStoreTest, UnwritableLocationFailsWritesAndTheProcessGoesOn) {
 TEST_F(KeyValueStoreTest, StandardStoreInTheHostsDirectoryElseXdgElseHome) {
     setenv("XDG_DATA_HOME", (dir / "xdg").c_str(), 1);
     setenv("HOME", (dir / "home").c_str(), 1);
-    // Without a bundle identifier the executable's name names the directory.
-    EXPECT_EQ(KeyValueStore::dataDirectory(), dir / "xdg" / "platform_key_value_store_test");
+    // The executable's name names the directory, whatever the host set before or
+    // after: a bundle identifier set first must not move the store elsewhere.
+    const fs::path byName = dir / "xdg" / "platform_key_value_store_test";
+    EXPECT_EQ(KeyValueStore::dataDirectory(), byName);
     DeviceFacts::setApplicationInfo({.bundleIdentifier = "com.example.shop", .infoDictionary = {}});
-    EXPECT_EQ(KeyValueStore::dataDirectory(), dir / "xdg" / "com.example.shop");
+    EXPECT_EQ(KeyValueStore::dataDirectory(), byName);
     KeyValueStore::setDataDirectory(dir / "chosen");
     EXPECT_EQ(KeyValueStore::dataDirectory(), dir / "chosen");
     KeyValueStore::setDataDirectory(std::nullopt);
-    EXPECT_EQ(KeyValueStore::dataDirectory(), dir / "xdg" / "com.example.shop");
+    EXPECT_EQ(KeyValueStore::dataDirectory(), byName);
     setenv("XDG_DATA_HOME", "relative/path", 1);  // not absolute: ignored
-    EXPECT_EQ(KeyValueStore::dataDirectory(), dir / "home" / ".local" / "share" / "com.example.shop");
+    EXPECT_EQ(KeyValueStore::dataDirectory(), dir / "home" / ".local" / "share" / "platform_key_value_store_test");
     unsetenv("XDG_DATA_HOME");
-    EXPECT_EQ(KeyValueStore::dataDirectory(), dir / "home" / ".local" / "share" / "com.example.shop");
+    EXPECT_EQ(KeyValueStore::dataDirectory(), dir / "home" / ".local" / "share" / "platform_key_value_store_test");
 
     // The standard store opens once, in directories only the user can enter.
     setenv("XDG_DATA_HOME", (dir / "xdg").c_str(), 1);
@@ -324,8 +472,8 @@ TEST_F(KeyValueStoreTest, StandardStoreInTheHostsDirectoryElseXdgElseHome) {
     for (auto& thread : threads) thread.join();
     for (const auto& store : seen) EXPECT_EQ(store, seen.front());
     ASSERT_TRUE(seen.front()->setString("id", "abc"));
-    EXPECT_TRUE(fs::exists(dir / "xdg" / "com.example.shop" / "tavrin.sqlite"));
-    for (const auto& created : {dir / "xdg", dir / "xdg" / "com.example.shop"}) {
+    EXPECT_TRUE(fs::exists(byName / "tavrin.sqlite"));
+    for (const auto& created : {dir / "xdg", byName}) {
         struct stat info {};
         ASSERT_EQ(stat(created.c_str(), &info), 0);
         EXPECT_EQ(info.st_mode & 0777, 0700u) << created;
@@ -351,9 +499,11 @@ TEST_F(KeyValueStoreTest, StandardStoreInTheHostsDirectoryElseXdgElseHome) {
     KeyValueStore::setStandard(nullptr);
     KeyValueStore::setDataDirectory(dir / "occupied" / "data");
     auto store = KeyValueStore::standard();
-    EXPECT_TRUE(store->setString("id", "this run only"));
+    // Kept for this run, but not durable, and the store says so.
+    EXPECT_FALSE(store->setString("id", "this run only"));
     EXPECT_EQ(store->string("id"), "this run only");
     EXPECT_FALSE(store->synchronize());
+    EXPECT_FALSE(std::dynamic_pointer_cast<SqliteKeyValueStore>(store)->isPersistent());
     EXPECT_TRUE(loggedError(log, "cannot create directory"));
     EXPECT_TRUE(loggedError(log, "values are kept in memory for this run only"));
 }

@@ -5,10 +5,14 @@
 // Writes go through to the store and are flushed at once; the first read of a
 // key fills the cache, and later reads of it never touch the store again, so
 // a value changed behind the SDK's back is not seen once its key is cached.
+// A store access and the cache update that goes with it happen under one
+// lock, so a read that missed the cache can never put back a value that a
+// racing write has already replaced (a cache hit takes only the cache's lock).
 
 #include <any>
 #include <cstdint>
 #include <exception>
+#include <mutex>
 #include <optional>
 #include <string>
 #include <type_traits>
@@ -56,6 +60,8 @@ public:
     template <class T>
     static std::optional<T> load(const std::string& key) {
         if (auto cached = readCache().objectAs<T>(key)) return cached;
+        std::lock_guard lock(storeMutex());
+        if (auto cached = readCache().objectAs<T>(key)) return cached;  // a write got in first
         auto data = storedData(key);
         if (!data) return std::nullopt;
         try {
@@ -81,6 +87,8 @@ private:
     static void logSaveFailure(const std::string& key, const std::string& description);
     static void writeEncoded(const std::string& key, const Bytes& encoded, std::any value);
     static std::optional<Bytes> storedData(const std::string& key);
+    // Held across each store access together with its cache update.
+    static std::mutex& storeMutex();
     static void cache(const std::string& key, std::any value) { readCache().setObject(key, std::move(value)); }
     // Process-wide; each access is atomic.
     static platform::ObjectCache& readCache();

@@ -4,14 +4,20 @@
 // mode with synchronous=FULL, so a write that returned true survives a crash.
 // One connection serves all threads behind a mutex.
 //
-// Opening never fails the caller, and every fallback is logged at error level:
-// - a file that is not a database, or fails the quick integrity check, is
-//   renamed to "<file>.corrupt-<UTC time>" (with its -wal/-shm) and a fresh
-//   store is created in its place;
+// Opening waits for another connection's lock (up to the busy timeout, for
+// every step of the opening, like a write), never fails the caller, and every
+// fallback is logged once at error level:
+// - a file that is not a database, fails the quick integrity check, or holds a
+//   key_value table of another shape, is renamed to "<file>.corrupt-<UTC time>"
+//   (with its -wal/-shm) and a fresh store is created in its place;
 // - a file that exists but cannot be written (read-only file system, no write
-//   access) is opened read-only: stored values stay readable, writes fail;
+//   access, locked by another connection for longer than the wait) is opened
+//   read-only: stored values stay readable, writes fail;
 // - a location that cannot be used at all gives an in-memory store for this run.
+// A store that cannot write durably says so: isPersistent() and synchronize()
+// are false.
 
+#include <chrono>
 #include <filesystem>
 #include <memory>
 #include <mutex>
@@ -34,7 +40,8 @@ public:
         // Opens the file read-only and never repairs it: reads work, every
         // write fails (and logs).
         bool readOnly = false;
-        // Milliseconds a statement waits for another process's lock.
+        // Milliseconds the opening, and each later statement, waits for another
+        // connection's lock.
         int busyTimeoutMilliseconds = 5000;
     };
 
@@ -55,7 +62,8 @@ public:
 
     // The database file asked for.
     const std::filesystem::path& path() const noexcept { return path_; }
-    // False when the file could not be used and values live in memory only.
+    // True when a write that succeeds is durable: false when the store could
+    // only be opened read-only or values live in memory only.
     bool isPersistent() const;
     // Where a bad file found at open was moved; empty when none was.
     std::optional<std::filesystem::path> movedAsidePath() const;
@@ -63,14 +71,29 @@ public:
 private:
     struct Statements;
     enum class Access { readWrite, readOnly, immutable, memory };
+    using Deadline = std::chrono::steady_clock::time_point;
+
+    // Why a step of the opening failed.
+    struct Failure {
+        int code;  // SQLite extended result code
+        std::string message;
+        // The file is readable but not a store of ours (not a database,
+        // damaged, or a key_value table of another shape): to be moved aside.
+        bool unusableFile = false;
+    };
+    // Empty when the step succeeded.
+    using Outcome = std::optional<Failure>;
 
     void open();
-    bool openAt(Access access, int& failureCode, std::string& failure);
+    Outcome openAt(Access access, Deadline deadline);
     void openInMemory(const std::string& reason);
-    bool quickCheck(int& failureCode, std::string& failure);
+    Outcome quickCheck(Deadline deadline);
+    Outcome checkShape(Deadline deadline);
+    Outcome prepareStatements(Deadline deadline);
+    Outcome execute(const char* sql, Deadline deadline);
+    Failure lastFailure() const;
     void close();
     std::optional<std::filesystem::path> moveAside();
-    bool execute(const char* sql, int& failureCode, std::string& failure);
     void logFailure(const char* operation, const std::string& key, int code) const;
 
     std::filesystem::path path_;
@@ -79,6 +102,7 @@ private:
     sqlite3* db_ = nullptr;
     std::unique_ptr<Statements> statements_;
     bool inMemory_ = false;
+    bool writable_ = false;
     std::optional<std::filesystem::path> movedAside_;
 };
 
