@@ -6,6 +6,7 @@
 #include "tavrin/monitor/internal/tag_cache.h"
 #include "tavrin/platform/http_client.h"
 #include "tavrin/sdk/internal/logger_utility.h"
+#include "tavrin/sdk/internal/shared_instance.h"
 #include "tavrin/sdk/internal/tracking_settings.h"
 #include "tavrin/transport/service.h"
 
@@ -15,23 +16,10 @@ namespace {
 
 constexpr double kMonitorTimeoutSeconds = 60;
 
-std::string describe(const std::exception_ptr& error) {
-    try {
-        std::rethrow_exception(error);
-    } catch (const std::exception& e) {
-        return e.what();
-    } catch (...) {
-        return "unknown error";
-    }
-}
+using detail::describe;
 
-struct SharedSlot {
-    std::mutex mutex;
-    std::shared_ptr<MonitorService> instance;
-};
-
-SharedSlot& sharedSlot() {
-    static SharedSlot slot;
+detail::SharedInstance<MonitorService>& sharedSlot() {
+    static detail::SharedInstance<MonitorService> slot;
     return slot;
 }
 
@@ -83,17 +71,10 @@ MonitorService::MonitorService(std::shared_ptr<MonitorServiceProtocol> service)
     : service_(service ? std::move(service) : std::make_shared<DefaultMonitorService>()) {}
 
 std::shared_ptr<MonitorService> MonitorService::shared() {
-    auto& slot = sharedSlot();
-    std::lock_guard lock(slot.mutex);
-    if (!slot.instance) slot.instance = std::make_shared<MonitorService>();
-    return slot.instance;
+    return sharedSlot().get([] { return std::make_shared<MonitorService>(); });
 }
 
-void MonitorService::resetShared() {
-    std::shared_ptr<MonitorService> previous;
-    std::lock_guard lock(sharedSlot().mutex);
-    previous = std::exchange(sharedSlot().instance, nullptr);
-}
+void MonitorService::resetShared() { sharedSlot().reset(); }
 
 void MonitorService::setDebugCode(std::optional<std::string> debugCode) {
     std::lock_guard lock(mutex_);

@@ -6,6 +6,7 @@
 #include "tavrin/platform/http_client.h"
 #include "tavrin/platform/path_monitor.h"
 #include "tavrin/sdk/internal/logger_utility.h"
+#include "tavrin/sdk/internal/shared_instance.h"
 #include "tavrin/session/internal/shortest_decimal_text.h"
 #include "tavrin/transport/service.h"
 
@@ -21,23 +22,10 @@ constexpr auto kStopGrace = 5s;
 
 LoggerUtility& log() { return LoggerUtility::shared(); }
 
-std::string describe(const std::exception_ptr& error) {
-    try {
-        std::rethrow_exception(error);
-    } catch (const std::exception& e) {
-        return e.what();
-    } catch (...) {
-        return "unknown error";
-    }
-}
+using detail::describe;
 
-struct SharedSlot {
-    std::mutex mutex;
-    std::shared_ptr<OfflineCacheManager> instance;
-};
-
-SharedSlot& sharedSlot() {
-    static SharedSlot slot;
+detail::SharedInstance<OfflineCacheManager>& sharedSlot() {
+    static detail::SharedInstance<OfflineCacheManager> slot;
     return slot;
 }
 
@@ -77,19 +65,11 @@ OfflineCacheManager::~OfflineCacheManager() {
 }
 
 std::shared_ptr<OfflineCacheManager> OfflineCacheManager::shared() {
-    auto& slot = sharedSlot();
-    std::lock_guard lock(slot.mutex);
-    if (!slot.instance) slot.instance = std::make_shared<OfflineCacheManager>();
-    return slot.instance;
+    return sharedSlot().get([] { return std::make_shared<OfflineCacheManager>(); });
 }
 
 void OfflineCacheManager::resetShared() {
-    std::shared_ptr<OfflineCacheManager> previous;
-    {
-        auto& slot = sharedSlot();
-        std::lock_guard lock(slot.mutex);
-        previous = std::move(slot.instance);
-    }
+    auto previous = sharedSlot().take();
     if (previous) previous->shutdown(kStopGrace);
 }
 

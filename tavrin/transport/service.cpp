@@ -7,6 +7,7 @@
 #include "tavrin/platform/http_client.h"
 #include "tavrin/sdk/internal/fatal_error.h"
 #include "tavrin/sdk/internal/logger_utility.h"
+#include "tavrin/sdk/internal/shared_instance.h"
 #include "tavrin/sdk/internal/tracking_settings.h"
 #include "tavrin/tracking/internal/data_submission_model.h"
 #include "tavrin/transport/internal/offline_cache_manager.h"
@@ -32,15 +33,7 @@ const char* errorDescription(ServiceError::Code code) noexcept {
 
 std::exception_ptr serviceError(ServiceError::Code code) { return std::make_exception_ptr(ServiceError(code)); }
 
-std::string describe(const std::exception_ptr& error) {
-    try {
-        std::rethrow_exception(error);
-    } catch (const std::exception& e) {
-        return e.what();
-    } catch (...) {
-        return "unknown error";
-    }
-}
+using detail::describe;
 
 // Swift-like dictionary text of header fields: ["Name": "value", ...]. The
 // credential is never written out.
@@ -66,13 +59,8 @@ void complete(const ServiceProtocol::Completion& completion, std::exception_ptr 
     }
 }
 
-struct SharedSlot {
-    std::mutex mutex;
-    std::shared_ptr<Service> instance;
-};
-
-SharedSlot& sharedSlot() {
-    static SharedSlot slot;
+detail::SharedInstance<Service>& sharedSlot() {
+    static detail::SharedInstance<Service> slot;
     return slot;
 }
 
@@ -178,17 +166,10 @@ Service::Service(std::shared_ptr<platform::HttpClient> session, std::shared_ptr<
 Service::~Service() = default;
 
 std::shared_ptr<Service> Service::shared() {
-    auto& slot = sharedSlot();
-    std::lock_guard lock(slot.mutex);
-    if (!slot.instance) slot.instance = std::make_shared<Service>(nullptr, nullptr, nullptr);
-    return slot.instance;
+    return sharedSlot().get([] { return std::make_shared<Service>(nullptr, nullptr, nullptr); });
 }
 
-void Service::resetShared() {
-    std::shared_ptr<Service> previous;
-    std::lock_guard lock(sharedSlot().mutex);
-    previous = std::exchange(sharedSlot().instance, nullptr);
-}
+void Service::resetShared() { sharedSlot().reset(); }
 
 void Service::setSession(std::shared_ptr<platform::HttpClient> session) {
     std::lock_guard lock(mutex_);
