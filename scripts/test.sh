@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
 # Installs dependencies, builds (Release, as users build it) and runs the whole suite, then builds and runs it
 # again under AddressSanitizer + UndefinedBehaviorSanitizer.
-# In between, the threaded platform pieces (queues, HTTP client, path monitor)
+# In between, the tests labelled "threads" (queues, HTTP client, path monitor, push
+# concurrency, transport, monitor, end to end)
 # run under ThreadSanitizer. TAVRIN_TSAN=full runs the whole suite under it instead.
 set -uo pipefail
 cd "$(dirname "$0")/.."
@@ -36,7 +37,7 @@ export TSAN_OPTIONS="halt_on_error=1 second_deadlock_stack=1 suppressions=$PWD/t
 if [ "${TAVRIN_TSAN:-}" = "full" ]; then
   run_suite build/tsan "" "" -- -DTAVRIN_SANITIZE=thread || status=1
 else
-  run_suite build/tsan "platform_dispatch_test platform_http_client_test platform_path_monitor_test" threads -- \
+  run_suite build/tsan "tavrin_threads_tests" threads -- \
     -DTAVRIN_SANITIZE=thread || status=1
 fi
 
