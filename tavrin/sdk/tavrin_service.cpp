@@ -62,12 +62,8 @@ void registerExitHandler() {
 // Waits until the processing queue of the current service has run every push
 // enqueued so far, without waiting past the deadline.
 bool drainPushes(Clock::time_point deadline) {
-    std::shared_ptr<TrackingService> tracking;
-    try {
-        tracking = TrackingService::shared();
-    } catch (const TrackingServiceError&) {
-        return true;  // nothing configured: no pushes
-    }
+    const auto tracking = detail::TrackingServiceInternals::current();
+    if (!tracking) return true;  // nothing configured: no pushes
     auto drained = std::make_shared<std::promise<void>>();
     auto future = drained->get_future();
     // Only signals, so a timed-out wait leaves nothing blocked behind it.

@@ -71,6 +71,9 @@ struct TrackingServiceInternals {
     static const std::string& userAgent(const TrackingService& service) { return service.userAgent; }
     static const std::shared_ptr<ServiceProtocol>& service(const TrackingService& service) { return service.service; }
 
+    // The shared instance, or null before configure (without the error line).
+    static std::shared_ptr<TrackingService> current();
+
     // The order the last push received (0 before the first push of the process).
     static std::int64_t lastPushOrder();
     // Tests: lets the counter start elsewhere (its overflow is a fatal stop).
