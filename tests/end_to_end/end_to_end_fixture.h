@@ -74,8 +74,10 @@ protected:
         platform::KeyValueStore::setDataDirectory(directory);
         platform::KeyValueStore::setStandard(nullptr);
         UserDefaultsUtility::resetCacheForTesting();
-        auto path = std::make_shared<ScriptedPathMonitor>(platform::PathStatus::satisfied);
-        platform::PathMonitor::setFactory([path]() -> std::shared_ptr<platform::PathMonitor> { return path; });
+        // A fresh monitor per manager: a monitor keeps the queue it started on.
+        platform::PathMonitor::setFactory([]() -> std::shared_ptr<platform::PathMonitor> {
+            return std::make_shared<ScriptedPathMonitor>(platform::PathStatus::satisfied);
+        });
     }
 
     std::shared_ptr<TrackingService> start(TrackConfig config) {
