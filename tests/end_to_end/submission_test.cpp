@@ -310,5 +310,17 @@ TEST_F(SubmissionTest, HostReturningFromMainWithWorkInFlightExitsCleanly) {
     EXPECT_FALSE(submissions().empty());
 }
 
+TEST_F(SubmissionTest, HostReturningFromMainWhileTheServerIsSilentExitsInTime) {
+    RawTcpServer silent;  // accepts and never answers: every request stays out
+    std::chrono::milliseconds took{};
+    const int status = runChild("EndToEndChild.ExitWithWorkInFlight",
+                                {std::string(kDomainVariable) + "=" + silent.baseUrl().substr(std::string("http://").size()),
+                                 std::string(kExitDirVariable) + "=" + dir.path().string()},
+                                std::chrono::seconds(30), &took);
+    EXPECT_EQ(status, 0);
+    EXPECT_LT(took, std::chrono::seconds(5));
+    EXPECT_TRUE(silent.waitForConnections(1, std::chrono::seconds(0)));
+}
+
 }  // namespace
 }  // namespace tavrin::testing
