@@ -1,15 +1,179 @@
 #include "tavrin/sdk/tavrin_service.h"
 
+#include <atomic>
+#include <cstdlib>
+#include <future>
+#include <mutex>
 #include <string>
 
+#include "tavrin/consent/internal/vendor_consents_utility.h"
+#include "tavrin/monitor/internal/memory_cache_utility.h"
+#include "tavrin/monitor/internal/monitor_service.h"
+#include "tavrin/monitor/internal/tag_cache.h"
+#include "tavrin/monitor/internal/timestamp_utility.h"
+#include "tavrin/platform/dispatch.h"
+#include "tavrin/platform/http_client.h"
 #include "tavrin/sdk/internal/logger_utility.h"
+#include "tavrin/sdk/internal/tracking_settings.h"
+#include "tavrin/session/session_manager.h"
+#include "tavrin/tracking/internal/json_stringify.h"
+#include "tavrin/tracking/internal/tracking_service_internals.h"
+#include "tavrin/tracking/tracking_service.h"
+#include "tavrin/transport/internal/offline_cache_manager.h"
+#include "tavrin/transport/service.h"
 
 namespace tavrin {
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+// How long the exit handler lets work in flight finish before it stops the
+// HTTP client (which fails whatever is still out).
+constexpr std::chrono::milliseconds kExitGrace{1500};
+
+std::atomic<bool> configured{false};
+
+void shutdownAtExit() {
+    if (configured.load()) TavrinService::shutdown(kExitGrace);
+}
+
+// A host may return from main with submissions in flight. Their blocks use
+// the shared objects (logger, tag and memory caches, session state, the
+// shared slots), which are function-local statics destroyed at exit in the
+// reverse order of their construction. Constructing them all here, before
+// the exit handler is registered, makes the handler run while they are all
+// still alive: it drains the work and stops every thread first.
+void registerExitHandler() {
+    static std::once_flag once;
+    std::call_once(once, [] {
+        (void)platform::TaskPool::shared();
+        (void)MemoryCacheUtility::shared();
+        (void)TagCache::shared();
+        (void)MonitorService::shared();
+        (void)detail::InFlightOperations::shared();
+        (void)SessionManager::getSessionTimeout();
+        (void)SessionManager::getCurrentSessionID();
+        (void)TimestampUtility::currentTimestampInMillis();
+        std::atexit(shutdownAtExit);
+    });
+}
+
+// Waits until the processing queue of the current service has run every push
+// enqueued so far, without waiting past the deadline.
+bool drainPushes(Clock::time_point deadline) {
+    const auto tracking = detail::TrackingServiceInternals::current();
+    if (!tracking) return true;  // nothing configured: no pushes
+    auto drained = std::make_shared<std::promise<void>>();
+    auto future = drained->get_future();
+    // Only signals, so a timed-out wait leaves nothing blocked behind it.
+    detail::TrackingServiceInternals::whenPushesProcessed(*tracking, [drained] { drained->set_value(); });
+    return future.wait_until(deadline) == std::future_status::ready;
+}
+
+}  // namespace
 
 void TavrinService::setLogLevel(LogLevel level) {
     auto& logger = LoggerUtility::shared();
     logger.setLogLevel(level);
     logger.info([&] { return std::string("Log level set to: ") + description(level); });
+}
+
+void TavrinService::configure(const TrackConfig& config) {
+    std::lock_guard startup(platform::processLock());
+    auto& logger = LoggerUtility::shared();
+    logger.info([&] { return "Configuring TavrinService with trackDomain: " + config.trackDomain; });
+
+    TrackingSettings::configure(config);
+
+    const auto offlineCacheManager = OfflineCacheManager::shared();
+    offlineCacheManager->configure(config.enableOfflineTracking, config.offlineTrackingTimeout);
+    offlineCacheManager->startNetworkMonitoring();
+
+    const auto service = Service::shared();
+    const auto settings = TrackingSettings::shared();
+    service->setSession(platform::HttpClient::shared());
+    service->setTrackConfig(settings);
+    service->setOfflineCacheManager(offlineCacheManager);
+
+    TrackingService::initialize(service);
+
+    if (config.debugCode) {
+        MonitorService::shared()->setDebugCode(config.debugCode);
+        logger.info([&] { return "MonitorService initialized with debugCode: " + *config.debugCode; });
+    } else {
+        logger.info("MonitorService not initialized due to missing debugCode.");
+    }
+
+    auto& tags = TagCache::shared();
+    tags.addOrReplace(Tag::makeInfo("AI01", "T-SDK: [INIT] - [AI01] Initialization finished: https://" + config.trackDomain,
+                                    TimestampUtility::currentTimestampInMillis(), true));
+    logger.info("Initialization tag added to TagCache.");
+
+    const auto stored = VendorConsentsUtility("VendorConsents").retrieveVendorConsents();
+    const auto consentJson = jsonString(stored.value_or(VendorValues{}));
+    logger.debug(consentJson);
+    // Added even when nothing is stored, so the monitor always shows what start-up found.
+    tags.addOrReplace(Tag::makeInfo("AC03",
+                                    "T-SDK: [CONSENT] - [AC03] Consent information received - data from storage used: " +
+                                        consentJson,
+                                    TimestampUtility::currentTimestampInMillis(), true));
+    if (stored) {
+        logger.info("AC03 consent tag added to TagCache with stored consent information.");
+    } else {
+        logger.info("No stored consent information found.");
+    }
+
+    // Reading the cache and sending happen off the caller's thread; the walk
+    // reports through its completion, so no thread waits for it.
+    platform::TaskPool::shared().detach([offlineCacheManager] {
+        offlineCacheManager->resendCachedRequests([](std::exception_ptr error) {
+            if (!error) {
+                LoggerUtility::shared().info("Cached requests successfully resent.");
+                return;
+            }
+            try {
+                std::rethrow_exception(error);
+            } catch (const std::exception& e) {
+                LoggerUtility::shared().error(std::string("Failed to resend cached requests: ") + e.what());
+            } catch (...) {
+                LoggerUtility::shared().error("Failed to resend cached requests: unknown error");
+            }
+        });
+    });
+
+    configured.store(true);
+    registerExitHandler();
+}
+
+bool TavrinService::flush(std::chrono::milliseconds timeout) {
+    const auto deadline = Clock::now() + timeout;
+    const bool pushesDone = drainPushes(deadline);
+    return detail::InFlightOperations::shared().waitIdle(deadline) && pushesDone;
+}
+
+bool TavrinService::shutdown(std::chrono::milliseconds timeout) {
+    const auto deadline = Clock::now() + timeout;
+    const bool finished = flush(timeout);
+
+    std::lock_guard startup(platform::processLock());
+    configured.store(false);
+    const auto remaining = std::max(std::chrono::milliseconds(0),
+                                    std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now()));
+    // Requests the walk has not sent stay cached for the next launch.
+    OfflineCacheManager::shared()->shutdown(remaining);
+    OfflineCacheManager::resetShared();
+
+    // Fails whatever is still out, so the completions waiting on it end now.
+    const auto client = platform::HttpClient::shared();
+    if (auto* curl = dynamic_cast<platform::CurlHttpClient*>(client.get())) curl->shutdown();
+    platform::HttpClient::setShared(nullptr);
+    // The failed requests' completions finish quickly once the client is down.
+    detail::InFlightOperations::shared().waitIdle(Clock::now() + std::chrono::milliseconds(500));
+
+    TrackingService::resetInstance();
+    LoggerUtility::shared().info(finished ? "TavrinService shut down." : "TavrinService shut down before all work finished.");
+    return finished;
 }
 
 }  // namespace tavrin

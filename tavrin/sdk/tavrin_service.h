@@ -1,7 +1,10 @@
 #pragma once
 // The entry of the SDK for the host application.
 
+#include <chrono>
+
 #include "tavrin/sdk/log_level.h"
+#include "tavrin/sdk/track_config.h"
 
 namespace tavrin {
 
@@ -12,6 +15,23 @@ public:
     // Sets the threshold of the SDK's logger, then confirms the new level at
     // info (so the confirmation shows only at debug and info).
     static void setLogLevel(LogLevel level);
+
+    // Starts or restarts the SDK with `config`: installs the settings, wires
+    // the transport, offline cache and monitor, replaces the shared
+    // TrackingService and records the start-up tags. Returns at once: cached
+    // requests are resent in the background. Calls run one after another.
+    static void configure(const TrackConfig& config);
+
+    // Waits until every push is processed and every submission and consent
+    // report in flight (with its offline cache write) has finished. True when
+    // all of it finished within `timeout`.
+    static bool flush(std::chrono::milliseconds timeout);
+
+    // Flushes, then stops network monitoring, the resend of cached requests
+    // and the HTTP client, and drops the shared TrackingService. A later
+    // configure starts everything afresh. True when the flush finished in time.
+    // A host that returns from main without calling it gets the same on exit.
+    static bool shutdown(std::chrono::milliseconds timeout);
 };
 
 }  // namespace tavrin

@@ -261,6 +261,11 @@ void TrackingService::resetEnrichments() {
 
 // ---- internals
 
+std::shared_ptr<TrackingService> detail::TrackingServiceInternals::current() {
+    std::lock_guard lock(slot().mutex);
+    return slot().instance;
+}
+
 std::int64_t detail::TrackingServiceInternals::lastPushOrder() {
     return tavrin::lastPushOrder.load(std::memory_order_relaxed);
 }

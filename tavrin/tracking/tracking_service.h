@@ -6,7 +6,11 @@
 //     auto tracking = tavrin::TrackingService::shared();   // throws TrackingServiceError
 //     tracking->push({{"track", "pageview"}, {"price", 9.99}});
 //     tracking->addEnrichment("geo", {{"city", "cityProperty"}}, {"region"});
+//     tracking->submit().get();                           // throws the transport's error
+//     bool accepted = tracking->setConsents({{"vendorA", tavrin::ConsentStatus::allow}}).get();
 
+#include <future>
+#include <functional>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -14,6 +18,7 @@
 #include <string>
 #include <vector>
 
+#include "tavrin/consent/consent_status.h"
 #include "tavrin/platform/dispatch.h"
 #include "tavrin/tracking/any_value.h"
 #include "tavrin/tracking/codable_value.h"
@@ -73,8 +78,33 @@ public:
     void addCustomEnrichment(std::optional<std::string> pluginId, std::map<std::string, CodableValue> arguments,
                              std::vector<std::string> variables);
 
+    // Sends everything pushed since the last submission as one data
+    // submission. Waits on the caller's thread only for the pushes made so
+    // far to be processed; the record is built and sent in the background.
+    // The future fails with the transport's error, unchanged; the enrichments
+    // are then kept for the next submission. `state` defaults to
+    // "tvr_push_submit".
+    std::future<void> submit(std::optional<std::string> state = std::nullopt);
+    // Pushes the product (as "product" / "addtocart": the caller's "track"
+    // and "type" do not override them) and an "addtocart" command, then
+    // submits.
+    std::future<void> addToCart(AnyValue::Dictionary properties);
+    // Stores the user's decision, records what changed since the last one and
+    // reports it. True when the server accepted it; otherwise get() throws
+    // TrackingServiceError submissionFailed with the cause. The decision is
+    // stored before sending and stays stored when the send fails.
+    std::future<bool> setConsents(std::map<std::string, ConsentStatus> consents);
+
 private:
     friend struct detail::TrackingServiceInternals;
+
+    // submit, with a line logged after "Data submission completed." (when not null).
+    std::future<void> submitData(std::optional<std::string> state, const char* completedLine);
+    // Background halves of submit and setConsents; `done` runs exactly once.
+    void sendSubmission(std::vector<std::string> pushedCommands, std::map<std::string, CodableValue> customProperties,
+                        std::string state, std::function<void(std::exception_ptr)> done);
+    void sendConsents(const std::map<std::string, ConsentStatus>& consents,
+                      std::function<void(std::exception_ptr)> done);
 
     // Runs on processingQueue.
     void processPush(AnyValue::Dictionary data);

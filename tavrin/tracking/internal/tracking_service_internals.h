@@ -2,15 +2,57 @@
 // What the library's own components (and tests) reach inside the tracking
 // service beyond its public operations.
 
+#include <chrono>
+#include <condition_variable>
 #include <cstdint>
+#include <functional>
+#include <mutex>
+#include <vector>
 #include <map>
 #include <memory>
 #include <optional>
 #include <string>
+#include <utility>
 
 #include "tavrin/tracking/tracking_service.h"
 
 namespace tavrin::detail {
+
+// Submissions and consent reports between their start and their end, so
+// flush and shutdown can wait for them. Never destroyed: their completions may
+// still run on the HTTP client's thread while the process exits.
+class InFlightOperations {
+public:
+    static InFlightOperations& shared();
+
+    void begin() {
+        std::lock_guard lock(mutex_);
+        ++count_;
+    }
+    void end() {
+        std::lock_guard lock(mutex_);
+        if (--count_ == 0) idle_.notify_all();
+    }
+    // True when nothing is in flight before the deadline.
+    bool waitIdle(std::chrono::steady_clock::time_point deadline) {
+        std::unique_lock lock(mutex_);
+        return idle_.wait_until(lock, deadline, [&] { return count_ == 0; });
+    }
+    std::size_t count() const {
+        std::lock_guard lock(mutex_);
+        return count_;
+    }
+
+private:
+    mutable std::mutex mutex_;
+    std::condition_variable idle_;
+    std::size_t count_ = 0;
+};
+
+
+// The stored user id when it has the expected shape ("update"), else a new
+// one, stored ("new").
+std::pair<std::string, std::string> currentUserID(const UserIDUtility& utility);
 
 struct TrackingServiceInternals {
     // Runs the queue side of a push on the calling thread (benchmarks).
@@ -18,12 +60,19 @@ struct TrackingServiceInternals {
         service.processPush(std::move(data));
     }
     static void waitForPendingPushes(const TrackingService& service) { service.waitForPendingPushes(); }
+    // Runs `block` on the processing queue once the pushes enqueued so far are processed.
+    static void whenPushesProcessed(const TrackingService& service, std::function<void()> block) {
+        service.processingQueue.async(std::move(block));
+    }
     static std::optional<std::map<std::string, Enrichment>> enrichmentsForSubmission(const TrackingService& service) {
         return service.enrichmentsForSubmission();
     }
     static void resetEnrichments(TrackingService& service) { service.resetEnrichments(); }
     static const std::string& userAgent(const TrackingService& service) { return service.userAgent; }
     static const std::shared_ptr<ServiceProtocol>& service(const TrackingService& service) { return service.service; }
+
+    // The shared instance, or null before configure (without the error line).
+    static std::shared_ptr<TrackingService> current();
 
     // The order the last push received (0 before the first push of the process).
     static std::int64_t lastPushOrder();
