@@ -15,10 +15,10 @@ namespace tavrin::platform {
 
 // What the host application tells about itself, before configuring the SDK.
 struct ApplicationInfo {
-    std::optional<std::string> bundleIdentifier;
+    std::optional<std::string> bundleIdentifier = std::nullopt;
     // Information dictionary: "CFBundleDisplayName", "CFBundleName",
     // "CFBundleShortVersionString", "CFBundleVersion".
-    std::map<std::string, std::string, std::less<>> infoDictionary;
+    std::map<std::string, std::string, std::less<>> infoDictionary{};
 };
 
 struct ScreenBounds {

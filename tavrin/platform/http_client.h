@@ -149,9 +149,9 @@ public:
     struct Options {
         // PEM file of the certificate authorities to trust instead of the
         // system store.
-        std::optional<std::string> caFile;
+        std::optional<std::string> caFile = std::nullopt;
         // Sent as User-Agent unless a request sets its own; none when absent.
-        std::optional<std::string> userAgent;
+        std::optional<std::string> userAgent = std::nullopt;
         // Limit of name lookup plus connecting, within each request's own
         // timeout; past it the request fails with UrlError timedOut.
         double connectTimeoutSeconds = 30;
@@ -161,7 +161,7 @@ public:
         bool followRedirects = true;
         // Proxy URL; empty text means no proxy; absent means the environment's
         // (http_proxy, https_proxy, no_proxy).
-        std::optional<std::string> proxy;
+        std::optional<std::string> proxy = std::nullopt;
     };
 
     CurlHttpClient();
