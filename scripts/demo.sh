@@ -16,7 +16,7 @@ done
 [ -t 0 ] || wait_for_user=0
 
 bash scripts/bootstrap
-build=build/demo
+build=${TAVRIN_DEMO_BUILD:-build/demo}
 echo "=== building (Release) in $build"
 cmake -S . -B "$build" -DCMAKE_BUILD_TYPE=Release -DTAVRIN_BUILD_TESTS=OFF -DTAVRIN_BUILD_TOOLS=ON \
   -DTAVRIN_BUILD_EXAMPLES=ON >"$build.configure.log" 2>&1 || { cat "$build.configure.log"; exit 1; }

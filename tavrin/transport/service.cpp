@@ -119,7 +119,25 @@ struct Service::Parts {
         }
     }
 
-    void sendRequest(const std::string& url, Bytes body, Completion completion) const {
+    // What a live send falls back to when the SDK shuts down under it: the
+    // body goes to the offline cache instead of being lost.
+    struct KeepOnShutdown {
+        OfflineCache::RequestType type;
+        Bytes body;
+    };
+
+    static bool isCancellation(const std::exception_ptr& error) {
+        try {
+            std::rethrow_exception(error);
+        } catch (const platform::UrlError& e) {
+            return e.code() == platform::UrlError::Code::cancelled;
+        } catch (...) {
+            return false;
+        }
+    }
+
+    void sendRequest(const std::string& url, Bytes body, Completion completion,
+                     std::optional<KeepOnShutdown> keep = std::nullopt) const {
         platform::HttpRequest request;
         request.method = "POST";
         request.url = url;
@@ -133,8 +151,17 @@ struct Service::Parts {
             return "Sending request:\n- URL: " + url + "\n- Headers: " + headersText(request.headers, true) +
                    "\n- Payload size: " + std::to_string(request.body.size()) + " bytes";
         });
-        session->send(std::move(request), [url, completion = std::move(completion)](platform::HttpResult result) {
+        session->send(std::move(request), [url, completion = std::move(completion), keep = std::move(keep),
+                                           manager = offlineCacheManager](platform::HttpResult result) mutable {
             std::exception_ptr error = result.error;
+            if (error && keep && manager && isCancellation(error)) {
+                // The client was shut down before an answer came: the request
+                // waits in the offline cache for the next launch, and counts as
+                // delivered once it is durable, as an offline send does.
+                log().info([&] { return "Request to " + url + " cancelled by shutdown. Caching it for the next launch."; });
+                manager->cacheRequest(keep->type, std::move(keep->body), [completion] { complete(completion, nullptr); });
+                return;
+            }
             if (!error) {
                 const auto& response = *result.response;
                 if (response.statusCode >= 200 && response.statusCode <= 299) {
@@ -205,7 +232,9 @@ void Service::sendConsentSubmission(ConsentModel consent, Completion completion)
         return;
     }
     log().info("Online mode. Sending consent submission request.");
-    p.sendRequest(*url, std::move(*body), std::move(completion));
+    std::optional<Parts::KeepOnShutdown> keep;
+    if (p.isOfflineTrackingEnabled()) keep = Parts::KeepOnShutdown{OfflineCache::RequestType::consentSubmission, *body};
+    p.sendRequest(*url, std::move(*body), std::move(completion), std::move(keep));
 }
 
 void Service::sendDataSubmission(DataSubmissionModel data, Completion completion) {
@@ -215,7 +244,10 @@ void Service::sendDataSubmission(DataSubmissionModel data, Completion completion
     auto body = Parts::encodeToJSON(data);
     if (!body) return complete(completion, serviceError(ServiceError::Code::invalidRequestBody));
     log().info([&] { return "Initiating data submission request. URL: " + *url; });
+    std::optional<Parts::KeepOnShutdown> keep;
     if (p.isOfflineTrackingEnabled()) {
+        // Cached as an offline send would be: without the live marker.
+        keep = Parts::KeepOnShutdown{OfflineCache::RequestType::dataSubmission, *body};
         if (p.offlineCacheManager->isCurrentlyOffline()) {
             log().info("Offline: Caching data submission request");
             p.offlineCacheManager->cacheRequest(OfflineCache::RequestType::dataSubmission, std::move(*body),
@@ -230,7 +262,7 @@ void Service::sendDataSubmission(DataSubmissionModel data, Completion completion
         if (!body) return complete(completion, serviceError(ServiceError::Code::invalidRequestBody));
     }
     log().info("Online mode. Sending data submission request.");
-    p.sendRequest(*url, std::move(*body), std::move(completion));
+    p.sendRequest(*url, std::move(*body), std::move(completion), std::move(keep));
 }
 
 void Service::resendCachedDataSubmission(Bytes payload, Completion completion) {

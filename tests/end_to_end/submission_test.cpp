@@ -320,6 +320,12 @@ TEST_F(SubmissionTest, HostReturningFromMainWhileTheServerIsSilentExitsInTime) {
     EXPECT_EQ(status, 0);
     EXPECT_LT(took, std::chrono::seconds(5));
     EXPECT_TRUE(silent.waitForConnections(1, std::chrono::seconds(0)));
+    // Offline tracking is on: the 20 submissions the shutdown cancelled wait in
+    // the offline cache for the next launch, none lost.
+    const auto cached = platform::KeyValueStore::standard()->values("com.tavrin.OfflineCache/");
+    EXPECT_EQ(cached.size(), 20u);
+    for (const auto& [key, value] : cached)
+        EXPECT_NE(std::get<Bytes>(value).size(), 0u) << key;
 }
 
 }  // namespace
