@@ -34,4 +34,10 @@ libdir=$(find "$work/prefix" -name tavrin.pc -printf '%h\n' | head -n 1)
 export PKG_CONFIG_PATH="$libdir"
 c++ -std=c++20 "$here/consumer/main.cpp" -o "$work/pc-consumer" $(pkg-config --cflags --libs tavrin)
 "$work/pc-consumer" | grep -q '^push {"price":9.99,"tags":\["a","b"\],"track":"pageview"}$'
-echo "installed package works through find_package and pkg-config"
+
+# The whole-session example of README's "Public API at a glance" compiles and
+# links against the installed package (it is not run: it names a real domain).
+awk '/^## Public API at a glance/{f=1} f&&/^```cpp/{p=1;next} p&&/^```/{exit} p' "$here/../../README.md" >"$work/readme_example.cpp"
+grep -q 'TavrinService::configure' "$work/readme_example.cpp"
+c++ -std=c++20 -Wall -Wextra -Werror "$work/readme_example.cpp" -o "$work/readme-example" $(pkg-config --cflags --libs tavrin)
+echo "installed package works through find_package and pkg-config; README's example builds"
