@@ -22,21 +22,13 @@
 #include "tavrin/tracking/internal/json_stringify.h"
 #include "tavrin/tracking/internal/tracking_service_internals.h"
 #include "tavrin/tracking/tracking_service.h"
+#include "tavrin/sdk/internal/shared_instance.h"
 #include "tavrin/transport/service_protocol.h"
 
 namespace tavrin {
 
 namespace {
 
-std::string describeError(const std::exception_ptr& error) {
-    try {
-        std::rethrow_exception(error);
-    } catch (const std::exception& e) {
-        return e.what();
-    } catch (...) {
-        return "unknown error";
-    }
-}
 
 }  // namespace
 
@@ -142,7 +134,7 @@ void TrackingService::sendConsents(const std::map<std::string, ConsentStatus>& c
     service->sendConsentSubmission(std::move(model), [done = std::move(done)](std::exception_ptr error) mutable {
         auto& log = LoggerUtility::shared();
         if (error) {
-            const auto cause = describeError(error);
+            const auto cause = detail::describe(error);
             log.error([&] { return "Failed to send consent model: " + cause; });
             return done(std::make_exception_ptr(TrackingServiceError::submissionFailed(cause)));
         }

@@ -21,12 +21,15 @@
 #include "tavrin/platform/internal/netlink_path_monitor.h"
 #include "tavrin/platform/internal/path_evaluation.h"
 #include "tests/support/scripted_path_monitor.h"
+#include "tests/support/network_namespace.h"
 
 namespace tavrin::platform {
 namespace {
 
 using namespace std::chrono_literals;
 using testing::ScriptedPathMonitor;
+using testing::ip;
+using testing::runInOwnNetworkNamespace;
 using Statuses = std::vector<PathStatus>;
 constexpr auto S = PathStatus::satisfied;
 constexpr auto U = PathStatus::unsatisfied;
@@ -195,25 +198,6 @@ TEST(NetlinkPathMonitor, FirstReportIsTheCurrentStatusOnTheQueue) {
 }
 
 // ---- rtnetlink monitor inside a network namespace of its own (needs root or CAP_SYS_ADMIN)
-
-// Runs the scenario on a thread moved into a new network namespace; the
-// threads it starts and the commands it runs are in that namespace too.
-void runInOwnNetworkNamespace(const std::function<void()>& scenario) {
-    std::string skip;
-    std::thread([&] {
-        if (unshare(CLONE_NEWNET) != 0)
-            skip = std::string("unshare(CLONE_NEWNET): ") + std::strerror(errno) + " (needs root or CAP_SYS_ADMIN)";
-        else
-            scenario();
-    }).join();
-    if (!skip.empty()) GTEST_SKIP() << skip;
-}
-
-bool ip(const std::string& arguments) {
-    const int status = std::system(("ip " + arguments).c_str());
-    EXPECT_EQ(status, 0) << "ip " << arguments;
-    return status == 0;
-}
 
 // Waits for the report that completes `expected` and checks the whole sequence.
 void expectReports(Recorder& recorder, const Statuses& expected, std::chrono::milliseconds timeout,

@@ -11,28 +11,10 @@
 #include <map>
 
 #include "tests/support/transport_fixture.h"
+#include "tests/support/network_namespace.h"
 
 namespace tavrin::testing {
 namespace {
-
-// Runs the scenario on a thread moved into a new network namespace; threads
-// it starts (HTTP client, path monitor reader) and sockets it opens are there too.
-void runInOwnNetworkNamespace(const std::function<void()>& scenario) {
-    std::string skip;
-    std::thread([&] {
-        if (unshare(CLONE_NEWNET) != 0)
-            skip = std::string("unshare(CLONE_NEWNET): ") + std::strerror(errno) + " (needs root or CAP_SYS_ADMIN)";
-        else
-            scenario();
-    }).join();
-    if (!skip.empty()) GTEST_SKIP() << skip;
-}
-
-bool ip(const std::string& arguments) {
-    const int status = std::system(("ip " + arguments).c_str());
-    EXPECT_EQ(status, 0) << "ip " << arguments;
-    return status == 0;
-}
 
 class NetworkNamespaceTest : public TransportTest {
 protected:
