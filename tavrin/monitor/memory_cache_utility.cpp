@@ -19,7 +19,7 @@ void MemoryCacheUtility::resetShared() {
 }
 
 void MemoryCacheUtility::setAny(const std::string& key, std::any value) {
-    queue_.asyncBarrier([this, key, value = std::move(value)]() mutable {
+    queue_.barrier([this, key, value = std::move(value)]() mutable {
         cache_.setObject(key, std::make_shared<std::any>(std::move(value)));
     });
 }
@@ -32,7 +32,7 @@ std::any MemoryCacheUtility::getAny(const std::string& key) const {
 }
 
 void MemoryCacheUtility::updateAny(const std::string& key, std::function<void(std::any&)> mutate) {
-    queue_.asyncBarrier([this, key, mutate = std::move(mutate)] {
+    queue_.barrier([this, key, mutate = std::move(mutate)] {
         auto slot = cache_.objectAs<Slot>(key);
         if (!slot) {
             slot = std::make_shared<std::any>();
@@ -43,11 +43,11 @@ void MemoryCacheUtility::updateAny(const std::string& key, std::function<void(st
 }
 
 void MemoryCacheUtility::remove(const std::string& key) {
-    queue_.asyncBarrier([this, key] { cache_.removeObject(key); });
+    queue_.barrier([this, key] { cache_.removeObject(key); });
 }
 
 void MemoryCacheUtility::appendPushPayload(PushPayload payload) {
-    queue_.asyncBarrier([this, payload = std::move(payload)]() mutable { pushPayloads_.push_back(std::move(payload)); });
+    queue_.barrier([this, payload = std::move(payload)]() mutable { pushPayloads_.push_back(std::move(payload)); });
 }
 
 std::vector<PushPayload> MemoryCacheUtility::getPushPayloads() const {
@@ -55,14 +55,14 @@ std::vector<PushPayload> MemoryCacheUtility::getPushPayloads() const {
 }
 
 void MemoryCacheUtility::removePushPayloads(std::vector<std::string> ids) {
-    queue_.asyncBarrier([this, ids = std::move(ids)] {
+    queue_.barrier([this, ids = std::move(ids)] {
         const std::unordered_set<std::string> drop(ids.begin(), ids.end());
         std::erase_if(pushPayloads_, [&](const PushPayload& p) { return drop.contains(p.id); });
     });
 }
 
 void MemoryCacheUtility::clear() {
-    queue_.asyncBarrier([this] {
+    queue_.barrier([this] {
         cache_.removeAllObjects();
         pushPayloads_.clear();
     });

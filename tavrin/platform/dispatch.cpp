@@ -171,6 +171,21 @@ void ConcurrentQueue::asyncBarrier(std::function<void()> write) {
     });
 }
 
+void ConcurrentQueue::barrier(std::function<void()> write) {
+    if (isWriterThread()) {  // already exclusive
+        write();
+        return;
+    }
+    if (isReadingThread()) {
+        asyncBarrier(std::move(write));
+        return;
+    }
+    core_->waitUntilFinished(core_->posted());
+    // Marked as reading, so a read inside the write runs directly.
+    ReadScope scope(*this, std::unique_lock(*data_));
+    write();
+}
+
 void ConcurrentQueue::drain() {
     if (isWriterThread() || isReadingThread()) return;
     core_->waitUntilFinished(core_->posted());
@@ -187,6 +202,11 @@ bool ConcurrentQueue::isReadingThread() const noexcept {
 ConcurrentQueue::ReadScope::ReadScope(const ConcurrentQueue& queue) : queue_(queue.core_.get()) {
     queue.core_->waitUntilFinished(queue.core_->posted());
     lock_ = std::shared_lock(*queue.data_);
+    tReadingQueues.push_back(queue_);
+}
+
+ConcurrentQueue::ReadScope::ReadScope(const ConcurrentQueue& queue, std::unique_lock<std::shared_mutex> exclusive)
+    : queue_(queue.core_.get()), exclusive_(std::move(exclusive)) {
     tReadingQueues.push_back(queue_);
 }
 

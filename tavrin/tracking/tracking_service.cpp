@@ -2,6 +2,7 @@
 
 #include <atomic>
 #include <exception>
+#include <iterator>
 #include <limits>
 #include <utility>
 
@@ -60,24 +61,25 @@ const std::string* textMember(const AnyValue::Dictionary& data, const char* key)
 
 // The device's facts win over pushed properties of the same name.
 void mergeDeviceInfo(std::map<std::string, CodableValue>& properties, AppDeviceInfo info) {
-    const auto text = [&](const char* key, std::string value) {
-        properties.insert_or_assign(key, CodableValue::string(std::move(value)));
-    };
-    text("app_device_id", std::move(info.appDeviceId));
-    text("app_device_brand", std::move(info.appDeviceBrand));
-    text("app_device_model", std::move(info.appDeviceModel));
-    text("app_device_os", std::move(info.appDeviceOS));
-    text("app_device_os_version", std::move(info.appDeviceOSVersion));
-    text("app_device_language", std::move(info.appDeviceLanguage));
-    text("app_device_region", std::move(info.appDeviceRegion));
-    // Sent as text on purpose, like every other device fact.
-    text("app_device_width", std::to_string(info.appDeviceWidth));
-    text("app_device_height", std::to_string(info.appDeviceHeight));
-    text("app_device_carrier", std::move(info.appDeviceCarrier).value_or("Unknown"));
-    text("app_device_network_type", std::move(info.appDeviceNetworkType));
-    text("app_application_name", std::move(info.appApplicationName));
-    text("app_application_version", std::move(info.appApplicationVersion));
-    text("app_application_build_number", std::move(info.appApplicationBuildNumber));
+    // Built once: the keys would otherwise be made anew for every push.
+    static const std::string keys[] = {
+        "app_device_id",        "app_device_brand",       "app_device_model",
+        "app_device_os",        "app_device_os_version",  "app_device_language",
+        "app_device_region",    "app_device_width",       "app_device_height",
+        "app_device_carrier",   "app_device_network_type", "app_application_name",
+        "app_application_version", "app_application_build_number"};
+    std::string values[] = {
+        std::move(info.appDeviceId), std::move(info.appDeviceBrand), std::move(info.appDeviceModel),
+        std::move(info.appDeviceOS), std::move(info.appDeviceOSVersion), std::move(info.appDeviceLanguage),
+        std::move(info.appDeviceRegion),
+        // Sent as text on purpose, like every other device fact.
+        std::to_string(info.appDeviceWidth), std::to_string(info.appDeviceHeight),
+        std::move(info.appDeviceCarrier).value_or("Unknown"), std::move(info.appDeviceNetworkType),
+        std::move(info.appApplicationName), std::move(info.appApplicationVersion),
+        std::move(info.appApplicationBuildNumber)};
+    static_assert(std::size(keys) == std::size(values));
+    for (std::size_t i = 0; i < std::size(keys); ++i)
+        properties.insert_or_assign(keys[i], CodableValue::string(std::move(values[i])));
 }
 
 }  // namespace

@@ -5,6 +5,7 @@
 #include <linux/seccomp.h>
 #include <sys/prctl.h>
 #include <sys/syscall.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <array>
@@ -80,6 +81,28 @@ TEST(SecureRandom, FillWritesEveryByte) {
     SecureRandom::fill(buffer.data(), buffer.size());
     EXPECT_GT(std::set<std::uint8_t>(buffer.begin(), buffer.end()).size(), 200u);
     EXPECT_NE(SecureRandom::next64(), SecureRandom::next64());
+}
+
+// Small requests come from a per-thread block; a forked child must draw its
+// own bytes, or parent and child would make the same identifiers.
+TEST(SecureRandom, ForkedChildNeverRepeatsTheParentsBytes) {
+    SecureRandom::next64();  // the parent now holds a partly used block
+    int fds[2];
+    ASSERT_EQ(pipe(fds), 0);
+    const pid_t child = fork();
+    ASSERT_GE(child, 0);
+    if (child == 0) {
+        std::uint64_t words[4];
+        for (auto& w : words) w = SecureRandom::next64();
+        _exit(write(fds[1], words, sizeof words) == sizeof words ? 0 : 1);
+    }
+    close(fds[1]);
+    std::uint64_t childWords[4] = {};
+    ASSERT_EQ(read(fds[0], childWords, sizeof childWords), static_cast<ssize_t>(sizeof childWords));
+    close(fds[0]);
+    int status = 0;
+    waitpid(child, &status, 0);
+    for (const auto word : childWords) EXPECT_NE(word, SecureRandom::next64());
 }
 
 // From now on getrandom(2) fails in the calling process, as on a kernel

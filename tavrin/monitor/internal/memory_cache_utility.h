@@ -2,7 +2,8 @@
 // The SDK's in-memory store: a keyed object cache (tag list, product data)
 // and the list of pushed payloads waiting for the next submission. Nothing
 // here is persisted. Reads run synchronously and see every write submitted
-// before them; writes are asynchronous barrier blocks applied in order.
+// before them; a write is applied at once on the caller's thread, holding the
+// data exclusively (writes are all in memory, so no caller waits long).
 
 #include <any>
 #include <functional>
