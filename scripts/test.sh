@@ -1,9 +1,6 @@
 #!/usr/bin/env bash
 # Installs dependencies, builds (Release, as users build it) and runs the whole suite, then builds and runs it
-# again under AddressSanitizer + UndefinedBehaviorSanitizer.
-# In between, the tests labelled "threads" (queues, HTTP client, path monitor, push
-# concurrency, transport, monitor, end to end)
-# run under ThreadSanitizer. TAVRIN_TSAN=full runs the whole suite under it instead.
+# again under ThreadSanitizer and under AddressSanitizer + UndefinedBehaviorSanitizer.
 set -uo pipefail
 cd "$(dirname "$0")/.."
 
@@ -34,12 +31,7 @@ mkdir -p build
 run_suite build/release "" "" -- -DCMAKE_BUILD_TYPE=Release || status=1
 
 export TSAN_OPTIONS="halt_on_error=1 second_deadlock_stack=1 suppressions=$PWD/tests/tsan.supp"
-if [ "${TAVRIN_TSAN:-}" = "full" ]; then
-  run_suite build/tsan "" "" -- -DTAVRIN_SANITIZE=thread || status=1
-else
-  run_suite build/tsan "tavrin_threads_tests" threads -- \
-    -DTAVRIN_SANITIZE=thread || status=1
-fi
+run_suite build/tsan "" "" -- -DTAVRIN_SANITIZE=thread || status=1
 
 ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 \
   run_suite build/asan "" "" -- -DTAVRIN_SANITIZE=address || status=1

@@ -1,7 +1,8 @@
 #!/usr/bin/env python3
 """The collector's debug view in a real browser (Debian's Chromium, headless,
-driven by Selenium): what arrived is listed, opens into readable tables, and
-new requests appear while the page is open.
+driven by Selenium), after the example shop ran against the collector over
+HTTPS: what arrived is listed, opens into readable tables, and a second run
+of the example appears while the page is open.
 
 Exit status 77 means the browser cannot run here; the reason is printed."""
 
@@ -12,6 +13,7 @@ import shutil
 import subprocess
 import sys
 import tempfile
+import ssl
 import time
 import urllib.request
 
@@ -23,56 +25,29 @@ def skip(reason):
     sys.exit(SKIP)
 
 
-NOW = int(time.time() * 1000)
-AGENT = "ShopApp/2.1 (Linux; x86_64) TavrinSDK/1.0"
+def make_certificate(work):
+    """A certificate for 127.0.0.1: the SDK reports debug tags over HTTPS only."""
+    cert, key = os.path.join(work, "cert.pem"), os.path.join(work, "key.pem")
+    subprocess.run(["openssl", "req", "-x509", "-newkey", "rsa:2048", "-nodes", "-days", "2", "-subj", "/CN=127.0.0.1",
+                    "-addext", "subjectAltName=IP:127.0.0.1", "-keyout", key, "-out", cert],
+                   check=True, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+    return cert, key
 
 
-def system(initiator="tvr_push_submit", at=NOW):
-    return {"type": "sdk-ios", "timestamp": at, "navigator-userAgent": AGENT, "initiator": initiator}
+def run_example(example, base, cert, token, work, debug_code):
+    """The example shop, as a developer runs it against the collector."""
+    result = subprocess.run([example, "--domain", base[len("https://"):], "--ca-file", cert, "--token", token,
+                             "--debug-code", debug_code, "--data-dir", os.path.join(work, "sdk")],
+                            capture_output=True, text=True, timeout=120)
+    assert result.returncode == 0 and "done: all submissions sent" in result.stdout, result.stdout + result.stderr
 
 
-CONFIGURATION = {"container": "shop-app", "environment": "live", "version": "3", "debugcode": "dbg-42"}
-
-
-def data_submission(commands, properties, session_action, at, enrichment=None):
-    variables = {"document_location_href": "app://shop/" + commands[-1], "fb_browser_id": "fb.1.1795312800.42",
-                 "tvrpushedcommands": commands}
-    variables.update(properties)
-    variables["app_offline_cached_data"] = "false"
-    data = {"identifier": {"user": {"id": "u-7f3a", "action": "update"},
-                           "session": {"id": "s-91c2", "action": session_action}},
-            "variables": variables}
-    if enrichment is not None:
-        data["enrichment"] = enrichment
-    return {"version": "3", "system": system(at=at), "consent": {"analytics": {"status": True}, "ads": {"status": "ncm"}},
-            "configuration": CONFIGURATION, "data": data}
-
-
-def consent_submission(vendors, changed, consent_action, at):
-    return {"version": "3", "system": system(at=at), "configuration": CONFIGURATION,
-            "data": {"identifier": {"user": {"id": "u-7f3a", "action": "update"},
-                                    "consent": {"id": "c-55d0", "action": consent_action}},
-                     "consent": {"lastupdate": at, "data": {}, "vendors": vendors, "vendorsChanged": changed}}}
-
-
-def tag(tag_id, text, at):
-    return {"id": tag_id, "name": text, "source": "frontend", "type": "info", "timestamp": at,
-            "trigger": {"id": "", "executed": True, "conditions": [], "excludeTriggers": []},
-            "http": {"general": {"requestUrl": "", "requestMethod": "", "requestStatus": 200, "remoteAddress": ""},
-                     "payload": {}, "requestHeaders": {}, "queryStringParameters": {},
-                     "response": {"status": 200, "statusText": "", "data": "", "success": True, "headers": {}}},
-            "variables": {"frontend": {}, "backend": {}, "constant": {}, "enrichment": {}}, "functions": {}}
-
-
-def monitor_report(tags):
-    return {"debugid": "dbg-42", "consent": {}, "docs": {}, "state": "", "eventDocumentId": "", "tags": tags}
-
-
-def post(base, path, document):
-    request = urllib.request.Request(base + path, data=json.dumps(document, separators=(",", ":")).encode(),
-                                     headers={"Content-Type": "application/json"}, method="POST")
-    with urllib.request.urlopen(request, timeout=10) as response:
-        return json.load(response)
+def fetch_requests(base, cert):
+    context = ssl.create_default_context(cafile=cert)
+    with urllib.request.urlopen(base + "/api/requests", timeout=10, context=context) as response:
+        records = json.load(response)
+    records = records["requests"] if isinstance(records, dict) else records
+    return sorted(records, key=lambda r: r["id"])
 
 
 def start_browser(profile):
@@ -89,7 +64,7 @@ def start_browser(profile):
     options.binary_location = chromium
     for flag in ("--headless", "--no-sandbox", "--disable-gpu", "--disable-dev-shm-usage", "--no-first-run",
                  "--disable-background-networking", "--disable-component-update", "--disable-sync",
-                 "--window-size=1440,1000", "--user-data-dir=" + profile):
+                 "--window-size=1440,1000", "--ignore-certificate-errors", "--user-data-dir=" + profile):
         options.add_argument(flag)
     try:
         return webdriver.Chrome(service=Service(executable_path=driver), options=options)
@@ -114,84 +89,79 @@ def wait_for(what, condition, timeout=15):
 def main():
     parser = argparse.ArgumentParser()
     parser.add_argument("--collector", required=True)
+    parser.add_argument("--example", required=True)
     parser.add_argument("--screenshot", required=True)
     args = parser.parse_args()
 
     work = tempfile.mkdtemp(prefix="collector-browser-")
-    collector = subprocess.Popen([args.collector, "--port", "0", "--data-dir", os.path.join(work, "data")],
+    cert, key = make_certificate(work)
+    token = "browser-test-token"
+    collector = subprocess.Popen([args.collector, "--port", "0", "--data-dir", os.path.join(work, "data"),
+                                  "--token", token, "--tls-cert", cert, "--tls-key", key],
                                  stdout=subprocess.PIPE, text=True)
     browser = None
     try:
         first = collector.stdout.readline().strip()
-        assert first.startswith("listening on http://127.0.0.1:"), first
+        assert first.startswith("listening on https://127.0.0.1:"), first
         base = first[len("listening on "):]
 
-        # What an application sends in a short shopping session with a debug code set.
-        post(base, "/monitor", monitor_report([tag("AI01", "T-SDK: [INIT] - [AI01] SDK initialised", NOW),
-                                               tag("AC03", "T-SDK: [CONSENT] - [AC03] Stored consent read", NOW + 1)]))
-        post(base, "/", data_submission(["pageview"], {"page_title": "Home"}, "new", NOW + 100))
-        post(base, "/", data_submission(["pageview", "product_view"],
-                                        {"product_sku": "A1-RED", "price": 9.99, "qty": 2, "tags": ["sale", "summer"]},
-                                        "update", NOW + 200,
-                                        {"geo": {"arguments": {"city": "Lisbon"}, "variables": ["region"]}}))
-        post(base, "/monitor", monitor_report([tag("AD01", "T-SDK: [TAVRIN DL] - [AD01] Push: pageview", NOW + 150),
-                                               tag("AD01", "T-SDK: [TAVRIN DL] - [AD01] Push: product_view", NOW + 160),
-                                               tag("AS01", "T-SDK: [STATE] - [AS01] State executed: tvr_push_submit", NOW + 200)]))
-        post(base, "/", consent_submission({"analytics": True, "ads": True}, {"analytics": True, "ads": True}, "new", NOW + 300))
-        post(base, "/", consent_submission({"analytics": True, "ads": False}, {"ads": False}, "update", NOW + 400))
-        post(base, "/monitor", monitor_report([tag("AC04", "T-SDK: [CONSENT] - [AC04] Consent updated", NOW + 400)]))
-        resent = data_submission(["pageview"], {"page_title": "Offers"}, "update", NOW + 450)
-        resent.update({"app_offline_cached_data": "true", "app_offline_resend_timestamp": str(NOW + 9000)})
-        post(base, "/", resent)
-        broken = data_submission(["pageview"], {"coupon": None}, "update", NOW + 460)
-        post(base, "/", broken)
+        run_example(args.example, base, cert, token, work, "shop-debug")
+        arrived = fetch_requests(base, cert)
+        kinds = [r["kind"] for r in arrived]
+        assert kinds.count("consent") == 2 and kinds.count("data") == 4 and "monitor" in kinds, kinds
+        assert not [p for r in arrived for p in r.get("problems", [])], "the example's requests have problems"
 
         browser = start_browser(os.path.join(work, "profile"))
         browser.get(base + "/ui/")
         by_css = lambda css: browser.find_elements("css selector", css)
 
-        # The page lists what arrived, newest first.
-        wait_for("nine requests", lambda: len(by_css("#requests li.request")) == 9)
-        kinds = [li.get_attribute("data-kind") for li in by_css("#requests li.request")]
-        assert kinds == ["data", "offline-resend", "monitor", "consent", "consent", "monitor", "data", "data", "monitor"], kinds
-        # Problems show in the list; clean requests say so.
-        first = by_css("#requests li.request")[0]
-        assert "1 problem" in first.text and "/data/variables/coupon: custom property is null" in first.text, first.text
-        assert "shape ok" in by_css("#requests li.request")[1].text
+        # The page lists what arrived, newest first, each with its kind and a clean shape check.
+        wait_for("every request", lambda: len(by_css("#requests li.request")) == len(arrived))
+        listed = by_css("#requests li.request")
+        assert [li.get_attribute("data-kind") for li in listed] == kinds[::-1], [li.text for li in listed]
+        assert all("shape ok" in li.text for li in listed), [li.text for li in listed]
 
-        # Opening the product view shows its variables, pushed commands and enrichment as tables.
-        by_css('#requests li.request[data-id="3"]')[0].click()
-        wait_for("the variables table", lambda: by_css('#detail table.variables tr[data-name="product_sku"]'))
+        # The product views opened: variables, pushed commands and enrichment as tables.
+        products = next(r for r in arrived if r["kind"] == "data" and "in_stock" in r["body"]["data"]["variables"])
+        variables = products["body"]["data"]["variables"]
+        by_css('#requests li.request[data-id="%d"]' % products["id"])[0].click()
+        wait_for("the variables table", lambda: by_css('#detail table.variables tr[data-name="sku"]'))
         rows = {tr.get_attribute("data-name"): tr.text for tr in by_css("#detail table.variables tbody tr")}
-        assert "A1-RED" in rows["product_sku"] and "9.99" in rows["price"], rows
-        assert "sale" in rows["tags"] and "array" in rows["tags"], rows
-        assert "document_location_href" not in rows, rows
+        assert str(variables["sku"]) in rows["sku"] and str(variables["price"]) in rows["price"], rows
+        assert "running" in rows["tags"] and "array" in rows["tags"], rows
+        assert "Example Shop" in rows["app_application_name"], rows
         commands = [li.text for li in by_css("#detail ol.commands li")]
-        assert commands == ["pageview", "product_view"], commands
+        assert commands == variables["tvrpushedcommands"], commands
         assert "Lisbon" in by_css("#detail table.enrichment")[0].text
-        assert "s-91c2" in by_css("#detail table.identifiers")[0].text
+        session = products["body"]["data"]["identifier"]["session"]["id"]
+        assert session in by_css("#detail table.identifiers")[0].text
 
-        # The consent change: the vendor that changed is marked, with its earlier decision.
-        by_css('#requests li.request[data-id="6"]')[0].click()
-        changed = wait_for("the changed vendor", lambda: by_css('#detail table.vendors tr.changed'))
+        # The changed consent decision: only ads is marked, with the earlier denial beside it.
+        change = [r for r in arrived if r["kind"] == "consent"][1]
+        by_css('#requests li.request[data-id="%d"]' % change["id"])[0].click()
+        changed = wait_for("the changed vendor", lambda: by_css("#detail table.vendors tr.changed"))
         assert [tr.get_attribute("data-vendor") for tr in changed] == ["ads"], [tr.text for tr in changed]
         assert "true" in changed[0].text and "false" in changed[0].text, changed[0].text
-        assert "Changed: ads → false" in by_css("#detail .consent-summary")[0].text
 
-        # The tags of all reports form one timeline per debug code, in the order they were made.
-        tags = [li.get_attribute("data-tag-id") for li in by_css('#timeline .tl-group[data-debug="dbg-42"] li.tag')]
-        assert tags == ["AI01", "AC03", "AD01", "AD01", "AS01", "AC04"], tags
+        # The tags of every report form one timeline for the debug code, in the order the SDK made them.
+        made = [t for r in arrived if r["kind"] == "monitor" for t in r["body"]["tags"]]
+        shown = by_css('#timeline .tl-group[data-debug="shop-debug"] li.tag')
+        assert [li.get_attribute("data-tag-id") for li in shown] == [t["id"] for t in made], [li.text for li in shown]
+        assert shown[0].get_attribute("data-tag-id") == "AI01", "the start-up tag comes first"
+        stamps = [t["timestamp"] for t in made]
+        assert stamps == sorted(stamps), stamps
 
-        # A request sent while the page is open appears without a reload.
+        # A second run of the example while the page is open appears without a reload.
         browser.execute_script("window.__sameDocument = true;")
-        answer = post(base, "/", data_submission(["pageview", "add_to_cart"], {"product_sku": "B2", "cart_total": 19.5},
-                                                 "update", NOW + 500))
-        wait_for("the live request", lambda: by_css('#requests li.request[data-id="%d"]' % answer["id"]))
+        run_example(args.example, base, cert, token, work, "shop-debug")
+        total = len(fetch_requests(base, cert))
+        assert total > len(arrived), total
+        wait_for("the second run's requests", lambda: len(by_css("#requests li.request")) == total)
         assert browser.execute_script("return window.__sameDocument === true;"), "the page was reloaded"
-        assert by_css("#requests li.request")[0].get_attribute("data-id") == str(answer["id"])
+        assert by_css("#requests li.request")[0].get_attribute("data-id") == str(total)
         assert "live" == by_css("#live")[0].text
 
-        by_css('#requests li.request[data-id="3"]')[0].click()
+        by_css('#requests li.request[data-id="%d"]' % products["id"])[0].click()
         wait_for("the variables table", lambda: by_css("#detail table.variables"))
         os.makedirs(os.path.dirname(os.path.abspath(args.screenshot)), exist_ok=True)
         browser.save_screenshot(args.screenshot)

@@ -11,7 +11,7 @@ if(TARGET tavrin-collector AND TARGET collector_server_test)
   add_dependencies(collector_server_test tavrin-collector)
 endif()
 
-if(TARGET tavrin-collector)
+if(TARGET tavrin-collector AND TAVRIN_BUILD_EXAMPLES)
   # Debian's python3-selenium lives with the system interpreter, not a user's.
   find_program(TAVRIN_SYSTEM_PYTHON python3 PATHS /usr/bin NO_DEFAULT_PATH)
   if(NOT TAVRIN_SYSTEM_PYTHON)
@@ -21,6 +21,7 @@ if(TARGET tavrin-collector)
     add_test(NAME collector.browser
              COMMAND ${TAVRIN_SYSTEM_PYTHON} ${CMAKE_CURRENT_LIST_DIR}/browser_test.py
                      --collector $<TARGET_FILE:tavrin-collector>
+                     --example $<TARGET_FILE:tavrin-shop-example>
                      --screenshot ${PROJECT_BINARY_DIR}/collector-ui.png)
     set_tests_properties(collector.browser PROPERTIES LABELS browser SKIP_RETURN_CODE 77 TIMEOUT 240)
   endif()
