@@ -56,103 +56,96 @@ TEST(CollectorShapeCheck, BodiesThatAreNotDocumentsAreInvalid) {
     for (const char* body : {"{\"version\": ", "[1,2]", "\"x\""}) EXPECT_EQ(classify("/", body).kind, RequestKind::invalid);
 }
 
+// One edit of a sample document that breaks one rule of the wire shapes.
 struct Mutation {
     const char* what;
-    const char* path;
-    std::function<Json()> document;
+    Json (*document)();
+    std::function<void(Json&)> edit;
     const char* problem;  // the one problem expected
 };
 
-Json edited(Json document, const std::function<void(Json&)>& edit) {
-    edit(document);
-    return document;
-}
+Json monitor() { return monitorReport(); }
 
-// Each mutation breaks one rule of the wire shapes and must produce exactly one problem.
+// Each mutation must produce exactly one problem, with its pointer.
 TEST(CollectorShapeCheck, EachBrokenRuleIsReportedOnceWithItsPointer) {
+    const auto data = dataSubmission, consent = consentSubmission, resend = offlineResend;
     const std::vector<Mutation> mutations = {
-        {"required member missing", "/", [] { return edited(dataSubmission(), [](Json& d) { d["system"].erase("initiator"); }); },
+        {"required member missing", data, [](Json& d) { d["system"].erase("initiator"); },
          "/system/initiator: missing (text expected)"},
-        {"user agent under the field name", "/",
-         [] { return edited(dataSubmission(), [](Json& d) {
-                 d["system"].erase("navigator-userAgent");
-                 d["system"]["navigatorUserAgent"] = "x";
-             }); },
+        {"user agent under the field name", data,
+         [](Json& d) {
+             d["system"].erase("navigator-userAgent");
+             d["system"]["navigatorUserAgent"] = "x";
+         },
          "/system/navigatorUserAgent: the user agent must be sent as \"navigator-userAgent\""},
-        {"timestamp as text", "/", [] { return edited(dataSubmission(), [](Json& d) { d["system"]["timestamp"] = "1795312800123"; }); },
+        {"timestamp as text", data, [](Json& d) { d["system"]["timestamp"] = "1795312800123"; },
          "/system/timestamp: is text, an integer expected"},
-        {"timestamp in seconds", "/", [] { return edited(dataSubmission(), [](Json& d) { d["system"]["timestamp"] = 1795312800; }); },
+        {"timestamp in seconds", data, [](Json& d) { d["system"]["timestamp"] = 1795312800; },
          "/system/timestamp: looks like seconds"},
-        {"unknown action", "/",
-         [] { return edited(dataSubmission(), [](Json& d) { d["data"]["identifier"]["session"]["action"] = "resume"; }); },
+        {"unknown action", data, [](Json& d) { d["data"]["identifier"]["session"]["action"] = "resume"; },
          "/data/identifier/session/action: is \"resume\", \"new\" or \"update\" expected"},
-        {"unknown environment", "/", [] { return edited(dataSubmission(), [](Json& d) { d["configuration"]["environment"] = "prod"; }); },
+        {"unknown environment", data, [](Json& d) { d["configuration"]["environment"] = "prod"; },
          "/configuration/environment: is \"prod\""},
-        {"optional version null", "/", [] { return edited(dataSubmission(), [](Json& d) { d["configuration"]["version"] = nullptr; }); },
+        {"optional version null", data, [](Json& d) { d["configuration"]["version"] = nullptr; },
          "/configuration/version: optional member written as null"},
-        {"optional debugcode null", "/", [] { return edited(consentSubmission(), [](Json& d) { d["configuration"]["debugcode"] = nullptr; }); },
+        {"optional debugcode null", consent, [](Json& d) { d["configuration"]["debugcode"] = nullptr; },
          "/configuration/debugcode: optional member written as null"},
-        {"optional enrichment null", "/", [] { return edited(dataSubmission(), [](Json& d) { d["data"]["enrichment"] = nullptr; }); },
+        {"optional enrichment null", data, [](Json& d) { d["data"]["enrichment"] = nullptr; },
          "/data/enrichment: optional member written as null"},
-        {"custom property null", "/", [] { return edited(dataSubmission(), [](Json& d) { d["data"]["variables"]["coupon"] = nullptr; }); },
+        {"custom property null", data, [](Json& d) { d["data"]["variables"]["coupon"] = nullptr; },
          "/data/variables/coupon: custom property is null"},
-        {"custom property object", "/",
-         [] { return edited(dataSubmission(), [](Json& d) { d["data"]["variables"]["cart"] = {{"sku", "A1"}}; }); },
+        {"custom property object", data, [](Json& d) { d["data"]["variables"]["cart"] = {{"sku", "A1"}}; },
          "/data/variables/cart: custom property is an object"},
-        {"pushed command not text", "/",
-         [] { return edited(dataSubmission(), [](Json& d) { d["data"]["variables"]["tvrpushedcommands"].push_back(3); }); },
+        {"pushed command not text", data, [](Json& d) { d["data"]["variables"]["tvrpushedcommands"].push_back(3); },
          "/data/variables/tvrpushedcommands/2: is an integer, text expected"},
-        {"vendor status missing", "/", [] { return edited(dataSubmission(), [](Json& d) { d["consent"]["vendorA"] = Json::object(); }); },
+        {"vendor status missing", data, [](Json& d) { d["consent"]["vendorA"] = Json::object(); },
          "/consent/vendorA/status: missing"},
-        {"enrichment argument object", "/",
-         [] { return edited(dataSubmission(), [](Json& d) { d["data"]["enrichment"]["geo"]["arguments"]["where"] = Json::object(); }); },
+        {"enrichment argument object", data,
+         [](Json& d) { d["data"]["enrichment"]["geo"]["arguments"]["where"] = Json::object(); },
          "/data/enrichment/geo/arguments/where: is an object"},
-        {"live marker says true", "/",
-         [] { return edited(dataSubmission(), [](Json& d) { d["data"]["variables"]["app_offline_cached_data"] = "true"; }); },
+        {"live marker says true", data, [](Json& d) { d["data"]["variables"]["app_offline_cached_data"] = "true"; },
          "/data/variables/app_offline_cached_data: a live send marks itself \"false\""},
-        {"resend time not decimal", "/", [] { return edited(offlineResend(), [](Json& d) { d["app_offline_resend_timestamp"] = "1.7e12"; }); },
+        {"resend time not decimal", resend, [](Json& d) { d["app_offline_resend_timestamp"] = "1.7e12"; },
          "/app_offline_resend_timestamp: is \"1.7e12\", a decimal string of milliseconds expected"},
-        {"resend time as a number", "/", [] { return edited(offlineResend(), [](Json& d) { d["app_offline_resend_timestamp"] = kNow; }); },
+        {"resend time as a number", resend, [](Json& d) { d["app_offline_resend_timestamp"] = kNow; },
          "/app_offline_resend_timestamp: is an integer, text expected"},
-        {"resend without its time", "/", [] { return edited(offlineResend(), [](Json& d) { d.erase("app_offline_resend_timestamp"); }); },
+        {"resend without its time", resend, [](Json& d) { d.erase("app_offline_resend_timestamp"); },
          "/app_offline_resend_timestamp: missing"},
-        {"resend marked false", "/", [] { return edited(offlineResend(), [](Json& d) { d["app_offline_cached_data"] = "false"; }); },
+        {"resend marked false", resend, [](Json& d) { d["app_offline_cached_data"] = "false"; },
          "/app_offline_cached_data: a resent submission carries \"true\""},
-        {"unexpected top-level member", "/", [] { return edited(dataSubmission(), [](Json& d) { d["debug"] = true; }); },
-         "/debug: unexpected member"},
-        {"vendor value a number", "/",
-         [] { return edited(consentSubmission(), [](Json& d) { d["data"]["consent"]["vendors"]["vendorC"] = 1; }); },
+        {"unexpected top-level member", data, [](Json& d) { d["debug"] = true; }, "/debug: unexpected member"},
+        {"vendor value a number", consent, [](Json& d) { d["data"]["consent"]["vendors"]["vendorC"] = 1; },
          "/data/consent/vendors/vendorC: is an integer, a boolean or text expected"},
-        {"vendorsChanged missing", "/", [] { return edited(consentSubmission(), [](Json& d) { d["data"]["consent"].erase("vendorsChanged"); }); },
+        {"vendorsChanged missing", consent, [](Json& d) { d["data"]["consent"].erase("vendorsChanged"); },
          "/data/consent/vendorsChanged: missing (an object expected)"},
-        {"consent id missing", "/",
-         [] { return edited(consentSubmission(), [](Json& d) { d["data"]["identifier"]["consent"].erase("id"); }); },
+        {"consent id missing", consent, [](Json& d) { d["data"]["identifier"]["consent"].erase("id"); },
          "/data/identifier/consent/id: missing"},
-        {"debug code misspelt", "/monitor",
-         [] { return edited(monitorReport(), [](Json& d) {
-                 d.erase("debugid");
-                 d["debugID"] = "dbg-42";
-             }); },
+        {"debug code misspelt", monitor,
+         [](Json& d) {
+             d.erase("debugid");
+             d["debugID"] = "dbg-42";
+         },
          "/debugID: the debug code must be sent as \"debugid\""},
-        {"event document id misspelt", "/monitor",
-         [] { return edited(monitorReport(), [](Json& d) {
-                 d.erase("eventDocumentId");
-                 d["eventDocumentID"] = "";
-             }); },
+        {"event document id misspelt", monitor,
+         [](Json& d) {
+             d.erase("eventDocumentId");
+             d["eventDocumentID"] = "";
+         },
          "/eventDocumentID: must be sent as \"eventDocumentId\""},
-        {"tags not an array", "/monitor", [] { return edited(monitorReport(), [](Json& d) { d["tags"] = Json::object(); }); },
+        {"tags not an array", monitor, [](Json& d) { d["tags"] = Json::object(); },
          "/tags: is an object, an array expected"},
-        {"tag response without statusText", "/monitor",
-         [] { return edited(monitorReport(), [](Json& d) { d["tags"][1]["http"]["response"].erase("statusText"); }); },
+        {"tag response without statusText", monitor,
+         [](Json& d) { d["tags"][1]["http"]["response"].erase("statusText"); },
          "/tags/1/http/response/statusText: missing"},
-        {"tag trigger without excludeTriggers", "/monitor",
-         [] { return edited(monitorReport(), [](Json& d) { d["tags"][0]["trigger"].erase("excludeTriggers"); }); },
+        {"tag trigger without excludeTriggers", monitor, [](Json& d) { d["tags"][0]["trigger"].erase("excludeTriggers"); },
          "/tags/0/trigger/excludeTriggers: missing"},
-        {"tag not an object", "/monitor", [] { return edited(monitorReport(), [](Json& d) { d["tags"].push_back("AS01"); }); },
+        {"tag not an object", monitor, [](Json& d) { d["tags"].push_back("AS01"); },
          "/tags/3: is text, a tag object expected"},
     };
     for (const auto& m : mutations) {
-        const auto result = classify(m.path, m.document().dump());
+        Json document = m.document();
+        m.edit(document);
+        const auto result = classify(m.document == monitor ? "/monitor" : "/", document.dump());
         EXPECT_THAT(result.problems, ElementsAre(HasSubstr(m.problem))) << m.what;
     }
 }

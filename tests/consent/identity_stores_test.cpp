@@ -1,6 +1,3 @@
-#include <sys/wait.h>
-#include <unistd.h>
-
 #include <gtest/gtest.h>
 
 #include <cmath>
@@ -16,6 +13,7 @@
 #include "tavrin/platform/clock.h"
 #include "tavrin/platform/internal/pattern.h"
 #include "tests/consent/store_fixture.h"
+#include "tests/support/child_process.h"
 
 namespace tavrin {
 namespace {
@@ -152,19 +150,15 @@ TEST_F(StoreTest, AcrossProcessesWhatOneProcessWritesTheNextReadsFromTheFile) {
     platform::Clock::setFixed(1731667200.123);
     // The child starts without an open store or cached values and writes
     // everything a first launch would.
-    const pid_t child = fork();
-    ASSERT_NE(child, -1);
-    if (child == 0) {
+    const auto childReport = testing::inChild([] {
         UserIDUtility().storeUserID(UserIDUtility::generateUserID());
         ConsentIDUtility("shop-app").storeConsentID("5d3e4f4a-0000-4000-8000-000000000001");
         VendorConsentsUtility().storeVendorConsents(kDecision);
         UserDefaultsUtility::setInt(1731667200123, "VendorConsents_lastupdate");
         TrackingSettings::configure(fullConfig());
-        _exit(0);
-    }
-    int status = 0;
-    ASSERT_EQ(waitpid(child, &status, 0), child);
-    ASSERT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
+        return std::string("done");
+    });
+    ASSERT_EQ(childReport, "done");
 
     forgetProcessState();
     const auto userID = UserIDUtility().retrieveUserID();

@@ -19,15 +19,6 @@ std::vector<std::string> tagIds() {
     return ids;
 }
 
-TEST(TrackingServiceBeforeConfigure, SharedThrowsNotInitialized) {
-    try {
-        TrackingService::shared();
-        FAIL() << "shared() returned without configure";
-    } catch (const TrackingServiceError& error) {
-        EXPECT_EQ(error.code(), TrackingServiceError::Code::notInitialized);
-    }
-}
-
 using SubmissionTest = EndToEndTest;
 
 TEST_F(SubmissionTest, DataSubmissionHasTheExactLayoutAndFirstPushWins) {
@@ -294,16 +285,22 @@ TEST(EndToEndChild, ExitWithWorkInFlight) {
     }
 }
 
+// Runs the exit child against `domain` and gives back its exit status and how long it took.
+std::pair<int, std::chrono::milliseconds> runExitChild(const std::string& domain, const TempDir& dir) {
+    std::chrono::milliseconds took{};
+    const int status = runChild("EndToEndChild.ExitWithWorkInFlight",
+                                {std::string(kDomainVariable) + "=" + domain,
+                                 std::string(kExitDirVariable) + "=" + dir.path().string()},
+                                std::chrono::seconds(30), &took);
+    return {status, took};
+}
+
 TEST_F(SubmissionTest, HostReturningFromMainWithWorkInFlightExitsCleanly) {
     server.setHandler([](const RecordedRequest&) {
         std::this_thread::sleep_for(std::chrono::milliseconds(20));  // keeps requests out at exit
         return ScriptedResponse{};
     });
-    std::chrono::milliseconds took{};
-    const int status = runChild("EndToEndChild.ExitWithWorkInFlight",
-                                {std::string(kDomainVariable) + "=" + hostPort(server.port()),
-                                 std::string(kExitDirVariable) + "=" + dir.path().string()},
-                                std::chrono::seconds(30), &took);
+    const auto [status, took] = runExitChild(hostPort(server.port()), dir);
     EXPECT_EQ(status, 0);
     EXPECT_LT(took, std::chrono::seconds(5));
     // The child ran (a skipped child also exits 0) and its work went out.
@@ -312,11 +309,7 @@ TEST_F(SubmissionTest, HostReturningFromMainWithWorkInFlightExitsCleanly) {
 
 TEST_F(SubmissionTest, HostReturningFromMainWhileTheServerIsSilentExitsInTime) {
     RawTcpServer silent;  // accepts and never answers: every request stays out
-    std::chrono::milliseconds took{};
-    const int status = runChild("EndToEndChild.ExitWithWorkInFlight",
-                                {std::string(kDomainVariable) + "=" + silent.baseUrl().substr(std::string("http://").size()),
-                                 std::string(kExitDirVariable) + "=" + dir.path().string()},
-                                std::chrono::seconds(30), &took);
+    const auto [status, took] = runExitChild(silent.baseUrl().substr(std::string("http://").size()), dir);
     EXPECT_EQ(status, 0);
     EXPECT_LT(took, std::chrono::seconds(5));
     EXPECT_TRUE(silent.waitForConnections(1, std::chrono::seconds(0)));

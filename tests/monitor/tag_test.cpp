@@ -2,6 +2,8 @@
 
 #include <gtest/gtest.h>
 
+#include "tests/support/decoding_assertions.h"
+
 namespace tavrin {
 namespace {
 
@@ -41,12 +43,9 @@ TEST(Tag, DecodingRequiresEveryMember) {
         Json* parent = &broken;
         for (std::size_t i = 0; i + 1 < path.size(); ++i) parent = &(*parent)[path[i]];
         parent->erase(path.back());
-        try {
-            Tag::decode(Decoder(broken));
-            ADD_FAILURE() << "decoded without " << path.back();
-        } catch (const DecodingError& e) {
-            EXPECT_EQ(e.kind(), DecodingError::Kind::keyNotFound) << path.back();
-        }
+        EXPECT_TRUE(testing::failsWith([&] { Tag::decode(Decoder(broken)); }, DecodingError::Kind::keyNotFound,
+                                       CodingPath(path.begin(), path.end() - 1)))
+            << path.back();
     }
     Json wrongType = full;
     wrongType["timestamp"] = 1.5;

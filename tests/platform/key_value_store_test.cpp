@@ -26,6 +26,7 @@
 
 #include "tavrin/platform/device_facts.h"
 #include "tavrin/platform/internal/sqlite_key_value_store.h"
+#include "tests/support/child_process.h"
 #include "tests/support/log_capture.h"
 #include "tests/support/temp_dir.h"
 
@@ -33,6 +34,8 @@ namespace tavrin::platform {
 namespace {
 
 namespace fs = std::filesystem;
+using testing::inChild;
+using testing::inChildrenAtOnce;
 using testing::LogCapture;
 using testing::TempDir;
 using Value = KeyValueStore::Value;
@@ -50,70 +53,6 @@ bool loggedError(const LogCapture& log, std::string_view part) {
     for (const auto& m : log.sink->messages(LogType::error))
         if (m.find(part) != std::string::npos) return true;
     return false;
-}
-
-// Runs `body` in a forked child and gives back what it returned, over a pipe
-// (assertions made in the child would not reach the parent).
-std::string inChild(const std::function<std::string()>& body) {
-    int fds[2];
-    if (pipe(fds) != 0) return "pipe failed";
-    const pid_t pid = fork();
-    if (pid == 0) {
-        close(fds[0]);
-        std::string out;
-        try {
-            out = body();
-        } catch (const std::exception& e) {
-            out = std::string("exception: ") + e.what();
-        }
-        (void)!write(fds[1], out.data(), out.size());
-        _exit(0);
-    }
-    close(fds[1]);
-    std::string out;
-    char buffer[512];
-    for (ssize_t n; (n = read(fds[0], buffer, sizeof buffer)) > 0;) out.append(buffer, static_cast<std::size_t>(n));
-    close(fds[0]);
-    int status = 0;
-    waitpid(pid, &status, 0);
-    return WIFEXITED(status) ? out : out + "child did not exit normally";
-}
-
-// Forks `count` children that start `body` at the same moment and gives back
-// what each returned.
-std::vector<std::string> inChildrenAtOnce(int count, const std::function<std::string(int)>& body) {
-    int gate[2];
-    if (pipe(gate) != 0) return {"pipe failed"};
-    std::vector<std::pair<pid_t, int>> children;
-    for (int i = 0; i < count; ++i) {
-        int out[2];
-        if (pipe(out) != 0) break;
-        const pid_t pid = fork();
-        if (pid == 0) {
-            close(gate[1]);
-            close(out[0]);
-            char byte;
-            (void)!read(gate[0], &byte, 1);  // returns when the parent closes the gate
-            const std::string report = body(i);
-            (void)!write(out[1], report.data(), report.size());
-            _exit(0);
-        }
-        close(out[1]);
-        children.emplace_back(pid, out[0]);
-    }
-    close(gate[0]);
-    close(gate[1]);
-    std::vector<std::string> reports;
-    for (auto [pid, fd] : children) {
-        std::string report;
-        char buffer[512];
-        for (ssize_t n; (n = read(fd, buffer, sizeof buffer)) > 0;) report.append(buffer, static_cast<std::size_t>(n));
-        close(fd);
-        int status = 0;
-        waitpid(pid, &status, 0);
-        reports.push_back(WIFEXITED(status) ? report : report + "child did not exit normally");
-    }
-    return reports;
 }
 
 // A connection of the test's own, as another program using the file would have.

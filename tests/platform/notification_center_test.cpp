@@ -114,16 +114,5 @@ TEST(NotificationCenter, ConcurrentPostsDeliverOnThePostingThread) {
     EXPECT_EQ(elsewhere.load(), 0) << "delivered on a thread that did not post";
 }
 
-TEST(NotificationCenter, DefaultCenterIsOneInstance) {
-    int calls = 0;
-    NotificationCenter::defaultCenter().addObserver(NotificationCenter::willTerminate,
-                                                    [&](const std::string&) { ++calls; });
-    NotificationCenter::defaultCenter().post(NotificationCenter::willTerminate);
-    EXPECT_EQ(calls, 1);
-    NotificationCenter::defaultCenter().removeAllObservers();
-    NotificationCenter::defaultCenter().post(NotificationCenter::willTerminate);
-    EXPECT_EQ(calls, 1);
-}
-
 }  // namespace
 }  // namespace tavrin::platform

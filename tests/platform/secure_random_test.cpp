@@ -5,13 +5,13 @@
 #include <linux/seccomp.h>
 #include <sys/prctl.h>
 #include <sys/syscall.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <array>
 #include <cerrno>
 #include <cstddef>
 #include <cstdio>
+#include <cstring>
 #include <limits>
 #include <regex>
 #include <set>
@@ -19,6 +19,7 @@
 #include <vector>
 
 #include "tavrin/platform/internal/uuid.h"
+#include "tests/support/child_process.h"
 
 namespace tavrin::platform {
 namespace {
@@ -87,21 +88,14 @@ TEST(SecureRandom, FillWritesEveryByte) {
 // own bytes, or parent and child would make the same identifiers.
 TEST(SecureRandom, ForkedChildNeverRepeatsTheParentsBytes) {
     SecureRandom::next64();  // the parent now holds a partly used block
-    int fds[2];
-    ASSERT_EQ(pipe(fds), 0);
-    const pid_t child = fork();
-    ASSERT_GE(child, 0);
-    if (child == 0) {
+    std::uint64_t childWords[4] = {};
+    const std::string bytes = testing::inChild([] {
         std::uint64_t words[4];
         for (auto& w : words) w = SecureRandom::next64();
-        _exit(write(fds[1], words, sizeof words) == sizeof words ? 0 : 1);
-    }
-    close(fds[1]);
-    std::uint64_t childWords[4] = {};
-    ASSERT_EQ(read(fds[0], childWords, sizeof childWords), static_cast<ssize_t>(sizeof childWords));
-    close(fds[0]);
-    int status = 0;
-    waitpid(child, &status, 0);
+        return std::string(reinterpret_cast<const char*>(words), sizeof words);
+    });
+    ASSERT_EQ(bytes.size(), sizeof childWords) << bytes;
+    std::memcpy(childWords, bytes.data(), sizeof childWords);
     for (const auto word : childWords) EXPECT_NE(word, SecureRandom::next64());
 }
 

@@ -5,13 +5,11 @@
 #include <sys/mount.h>
 #include <sys/socket.h>
 #include <sys/un.h>
-#include <sys/wait.h>
 #include <syslog.h>
 #include <unistd.h>
 
 #include <chrono>
 #include <cstring>
-#include <functional>
 #include <memory>
 #include <optional>
 #include <regex>
@@ -20,6 +18,7 @@
 #include <vector>
 
 #include "tests/support/capturing_sink.h"
+#include "tests/support/child_process.h"
 #include "tests/support/temp_dir.h"
 
 namespace tavrin::platform {
@@ -27,6 +26,7 @@ namespace {
 
 using namespace std::chrono_literals;
 using testing::CapturingSink;
+using testing::inChild;
 
 // A log daemon's socket: bound by the test at a path of its choosing.
 class LogSocket {
@@ -74,27 +74,6 @@ std::vector<std::string> parseDatagram(const std::string& datagram) {
 std::vector<std::string> expected(int priority, const std::string& ident, const std::string& message,
                                   pid_t pid = ::getpid()) {
     return {std::to_string(priority), ident, std::to_string(pid), message};
-}
-
-// Runs `body` in a forked child and returns what it returned, over a pipe.
-std::string inChild(const std::function<std::string()>& body) {
-    int fds[2];
-    if (::pipe(fds) != 0) return "pipe failed";
-    const pid_t pid = ::fork();
-    if (pid == 0) {
-        ::close(fds[0]);
-        const std::string out = body();
-        (void)!::write(fds[1], out.data(), out.size());
-        ::_exit(0);
-    }
-    ::close(fds[1]);
-    std::string out;
-    char buffer[512];
-    for (ssize_t n; (n = ::read(fds[0], buffer, sizeof buffer)) > 0;) out.append(buffer, static_cast<std::size_t>(n));
-    ::close(fds[0]);
-    int status = 0;
-    ::waitpid(pid, &status, 0);
-    return WIFEXITED(status) ? out : out + " (child did not exit normally)";
 }
 
 class SystemLogTest : public ::testing::Test {

@@ -43,6 +43,13 @@ bool CapturingSink::contains(std::string_view message) const {
     return false;
 }
 
+std::size_t CapturingSink::count(std::string_view message) const {
+    std::lock_guard lock(mutex_);
+    std::size_t found = 0;
+    for (const auto& r : records_) found += r.message == message;
+    return found;
+}
+
 void CapturingSink::clear() {
     std::lock_guard lock(mutex_);
     records_.clear();

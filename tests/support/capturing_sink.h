@@ -22,6 +22,8 @@ public:
     // Messages of one type only.
     std::vector<std::string> messages(platform::LogType type) const;
     bool contains(std::string_view message) const;
+    // How many records carry exactly this message.
+    std::size_t count(std::string_view message) const;
     void clear();
 
 private:

@@ -9,6 +9,7 @@
 #include <string_view>
 
 #include "tavrin/tracking/internal/dynamic_coding_key.h"
+#include "tests/support/decoding_assertions.h"
 
 namespace tavrin {
 namespace {
@@ -43,22 +44,15 @@ TEST(AnyCodableDecode, TriesBooleanIntegerDoubleTextDictionaryArrayInOrder) {
 }
 
 TEST(AnyCodableDecode, NullIsUnsupported) {
-    auto expectUnsupported = [](auto decode, const CodingPath& path) {
-        try {
-            decode();
-            ADD_FAILURE() << "decoded";
-        } catch (const DecodingError& e) {
-            EXPECT_EQ(e.kind(), DecodingError::Kind::typeMismatch);
-            EXPECT_EQ(e.debugDescription(), "Unsupported JSON value");
-            EXPECT_EQ(e.codingPath(), path);
-        }
+    const auto unsupported = [](auto decode, const CodingPath& path) {
+        return testing::failsWith(decode, DecodingError::Kind::typeMismatch, path, "Unsupported JSON value");
     };
-    expectUnsupported([] { return decodeText("null"); }, CodingPath{});
+    EXPECT_TRUE(unsupported([] { decodeText("null"); }, CodingPath{}));
     // A failing member fails its whole container, reported at the container's path.
-    expectUnsupported([] { return decodeText(R"({"a":[1,null]})"); }, CodingPath{});
-    expectUnsupported([] { return decodeJson<std::map<std::string, AnyCodable>>(R"({"ok":1,"k":{"x":null}})"); },
-                      CodingPath{"k"});
-    expectUnsupported([] { return decodeJson<std::vector<AnyCodable>>("[1,2,null]"); }, CodingPath{"Index 2"});
+    EXPECT_TRUE(unsupported([] { decodeText(R"({"a":[1,null]})"); }, CodingPath{}));
+    EXPECT_TRUE(unsupported([] { decodeJson<std::map<std::string, AnyCodable>>(R"({"ok":1,"k":{"x":null}})"); },
+                            CodingPath{"k"}));
+    EXPECT_TRUE(unsupported([] { decodeJson<std::vector<AnyCodable>>("[1,2,null]"); }, CodingPath{"Index 2"}));
 }
 
 TEST(AnyCodableEncode, WritesEachSupportedKind) {

@@ -125,10 +125,9 @@ TEST_F(TrackingServiceTest, PushStoresConvertedPropertiesDeviceFactsAndATag) {
     EXPECT_EQ(tags[1].encode(), Tag::makeInfo("AD01", tags[1].name, tags[1].timestamp, true).encode());
     EXPECT_GT(tags[0].timestamp, 1'600'000'000'000);
 
-    const auto info = log.sink->messages(platform::LogType::info);
-    EXPECT_EQ(std::count(info.begin(), info.end(), "Pushing data with track: defaultTrackCommand"), 1);
-    EXPECT_EQ(std::count(info.begin(), info.end(), "Pushing data with track: pageview"), 1);
-    EXPECT_EQ(std::count(info.begin(), info.end(), "AD01 push tag added to TagCache."), 2);
+    EXPECT_EQ(log.sink->count("Pushing data with track: defaultTrackCommand"), 1u);
+    EXPECT_EQ(log.sink->count("Pushing data with track: pageview"), 1u);
+    EXPECT_EQ(log.sink->count("AD01 push tag added to TagCache."), 2u);
     EXPECT_TRUE(log.sink->contains(R"({"nested":{"a":null,"b":1},"qty":3,"track":"pageview","type":"view"})"));
     EXPECT_TRUE(log.sink->messages(platform::LogType::error).empty());
 }

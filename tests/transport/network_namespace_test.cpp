@@ -16,13 +16,7 @@
 namespace tavrin::testing {
 namespace {
 
-class NetworkNamespaceTest : public TransportTest {
-protected:
-    std::size_t count(const std::string& line) {
-        const auto lines = log.sink->messages();
-        return static_cast<std::size_t>(std::count(lines.begin(), lines.end(), line));
-    }
-};
+using NetworkNamespaceTest = TransportTest;
 
 TEST_F(NetworkNamespaceTest, LosingTheDefaultRouteCachesAndRegainingItResendsOnceInOrder) {
     runInOwnNetworkNamespace([&] {
@@ -37,7 +31,7 @@ TEST_F(NetworkNamespaceTest, LosingTheDefaultRouteCachesAndRegainingItResendsOnc
         configure(trackConfig(hostPort(server.port())));
         auto manager = OfflineCacheManager::shared();
         manager->startNetworkMonitoring();
-        ASSERT_TRUE(waitUntil([&] { return count("Network status changed: Online") == 1; }));
+        ASSERT_TRUE(waitUntil([&] { return log.sink->count("Network status changed: Online") == 1; }));
 
         ip("route del default via 10.200.0.2");
         ASSERT_TRUE(waitUntil([&] { return manager->isCurrentlyOffline(); })) << "no offline report";
@@ -56,7 +50,7 @@ TEST_F(NetworkNamespaceTest, LosingTheDefaultRouteCachesAndRegainingItResendsOnc
             EXPECT_EQ(body["app_offline_cached_data"], "true");
             EXPECT_TRUE(body.contains("app_offline_resend_timestamp"));
         }
-        EXPECT_EQ(count("Cached requests successfully resent after regaining network connectivity."), 1u);
+        EXPECT_EQ(log.sink->count("Cached requests successfully resent after regaining network connectivity."), 1u);
 
         // Quick flaps with submissions in between: each delivered exactly once.
         for (int i = 0; i < 20; ++i) {
@@ -67,7 +61,7 @@ TEST_F(NetworkNamespaceTest, LosingTheDefaultRouteCachesAndRegainingItResendsOnc
         ASSERT_TRUE(waitUntil([&] { return server.requests().size() >= 23 && cached().empty(); }, std::chrono::seconds(20)))
             << server.requests().size() << " delivered, " << cached().size() << " cached";
         std::this_thread::sleep_for(std::chrono::milliseconds(300));
-        EXPECT_GT(count("Offline: Caching data submission request"), 3u) << "no flap was seen offline";
+        EXPECT_GT(log.sink->count("Offline: Caching data submission request"), 3u) << "no flap was seen offline";
         std::map<std::string, int> deliveries;
         for (const auto& request : server.requests())
             ++deliveries[Json::parse(request.body)["data"]["variables"]["mark"].get<std::string>()];

@@ -14,11 +14,6 @@ using namespace std::chrono_literals;
 using Type = OfflineCache::RequestType;
 using platform::PathStatus;
 
-std::size_t countLines(const LogCapture& log, const std::string& line) {
-    const auto lines = log.sink->messages();
-    return static_cast<std::size_t>(std::count(lines.begin(), lines.end(), line));
-}
-
 std::string markOf(const RecordedRequest& request) {
     const Json body = Json::parse(request.body);
     return body.contains("data") ? body["data"]["variables"]["mark"].get<std::string>() : "consent";
@@ -60,9 +55,9 @@ TEST_F(OfflineCacheManagerTest, WalkResendsInOrderSkipsMonitorRequestsAndDropsBa
     ASSERT_EQ(left.size(), 1u);
     EXPECT_EQ(left[0].type, Type::monitorRequest);
     EXPECT_EQ(left[0].retryCount, 0);
-    EXPECT_EQ(countLines(log, "dataSubmission request sent and removed from cache."), 2u);
-    EXPECT_EQ(countLines(log, "consentSubmission request sent and removed from cache."), 1u);
-    EXPECT_EQ(countLines(log, "Unknown request type: monitorRequest. Skipping."), 1u);
+    EXPECT_EQ(log.sink->count("dataSubmission request sent and removed from cache."), 2u);
+    EXPECT_EQ(log.sink->count("consentSubmission request sent and removed from cache."), 1u);
+    EXPECT_EQ(log.sink->count("Unknown request type: monitorRequest. Skipping."), 1u);
     const auto errors = log.sink->messages(platform::LogType::error);
     EXPECT_TRUE(std::any_of(errors.begin(), errors.end(), [](const std::string& line) {
         return line.rfind("Decoding error: ", 0) == 0 && line.ends_with(". Request will not be retried.");
@@ -117,15 +112,15 @@ TEST_F(OfflineCacheManagerTest, ExactlyOneResendPerOfflineToOnlineTransition) {
     path->setStatus(PathStatus::unsatisfied);  // offline twice: still one transition
     path->setStatus(PathStatus::satisfied);
     path->setStatus(PathStatus::satisfied);
-    ASSERT_TRUE(waitUntil([&] { return countLines(log, resent) == 1; }));
-    EXPECT_EQ(countLines(log, "Network status changed: Online"), 4u);
-    EXPECT_EQ(countLines(log, "Network status changed: Offline"), 2u);
+    ASSERT_TRUE(waitUntil([&] { return log.sink->count(resent) == 1; }));
+    EXPECT_EQ(log.sink->count("Network status changed: Online"), 4u);
+    EXPECT_EQ(log.sink->count("Network status changed: Offline"), 2u);
     cacheWhileOffline(*path, {"c"});
     path->setStatus(PathStatus::satisfied);
-    ASSERT_TRUE(waitUntil([&] { return countLines(log, resent) == 2; }));
+    ASSERT_TRUE(waitUntil([&] { return log.sink->count(resent) == 2; }));
     std::this_thread::sleep_for(100ms);  // room for a wrong extra walk
-    EXPECT_EQ(countLines(log, resent), 2u);
-    EXPECT_EQ(countLines(log, "0 expired requests removed from cache."), 2u);
+    EXPECT_EQ(log.sink->count(resent), 2u);
+    EXPECT_EQ(log.sink->count("0 expired requests removed from cache."), 2u);
     std::vector<std::string> marks;
     for (const auto& request : server.requests()) marks.push_back(markOf(request));
     EXPECT_EQ(marks, (std::vector<std::string>{"a", "b", "c"}));
@@ -162,7 +157,7 @@ TEST_F(OfflineCacheManagerTest, OnlyOneWalkRunsAndWalksAskedMeanwhileRunOnceAfte
     std::vector<std::string> marks;
     for (const auto& request : server.requests()) marks.push_back(markOf(request));
     EXPECT_EQ(marks, (std::vector<std::string>{"a", "b", "c"}));
-    EXPECT_EQ(countLines(log, "0 expired requests removed from cache."), 2u) << "the three waiting walks ran as one";
+    EXPECT_EQ(log.sink->count("0 expired requests removed from cache."), 2u) << "the three waiting walks ran as one";
     EXPECT_TRUE(cached().empty());
 }
 

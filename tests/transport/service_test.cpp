@@ -51,11 +51,8 @@ TEST_F(ServiceTest, PostsToTheDomainRootWithExactHeadersForDefaultAndCustomSchem
         EXPECT_EQ(requests[0].header("Content-Type"), "application/json");
         // Offline tracking off: the record goes out exactly as it encodes.
         EXPECT_EQ(requests[0].body, encodeJsonText(sampleSubmission()));
-        if (c.token.empty()) {
-            EXPECT_EQ(requests[0].header("Authorization"), std::nullopt);
-        } else {
-            EXPECT_EQ(requests[0].header("Authorization"), "Bearer " + c.token);
-        }
+        EXPECT_EQ(requests[0].header("Authorization"),
+                  c.token.empty() ? std::nullopt : std::optional<std::string>("Bearer " + c.token));
         EXPECT_TRUE(log.sink->contains("Constructing URL: " + url));
         EXPECT_TRUE(log.sink->contains("Initiating data submission request. URL: " + url));
         EXPECT_TRUE(log.sink->contains("Offline tracking enabled: false"));
