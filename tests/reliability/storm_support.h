@@ -28,6 +28,7 @@
 #include <cctype>
 #include <chrono>
 #include <condition_variable>
+#include <cstddef>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
@@ -47,7 +48,8 @@
 
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
 #define TAVRIN_STORM_SANITIZED 1
-#include <sanitizer/allocator_interface.h>
+// From the sanitizer runtime (the compiler's header for it is not always installed).
+extern "C" std::size_t __sanitizer_get_current_allocated_bytes();
 #endif
 
 namespace tavrin::testing {
@@ -88,6 +90,7 @@ struct Arrival {
     std::string id;
     bool resend = false;  // a cached data submission sent again (it carries the resend time)
     StormMode answer = StormMode::ok;
+    StormClock::time_point at{};
 };
 
 class StormServer {
@@ -103,7 +106,7 @@ public:
             throw std::runtime_error("storm server could not listen");
         port_ = ntohs(address.sin_port);
         wakeFd_ = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
-        arrivals_.reserve(8192);
+        arrivals_.resize(kCapacity);  // touched now, so recording adds no resident memory later
         thread_ = std::thread([this] { run(); });
     }
     ~StormServer() {
@@ -123,11 +126,12 @@ public:
 
     std::vector<Arrival> arrivals() const {
         std::lock_guard lock(mutex_);
-        return arrivals_;
+        return {arrivals_.begin(), arrivals_.begin() + static_cast<std::ptrdiff_t>(count_)};
     }
-    bool seen(const std::string& id) const {
+    // Arrivals beyond the capacity recorded ahead are counted, not kept.
+    std::size_t dropped() const {
         std::lock_guard lock(mutex_);
-        return std::any_of(arrivals_.begin(), arrivals_.end(), [&](const Arrival& a) { return a.id == id; });
+        return dropped_;
     }
 
 private:
@@ -201,7 +205,11 @@ private:
         const StormMode mode = mode_;
         {
             std::lock_guard lock(mutex_);
-            arrivals_.push_back({stormIdIn(body), body.find("\"app_offline_resend_timestamp\"") != std::string::npos, mode});
+            if (count_ < arrivals_.size())
+                arrivals_[count_++] = {stormIdIn(body), body.find("\"app_offline_resend_timestamp\"") != std::string::npos,
+                                       mode, StormClock::now()};
+            else
+                ++dropped_;
         }
         connection.received = std::string();
         switch (mode) {
@@ -231,22 +239,25 @@ private:
     std::atomic<StormMode> mode_{StormMode::ok};
     std::atomic<bool> stopping_{false};
     std::vector<Connection> connections_;  // the server thread's
+    static constexpr std::size_t kCapacity = 20000;
     mutable std::mutex mutex_;
     std::vector<Arrival> arrivals_;
+    std::size_t count_ = 0, dropped_ = 0;
     std::thread thread_;
 };
 
 // Counts the log lines the scenario follows; everything else is dropped.
 class StormLogWatch final : public platform::LogSink {
 public:
-    StormLogWatch() { cachedIds_.reserve(4096); }
+    StormLogWatch() { cachedIds_.resize(kCapacity); }
 
     bool isEnabled(platform::LogType type) const override { return type != platform::LogType::debug; }
     void write(const platform::LogRecord& record) override {
         const std::string_view message = record.message;
         std::lock_guard lock(mutex_);
         if (message.starts_with("Caching request payload: ")) {
-            cachedIds_.push_back(stormIdIn(message));
+            if (cachedCount_ < cachedIds_.size()) cachedIds_[cachedCount_] = stormIdIn(message);
+            ++cachedCount_;
         } else if (message == "Cached requests successfully resent after regaining network connectivity." ||
                    message == "Cached requests successfully resent.") {
             ++walksDone_;
@@ -256,9 +267,12 @@ public:
         changed_.notify_all();
     }
 
+    // Ids of the cached requests; an empty id for each one beyond the capacity.
     std::vector<std::string> cachedIds() const {
         std::lock_guard lock(mutex_);
-        return cachedIds_;
+        std::vector<std::string> ids(cachedIds_.begin(), cachedIds_.begin() + static_cast<std::ptrdiff_t>(std::min(cachedCount_, cachedIds_.size())));
+        ids.resize(cachedCount_);
+        return ids;
     }
     int walksDone() const {
         std::lock_guard lock(mutex_);
@@ -276,26 +290,32 @@ public:
 private:
     mutable std::mutex mutex_;
     mutable std::condition_variable changed_;
-    std::vector<std::string> cachedIds_;
+    static constexpr std::size_t kCapacity = 5000;
+    std::vector<std::string> cachedIds_;  // recorded ahead, as the server's arrivals
+    std::size_t cachedCount_ = 0;
     int walksDone_ = 0;
     int discards_ = 0;
 };
 
 // The futures of the host's calls, polled by one thread that notes when each
-// completed and how.
+// completed and how. The records are laid out ahead (ids and phases are short
+// enough to live inside their strings), so watching adds no memory later.
 class OperationWatch {
 public:
     struct Operation {
-        std::string id;
-        std::string phase;
-        StormClock::time_point started;
+        std::string id;     // at most 15 characters
+        std::string phase;  // at most 15 characters
+        bool live = false;  // made by the host's own loop, not by the driver
+        StormClock::time_point started{};
         std::chrono::milliseconds took{-1};  // until the future completed; -1 while it has not
         bool failed = false;
-        std::string error;
+        char error[96] = {};  // the start of the error's description
     };
 
     OperationWatch() {
-        operations_.reserve(8192);
+        operations_.resize(kCapacity);
+        pending_.reserve(kCapacity);
+        still_.reserve(kCapacity);
         thread_ = std::thread([this] { run(); });
     }
     ~OperationWatch() {
@@ -308,17 +328,16 @@ public:
     }
 
     template <class T>
-    void add(std::string id, std::string phase, StormClock::time_point started, std::future<T> future) {
+    void add(std::string id, std::string phase, bool live, StormClock::time_point started, std::future<T> future) {
         auto shared = std::make_shared<std::future<T>>(std::move(future));
         std::lock_guard lock(mutex_);
-        Operation operation;
+        if (count_ == operations_.size()) throw std::length_error("more calls than the watch holds");
+        auto& operation = operations_[count_];
         operation.id = std::move(id);
         operation.phase = std::move(phase);
+        operation.live = live;
         operation.started = started;
-        operations_.push_back(std::move(operation));
-        pending_.push_back({operations_.size() - 1, [shared] {
-                                return shared->wait_for(std::chrono::seconds(0)) == std::future_status::ready;
-                            },
+        pending_.push_back({count_++, [shared] { return shared->wait_for(std::chrono::seconds(0)) == std::future_status::ready; },
                             [shared] { shared->get(); }});
     }
 
@@ -332,15 +351,12 @@ public:
     }
     std::vector<Operation> operations() const {
         std::lock_guard lock(mutex_);
-        return operations_;
-    }
-    const Operation* find(const std::vector<Operation>& all, const std::string& id) const {
-        for (const auto& operation : all)
-            if (operation.id == id) return &operation;
-        return nullptr;
+        return {operations_.begin(), operations_.begin() + static_cast<std::ptrdiff_t>(count_)};
     }
 
 private:
+    static constexpr std::size_t kCapacity = 20000;
+
     struct Pending {
         std::size_t index;
         std::function<bool()> ready;
@@ -351,10 +367,10 @@ private:
         std::unique_lock lock(mutex_);
         while (!stopping_) {
             const auto now = StormClock::now();
-            std::vector<Pending> still;
+            still_.clear();
             for (auto& pending : pending_) {
                 if (!pending.ready()) {
-                    still.push_back(std::move(pending));
+                    still_.push_back(std::move(pending));
                     continue;
                 }
                 auto& operation = operations_[pending.index];
@@ -363,13 +379,13 @@ private:
                     pending.get();
                 } catch (const std::exception& e) {
                     operation.failed = true;
-                    operation.error = e.what();
+                    std::snprintf(operation.error, sizeof operation.error, "%s", e.what());
                 } catch (...) {
                     operation.failed = true;
-                    operation.error = "unknown";
+                    std::snprintf(operation.error, sizeof operation.error, "unknown");
                 }
             }
-            pending_.swap(still);
+            pending_.swap(still_);
             changed_.notify_all();
             changed_.wait_for(lock, std::chrono::milliseconds(5), [&] { return stopping_; });
         }
@@ -378,7 +394,8 @@ private:
     mutable std::mutex mutex_;
     mutable std::condition_variable changed_;
     std::vector<Operation> operations_;
-    std::vector<Pending> pending_;
+    std::size_t count_ = 0;
+    std::vector<Pending> pending_, still_;
     bool stopping_ = false;
     std::thread thread_;
 };
