@@ -16,9 +16,10 @@
 // Walks send one request at a time, so in the hang phase each cached request
 // costs a whole 30-second request timeout. Only two cached requests are
 // still pending when the hang phase starts; the host's own calls during it
-// run concurrently beside the walk (at most four at a time, so the walk always
-// finds one of the client's six connections free and every attempt reaches the
-// server).
+// run concurrently beside the walk, in two waves of fourteen, more than the
+// six connections the HTTP client keeps to one host, so many of them wait for
+// a connection that frees up only when an earlier request times out (and must
+// still end at their own timeout).
 
 #include <gtest/gtest.h>
 
@@ -305,9 +306,12 @@ TEST_F(ServerStormTest, HostIsNeverBlockedAndCachedRequestsGiveUpAtTheFourthFail
     server.setMode(M::hang);
     goOffline();
     const int walksBeforeHang = logWatch->walksDone();
-    path->setStatus(platform::PathStatus::satisfied);
-    resumeSubmitter({.phase = "hang", .interval = 100ms, .maxOutstanding = 4, .maxCalls = 8});
+    const std::size_t arrivalsBeforeHang = server.arrivals().size();
     const auto hangStarted = StormClock::now();
+    path->setStatus(platform::PathStatus::satisfied);
+    // The walk's first request holds a connection before the host's burst.
+    ASSERT_TRUE(waitUntil([&] { return server.arrivals().size() > arrivalsBeforeHang; }, 10s));
+    resumeSubmitter({.phase = "hang", .interval = 100ms, .maxOutstanding = 14, .maxCalls = 28});
     if (!logWatch->waitForWalks(walksBeforeHang + 1, 2 * kRequestTimeout + kTimeoutMargin)) {
         for (const auto& arrival : server.arrivals())
             if (arrival.at >= hangStarted)
