@@ -3,7 +3,9 @@
 #include <curl/curl.h>
 
 #include <algorithm>
+#include <chrono>
 #include <cmath>
+#include <cstdio>
 #include <deque>
 #include <exception>
 #include <mutex>
@@ -47,10 +49,15 @@ void logCompletionFailure(const std::string& what) {
     LoggerUtility::shared().error([&] { return "HTTP completion handler failed: " + what; });
 }
 
+using SteadyClock = std::chrono::steady_clock;
+
 // One request from send() to its completion.
 struct Transfer {
     HttpRequest request;
     HttpClient::Completion completion;
+    // send() plus the request's timeout: the limit covers the wait for a
+    // connection too.
+    SteadyClock::time_point deadline;
     CURL* easy = nullptr;
     curl_slist* headerList = nullptr;
     char errorBuffer[CURL_ERROR_SIZE] = {};
@@ -215,7 +222,7 @@ struct CurlHttpClient::Impl {
             int running = 0;
             curl_multi_perform(multi, &running);
             collectFinished();
-            curl_multi_poll(multi, nullptr, 0, kPollIntervalMs, nullptr);
+            curl_multi_poll(multi, nullptr, 0, expireOverdue(), nullptr);
         }
         for (auto& [easy, transfer] : active) {
             curl_multi_remove_handle(multi, easy);
@@ -312,6 +319,33 @@ struct CurlHttpClient::Impl {
         curl_easy_setopt(easy, CURLOPT_HTTPHEADER, t.headerList);
     }
 
+    // libcurl starts a request's timeout only once the request has a
+    // connection, so one queued behind the per-host connection limit (all
+    // connections held by a server that does not answer) would get its whole
+    // timeout again after waiting: twice the limit its caller was promised.
+    // Fails the requests past their deadline; returns how long the thread may
+    // wait for socket activity before the next deadline.
+    int expireOverdue() {
+        const auto now = SteadyClock::now();
+        auto wait = std::chrono::milliseconds(kPollIntervalMs);
+        for (auto it = active.begin(); it != active.end();) {
+            Transfer& transfer = *it->second;
+            if (transfer.deadline > now) {
+                wait = std::min(wait, std::chrono::ceil<std::chrono::milliseconds>(transfer.deadline - now));
+                ++it;
+                continue;
+            }
+            curl_multi_remove_handle(multi, it->first);
+            std::unique_ptr<Transfer> expired = std::move(it->second);
+            it = active.erase(it);
+            std::snprintf(expired->errorBuffer, sizeof expired->errorBuffer,
+                          "Operation timed out after %ld milliseconds", milliseconds(expired->request.timeoutSeconds));
+            expired->fail(std::make_exception_ptr(
+                detail::urlErrorFromCurl(CURLE_OPERATION_TIMEDOUT, 0, expired->errorBuffer)));
+        }
+        return static_cast<int>(wait.count());
+    }
+
     void collectFinished() {
         int queued = 0;
         while (CURLMsg* message = curl_multi_info_read(multi, &queued)) {
@@ -386,6 +420,7 @@ void CurlHttpClient::send(HttpRequest request, Completion completion) {
         transfer->fail(std::make_exception_ptr(UrlError(UrlError::Code::unsupportedURL)));
         return;
     }
+    transfer->deadline = SteadyClock::now() + std::chrono::milliseconds(milliseconds(request.timeoutSeconds));
     transfer->request = std::move(request);
     impl_->enqueue(std::move(transfer));
 }

@@ -238,6 +238,24 @@ TEST(CurlHttpClient, ShutdownAndDestructorCancelWaitingAndRunningRequests) {
     EXPECT_EQ(awaitError(std::move(inFlight)).code(), UrlError::Code::cancelled);
 }
 
+// A request waiting for one of the host's connections (both held by a server
+// that never answers) still ends at its own timeout, counted from send(),
+// also when a connection frees up shortly before that.
+TEST(CurlHttpClient, RequestsQueuedForAConnectionKeepTheirTimeout) {
+    RawTcpServer silent;
+    CurlHttpClient client(options([](auto& o) { o.maxConnectionsPerHost = 2; }));
+    using Clock = std::chrono::steady_clock;
+    std::vector<std::pair<Clock::time_point, std::future<HttpResponse>>> sent;
+    for (int i = 0; i < 6; ++i) {
+        if (i == 2) std::this_thread::sleep_for(400ms);  // the first two hold both connections
+        sent.emplace_back(Clock::now(), client.post(silent.baseUrl() + "/" + std::to_string(i), {}, toBytes("x"), 1));
+    }
+    for (auto& [at, future] : sent) {
+        EXPECT_EQ(awaitError(std::move(future)).code(), UrlError::Code::timedOut);
+        EXPECT_LT(Clock::now() - at, 1300ms) << "a queued request got its whole timeout again once connected";
+    }
+}
+
 TEST(CurlHttpClient, ACompletionThatThrowsIsLoggedAndTheClientGoesOn) {
     testing::LogCapture log;
     LoopbackServer server;
