@@ -17,7 +17,12 @@ void ConsentIDUtility::storeConsentID(const std::string& id) const {
 }
 
 std::optional<std::string> ConsentIDUtility::retrieveConsentID() const {
-    auto id = UserDefaultsUtility::string(consentIDKey);
+    std::string unreadable;
+    auto id = UserDefaultsUtility::string(consentIDKey, unreadable);
+    if (!unreadable.empty())
+        LoggerUtility::shared().warning([&] {
+            return "Consent ID: the value stored under key " + consentIDKey + " " + unreadable + "; it is ignored.";
+        });
     if (id)
         LoggerUtility::shared().info(
             [&] { return "Consent ID successfully retrieved from UserDefaults with key: " + consentIDKey + "."; });
@@ -25,6 +30,15 @@ std::optional<std::string> ConsentIDUtility::retrieveConsentID() const {
         LoggerUtility::shared().warning(
             [&] { return "No Consent ID found in UserDefaults with key " + consentIDKey + "."; });
     return id;
+}
+
+std::optional<std::string> ConsentIDUtility::whyUnusable(std::string_view id) {
+    if (id.empty()) return "it is empty";
+    if (id.size() > kMaxLength)
+        return std::to_string(id.size()) + " bytes, more than " + std::to_string(kMaxLength);
+    for (unsigned char c : id)
+        if (c < 0x21 || c > 0x7e) return "it holds bytes that are not printable ASCII";
+    return std::nullopt;
 }
 
 }  // namespace tavrin

@@ -68,7 +68,17 @@ void TrackingService::sendConsents(const std::map<std::string, ConsentStatus>& c
 
     std::string consentId;
     std::string consentAction;
-    if (auto stored = consentUtility->retrieveConsentID()) {
+    auto stored = consentUtility->retrieveConsentID();
+    if (stored) {
+        if (auto why = ConsentIDUtility::whyUnusable(*stored)) {
+            LoggerUtility::shared().warning([&] {
+                return "The Consent ID stored under key " + consentUtility->consentIDKey + " is not usable (" + *why +
+                       "); a new one is generated.";
+            });
+            stored.reset();
+        }
+    }
+    if (stored) {
         consentId = std::move(*stored);  // an upper-case id of an earlier version stays as it is
         consentAction = "update";
     } else {

@@ -37,11 +37,26 @@ void UserDefaultsUtility::setInt(std::int64_t value, const std::string& key) {
     cache(key, std::any(value));
 }
 
-std::optional<std::string> UserDefaultsUtility::string(const std::string& key) {
+namespace {
+const char* kindOf(const platform::KeyValueStore::Value& value) {
+    if (std::holds_alternative<std::string>(value)) return "text";
+    if (std::holds_alternative<std::int64_t>(value)) return "an integer";
+    return "data";
+}
+}  // namespace
+
+std::optional<std::string> UserDefaultsUtility::string(const std::string& key, std::string& unreadable) {
+    unreadable.clear();
     if (auto cached = readCache().objectAs<std::string>(key)) return cached;
     std::lock_guard lock(storeMutex());
     if (auto cached = readCache().objectAs<std::string>(key)) return cached;  // a write got in first
-    auto stored = store()->string(key);
+    std::optional<std::string> stored;
+    if (auto value = store()->value(key)) {
+        if (auto* text = std::get_if<std::string>(&*value))
+            stored = std::move(*text);
+        else
+            unreadable = std::string("is ") + kindOf(*value) + ", not text";
+    }
     if (stored)
         cache(key, std::any(*stored));
     else
@@ -89,6 +104,18 @@ void UserDefaultsUtility::writeEncoded(const std::string& key, const Bytes& enco
     cache(key, std::move(value));
 }
 
-std::optional<Bytes> UserDefaultsUtility::storedData(const std::string& key) { return store()->data(key); }
+std::optional<Bytes> UserDefaultsUtility::storedData(const std::string& key, std::string& unreadable) {
+    auto value = store()->value(key);
+    if (!value) return std::nullopt;
+    if (auto* bytes = std::get_if<Bytes>(&*value)) return std::move(*bytes);
+    unreadable = std::string("is ") + kindOf(*value) + ", not data";
+    return std::nullopt;
+}
+
+std::string UserDefaultsUtility::shortened(std::string text) {
+    constexpr std::size_t kLimit = 200;
+    if (text.size() > kLimit) text = text.substr(0, kLimit) + "...";
+    return text;
+}
 
 }  // namespace tavrin

@@ -17,7 +17,13 @@ void UserIDUtility::storeUserID(const std::string& id) const {
 }
 
 std::optional<std::string> UserIDUtility::retrieveUserID() const {
-    auto id = UserDefaultsUtility::string(userIDKey);
+    std::string unreadable;
+    auto id = UserDefaultsUtility::string(userIDKey, unreadable);
+    // A foreign value is named before the usual "not found" line, which alone
+    // would read like a fresh install.
+    if (!unreadable.empty())
+        LoggerUtility::shared().warning(
+            [&] { return "User ID: the value stored under key " + userIDKey + " " + unreadable + "; it is ignored."; });
     if (id)
         LoggerUtility::shared().info(
             [&] { return "User ID successfully retrieved from UserDefaults with key: " + userIDKey + "."; });

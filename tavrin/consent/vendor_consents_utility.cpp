@@ -22,16 +22,25 @@ void VendorConsentsUtility::storeVendorConsents(const VendorConsents& consents) 
 
 std::optional<VendorValues> VendorConsentsUtility::retrieveVendorConsents() const {
     auto& logger = LoggerUtility::shared();
-    if (auto data = UserDefaultsUtility::loadData(vendorConsentsKey)) {
+    std::string unreadable;
+    if (auto data = UserDefaultsUtility::loadData(vendorConsentsKey, unreadable)) {
         try {
             auto consents = decodeJson<VendorConsents>(platform::toString(*data));
             logger.info([&] {
                 return "Vendor consents successfully retrieved from UserDefaults with key: " + vendorConsentsKey + ".";
             });
             return toVendorValues(consents);
-        } catch (const DecodingError&) {
+        } catch (const DecodingError& error) {
+            unreadable = "could not be decoded (" + std::string(error.what()).substr(0, 200) + ")";
         }
     }
+    // Something stored that cannot be read is said before the line a fresh
+    // install also gets.
+    if (!unreadable.empty())
+        logger.warning([&] {
+            return "Vendor consents: the value stored under key " + vendorConsentsKey + " " + unreadable +
+                   "; they are ignored.";
+        });
     logger.warning([&] { return "No vendor consents found in UserDefaults with key " + vendorConsentsKey + "."; });
     return std::nullopt;
 }

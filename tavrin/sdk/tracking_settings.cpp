@@ -56,7 +56,13 @@ void TrackingSettings::configure(const TrackConfig& config) {
 }
 
 void TrackingSettings::loadConfigFromUserDefaults() {
-    auto config = UserDefaultsUtility::load<TrackConfig>(userDefaultsKey);
+    std::string unreadable;
+    auto config = UserDefaultsUtility::load<TrackConfig>(userDefaultsKey, unreadable);
+    if (!unreadable.empty())
+        LoggerUtility::shared().warning([&] {
+            return std::string("TrackConfig: the value stored under key ") + userDefaultsKey + " " + unreadable +
+                   "; it is ignored.";
+        });
     if (!config) {
         LoggerUtility::shared().warning("No TrackConfig found in UserDefaults.");
         return;

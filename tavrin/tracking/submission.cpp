@@ -40,7 +40,14 @@ namespace detail {
 std::pair<std::string, std::string> currentUserID(const UserIDUtility& utility) {
     // Leaked: submissions may still run on pool threads while statics are destroyed at exit.
     static const auto* pattern = new platform::Pattern("^[0-9]{1,5}[0-9]{13}[0-9]{1,5}$");
-    if (auto stored = utility.retrieveUserID(); stored && pattern->matches(*stored)) return {*stored, "update"};
+    if (auto stored = utility.retrieveUserID()) {
+        if (pattern->matches(*stored)) return {*stored, "update"};
+        // Replacing the identifier splits the user's history, so say why.
+        LoggerUtility::shared().warning([&] {
+            return "The User ID stored under key " + utility.userIDKey + " is not well formed (" +
+                   std::to_string(stored->size()) + " bytes); a new one is generated.";
+        });
+    }
     auto fresh = UserIDUtility::generateUserID();
     utility.storeUserID(fresh);
     return {std::move(fresh), "new"};

@@ -111,25 +111,32 @@ TEST_F(StoreTest, VendorConsentsStoresAndReadsBackAsVendorValues) {
               Lines{R"(Stored Vendor Consents (Raw JSON): {"x":"allow","y":"deny","z":"ncm"})"});
 }
 
+// Whatever is stored and unreadable is named first; the closing warning is
+// the one a fresh install gets.
 TEST_F(StoreTest, VendorConsentsAnyOtherStoredFormReadsAsAbsentWithTheWarning) {
     auto store = countReads();
     VendorConsentsUtility utility;
-    const std::vector<std::optional<platform::KeyValueStore::Value>> forms{
-        std::nullopt,                                                                  // nothing
-        platform::toBytes(R"({"x":"allow"})"),                                         // plain JSON
-        platform::toBytes("\"" + platform::base64Encode(R"({"x":"maybe"})") + "\""),  // unknown status
-        platform::toBytes("\"" + platform::base64Encode(R"(["allow"])") + "\""),      // not an object
-        platform::toBytes("\"" + platform::base64Encode("not json") + "\""),
-        std::string(R"({"x":"allow"})"),  // text instead of data
-        std::int64_t{1}};
-    for (const auto& form : forms) {
+    const std::string named = "Vendor consents: the value stored under key VendorConsents ";
+    const std::vector<std::pair<std::optional<platform::KeyValueStore::Value>, std::string>> forms{
+        {std::nullopt, ""},                                                                       // nothing
+        {platform::toBytes(R"({"x":"allow"})"), "could not be decoded ("},                        // plain JSON
+        {platform::toBytes("\"" + platform::base64Encode(R"({"x":"maybe"})") + "\""), "could not be decoded ("},
+        {platform::toBytes("\"" + platform::base64Encode(R"(["allow"])") + "\""), "could not be decoded ("},
+        {platform::toBytes("\"" + platform::base64Encode("not json") + "\""), "could not be decoded ("},
+        {std::string(R"({"x":"allow"})"), "is text, not data; they are ignored."},
+        {std::int64_t{1}, "is an integer, not data; they are ignored."}};
+    for (const auto& [form, why] : forms) {
         form ? store->inner().set("VendorConsents", *form) : store->inner().remove("VendorConsents");
         UserDefaultsUtility::resetCacheForTesting();
         log.sink->clear();
         EXPECT_EQ(utility.retrieveVendorConsents(), std::nullopt);
-        EXPECT_EQ(log.sink->messages(platform::LogType::error),
-                  Lines{"No vendor consents found in UserDefaults with key VendorConsents."});
-        EXPECT_EQ(log.sink->records().size(), 1u);
+        auto lines = log.sink->messages(platform::LogType::error);
+        ASSERT_EQ(lines.size(), why.empty() ? 1u : 2u) << why;
+        EXPECT_EQ(lines.back(), "No vendor consents found in UserDefaults with key VendorConsents.");
+        if (!why.empty()) {
+            EXPECT_EQ(lines.front().rfind(named + why, 0), 0u) << lines.front();
+        }
+        EXPECT_EQ(log.sink->records().size(), lines.size());
     }
 }
 

@@ -85,8 +85,15 @@ TEST_F(TrackingSettingsStore, NothingOrGarbageStoredLeavesTheInstanceInPlace) {
         UserDefaultsUtility::resetCacheForTesting();
         log.sink->clear();
         TrackingSettings::loadConfigFromUserDefaults();
-        EXPECT_EQ(log.sink->messages(platform::LogType::error), Lines{"No TrackConfig found in UserDefaults."});
-        EXPECT_EQ(log.sink->records().size(), 1u);
+        // A stored value that cannot be read is named before the usual warning.
+        auto lines = log.sink->messages(platform::LogType::error);
+        ASSERT_EQ(lines.size(), value ? 2u : 1u);
+        EXPECT_EQ(lines.back(), "No TrackConfig found in UserDefaults.");
+        if (value) {
+            EXPECT_EQ(lines.front().rfind("TrackConfig: the value stored under key com.tavrin.TrackingSettings ", 0), 0u)
+                << lines.front();
+        }
+        EXPECT_EQ(log.sink->records().size(), lines.size());
         EXPECT_EQ(TrackingSettings::shared(), before);
     }
 }

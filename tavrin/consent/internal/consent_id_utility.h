@@ -1,8 +1,10 @@
 #pragma once
 // The consent identifier of one tracking container in the key-value store.
 
+#include <cstddef>
 #include <optional>
 #include <string>
+#include <string_view>
 
 namespace tavrin {
 
@@ -19,6 +21,13 @@ public:
     void storeConsentID(const std::string& id) const;
     // Logs whether one was found.
     std::optional<std::string> retrieveConsentID() const;
+
+    // Why a stored identifier cannot be reported as it is (empty, longer
+    // than kMaxLength bytes, or a byte that is not printable ASCII); nothing
+    // when it can. Ours are 36-character UUIDs; anything else came from
+    // outside, and a byte that is not UTF-8 would reach the server altered.
+    static constexpr std::size_t kMaxLength = 128;
+    static std::optional<std::string> whyUnusable(std::string_view id);
 };
 
 }  // namespace tavrin

@@ -33,7 +33,14 @@ public:
 
     // A cached text as is; otherwise the store's value when it is text. The
     // result is cached; a miss removes the key's cache entry.
-    static std::optional<std::string> string(const std::string& key);
+    static std::optional<std::string> string(const std::string& key) {
+        std::string ignored;
+        return string(key, ignored);
+    }
+    // The same; when the key holds a value that is not text, `unreadable`
+    // says so ("is an integer, not text"), so the caller can name what it
+    // ignores. These reads stay silent themselves.
+    static std::optional<std::string> string(const std::string& key, std::string& unreadable);
 
     // Stores the value's JSON encoding as data under the key, flushes, and
     // caches the value itself. A byte buffer encodes as a JSON string of its
@@ -55,20 +62,34 @@ public:
     // success. Missing or undecodable data gives nothing, silently.
     static std::optional<Bytes> loadData(const std::string& key);
 
+    // The same, saying in `unreadable` why a value the key holds gave nothing.
+    static std::optional<Bytes> loadData(const std::string& key, std::string& unreadable) {
+        return load<Bytes>(key, unreadable);
+    }
+
     // A cached T as is; otherwise the store's data decoded as a T, cached on
     // success. Missing or undecodable data gives nothing, silently.
     template <class T>
     static std::optional<T> load(const std::string& key) {
+        std::string ignored;
+        return load<T>(key, ignored);
+    }
+    // The same; when the key holds something that is not data or does not
+    // decode, `unreadable` says what ("could not be decoded (...)").
+    template <class T>
+    static std::optional<T> load(const std::string& key, std::string& unreadable) {
+        unreadable.clear();
         if (auto cached = readCache().objectAs<T>(key)) return cached;
         std::lock_guard lock(storeMutex());
         if (auto cached = readCache().objectAs<T>(key)) return cached;  // a write got in first
-        auto data = storedData(key);
+        auto data = storedData(key, unreadable);
         if (!data) return std::nullopt;
         try {
             T value = decodeJson<T>(platform::toString(*data));
             cache(key, std::any(value));
             return value;
-        } catch (const DecodingError&) {
+        } catch (const DecodingError& error) {
+            unreadable = "could not be decoded (" + shortened(error.what()) + ")";
             return std::nullopt;
         }
     }
@@ -86,7 +107,11 @@ public:
 private:
     static void logSaveFailure(const std::string& key, const std::string& description);
     static void writeEncoded(const std::string& key, const Bytes& encoded, std::any value);
-    static std::optional<Bytes> storedData(const std::string& key);
+    // The store's data for the key; a value of another type gives nothing
+    // and says so in `unreadable`.
+    static std::optional<Bytes> storedData(const std::string& key, std::string& unreadable);
+    // Error texts may quote the stored value, which can be any size.
+    static std::string shortened(std::string text);
     // Held across each store access together with its cache update.
     static std::mutex& storeMutex();
     static void cache(const std::string& key, std::any value) { readCache().setObject(key, std::move(value)); }

@@ -89,10 +89,14 @@ private:
     void updateAny(const std::string& key, std::function<void(std::any&)> mutate);
     void clear();
 
-    // Reads take the queue's shared side; sync/drain do not change what is stored.
-    mutable platform::ConcurrentQueue queue_;
     platform::ObjectCache cache_;
     std::vector<PushPayload> pushPayloads_;
+    // Reads take the queue's shared side; sync/drain do not change what is stored.
+    // Declared last so it is destroyed first: at exit its thread runs the
+    // writes still queued (a tag added just before) while the cache and the
+    // push list are alive. The other way round, a process that had shut the
+    // SDK down cleanly could crash on its way out.
+    mutable platform::ConcurrentQueue queue_;
 };
 
 }  // namespace tavrin
