@@ -33,9 +33,17 @@ TEST(NetworkFlaps, EverySubmissionArrivesOnceOrItsFutureReportsTheFailure) {
     // intervals of 20-500 ms, 520 ms on average).
     const int meanGapMs = flaps * 520 / submissions;
 
+    // A collector takes a moment to answer, so route changes also catch
+    // requests in flight, live sends and resends alike.
+    network.server->setHandler([](const RecordedRequest&) {
+        thread_local std::mt19937 random(std::random_device{}());
+        std::this_thread::sleep_for(std::chrono::milliseconds(std::uniform_int_distribution<int>(0, 200)(random)));
+        return ScriptedResponse{};
+    });
+
     std::vector<std::string> ok, failed, hung;
     std::size_t left = 0;
-    long offlineReports = 0, cachedOffline = 0;
+    long offlineReports = 0, cachedOffline = 0, resendFailures = 0, discarded = 0;
     network.inClient([&] {
         ASSERT_TRUE(SplitNetwork::routeUp());
         LogCapture logs(LogLevel::info);
@@ -89,6 +97,10 @@ TEST(NetworkFlaps, EverySubmissionArrivesOnceOrItsFutureReportsTheFailure) {
         left = manager->offlineCache().getCachedRequests().size();
         offlineReports = linesWith("Network status changed: Offline");
         cachedOffline = linesWith("Offline: Caching data submission request");
+        for (const auto& line : logs.sink->messages()) {
+            if (line.rfind("Network error: ", 0) == 0 || line.rfind("Unexpected error: ", 0) == 0) ++resendFailures;
+            if (line.find("exceeded maximum retries") != std::string::npos) ++discarded;
+        }
         EXPECT_TRUE(TavrinService::shutdown(5s));
         platform::KeyValueStore::setDataDirectory(std::nullopt);
     });
@@ -115,7 +127,8 @@ TEST(NetworkFlaps, EverySubmissionArrivesOnceOrItsFutureReportsTheFailure) {
                 std::to_string(failed.size()) + " live sends failed with the error in the future (" +
                 std::to_string(failedButArrived) + " of them had reached the server); " + std::to_string(lost.size()) +
                 " silently lost, " + std::to_string(twice.size()) + " duplicated, " + std::to_string(left) +
-                " left in the cache");
+                " left in the cache; " + std::to_string(resendFailures) + " failed resend attempts, " +
+                std::to_string(discarded) + " cached requests discarded after their fourth failure");
 }
 
 }  // namespace
