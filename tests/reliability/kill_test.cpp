@@ -110,7 +110,8 @@ TEST(KillChild, SubmitsOfflineUntilKilled) {
     auto tracking = TrackingService::shared();
     CompletionReporter reporter;
     std::mt19937 random(std::random_device{}());
-    for (int i = 0, consent = 0; i < kOperations; ++i) {
+    const int operations = env("TAVRIN_NETFAULT_OPERATIONS").empty() ? kOperations : std::stoi(env("TAVRIN_NETFAULT_OPERATIONS"));
+    for (int i = 0, consent = 0; i < operations; ++i) {
         // A consent decision after every 15 submissions, each with a vendor of its own.
         if (i % (kOperations / kConsents) == kOperations / kConsents - 1) {
             const std::string vendor = "consent-" + round + "-" + std::to_string(consent++);
@@ -228,6 +229,50 @@ TEST(KillNine, WhatCompletedBeforeTheKillIsDeliveredOnceAtTheNextLaunch) {
                 " lost; " + std::to_string(delivered.total()) + " delivered at the next launch (in-flight ones included), " +
                 std::to_string(twice.size()) + " delivered twice; " + std::to_string(failed.size()) + " failed futures");
     std::printf("kills after 0 completions: %d, after all: %d\n", killedAfter0, killedAfterAll);
+}
+
+// An application killed without network is often launched again without
+// network, several times. Those launches must not use up the requests that
+// are waiting for it.
+TEST(KillNine, RequestsCachedOfflineOutliveLaunchesWithoutNetwork) {
+    SplitNetwork network;
+    if (const auto reason = network.setUp(); !reason.empty()) GTEST_SKIP() << reason;
+    TempDir dataDir;
+    constexpr int kLaunches = 6;  // more than a request's four attempts
+    std::set<std::string> completed;
+    std::size_t left = 0;
+    network.inClient([&] {
+        for (int launch = 0; launch <= kLaunches; ++launch) {
+            const bool offline = launch < kLaunches;
+            if (!offline) {
+                ASSERT_TRUE(SplitNetwork::routeUp());
+            }
+            ChildProcess child(offline ? "KillChild.SubmitsOfflineUntilKilled" : "KillChild.DeliversWithTheNetworkBack",
+                               {"TAVRIN_NETFAULT_DIR=" + dataDir.path().string(),
+                                "TAVRIN_NETFAULT_DOMAIN=" + network.domain(),
+                                "TAVRIN_NETFAULT_ROUND=" + std::to_string(launch), "TAVRIN_NETFAULT_OPERATIONS=16",
+                                std::string("TAVRIN_NETFAULT_ROLE=") + (offline ? "offline" : "deliver")});
+            ASSERT_TRUE(child.started());
+            while (const auto line = child.readLine(120s)) {
+                if (line->rfind("ok ", 0) == 0) completed.insert(line->substr(3));
+                if (line->rfind("left ", 0) == 0) left = std::stoul(line->substr(5));
+                if (*line == "done" || *line == "never-offline") break;
+            }
+            child.killNow();
+            child.wait(10s);
+        }
+    });
+    const auto delivered = Deliveries::of(*network.server);
+    std::vector<std::string> lost;
+    for (const auto& id : completed)
+        if (delivered.count(id) == 0) lost.push_back(id);
+    EXPECT_EQ(completed.size(), 16u * kLaunches);
+    EXPECT_TRUE(lost.empty()) << lost.size() << " lost, first " << lost.front();
+    EXPECT_TRUE(delivered.duplicated().empty());
+    EXPECT_EQ(left, 0u);
+    printFigure("launches without network: " + std::to_string(completed.size()) + " operations cached over " +
+                std::to_string(kLaunches) + " launches without network, " + std::to_string(lost.size()) +
+                " lost at the first launch with network");
 }
 
 }  // namespace
