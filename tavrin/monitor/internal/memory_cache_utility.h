@@ -88,10 +88,12 @@ private:
     void updateAny(const std::string& key, std::function<void(std::any&)> mutate);
     void clear();
 
-    // Reads take the queue's shared side; sync/drain do not change what is stored.
-    mutable platform::ConcurrentQueue queue_;
     platform::ObjectCache cache_;
     std::vector<PushPayload> pushPayloads_;
+    // Reads take the queue's shared side; sync/drain do not change what is stored.
+    // Declared last: destroyed first, so at exit its thread has applied the
+    // last write and ended before the values it writes to go away.
+    mutable platform::ConcurrentQueue queue_;
 };
 
 }  // namespace tavrin
