@@ -1,5 +1,7 @@
 #include "tavrin/transport/internal/offline_cache_manager.h"
 
+#include <utility>
+
 #include "tavrin/consent/internal/consent_model.h"
 #include "tavrin/monitor/internal/user_agent_utility.h"
 #include "tavrin/platform/clock.h"
@@ -153,6 +155,20 @@ void OfflineCacheManager::step(std::shared_ptr<Walk> walk) {
     try {
         std::lock_guard lock(walkMutex_);
         while (walk->next < walk->snapshot.size() && walk->generation == generation_) {
+            // A send without a path fails and uses up one of the request's
+            // attempts: a host launched again and again without network, or a
+            // link that drops during a walk, would have its requests discarded
+            // unsent. They stay untouched instead; regaining the path starts
+            // the next walk.
+            if (awaitingFirstPath_) {
+                log().info("Resending cached requests waits for the first network status.");
+                parkedWalk_ = std::move(walk);
+                return;
+            }
+            if (isCurrentlyOffline_.load()) {
+                log().info("Offline: Cached requests stay cached until the network returns.");
+                break;
+            }
             const std::size_t index = walk->next;
             const auto& request = walk->snapshot[index];
             auto done = [self = shared_from_this(), walk, index](std::exception_ptr error) {
@@ -268,6 +284,9 @@ bool OfflineCacheManager::endWalks(std::chrono::milliseconds timeout) {
         ++generation_;
         walkPending_ = false;
         dropped.swap(pendingWalk_);
+        // Without a monitor no first report comes: a waiting walk ends here.
+        awaitingFirstPath_ = false;
+        if (parkedWalk_) endWalk(std::exchange(parkedWalk_, nullptr));
         idle = walkIdle_.wait_for(lock, timeout, [&] { return !walkRunning_; });
     }
     offlineCache_->drain();
@@ -284,6 +303,10 @@ void OfflineCacheManager::startNetworkMonitoring() {
         log().warning("Network monitoring is already active.");
         return;
     }
+    {
+        std::lock_guard walkLock(walkMutex_);
+        awaitingFirstPath_ = true;
+    }
     auto monitor = platform::PathMonitor::make();
     monitor->setUpdateHandler([weak = weak_from_this()](platform::PathStatus status) {
         if (auto self = weak.lock()) self->handlePathUpdate(status != platform::PathStatus::satisfied);
@@ -296,6 +319,13 @@ void OfflineCacheManager::startNetworkMonitoring() {
 void OfflineCacheManager::handlePathUpdate(bool offline) {
     const bool wasOffline = isCurrentlyOffline_.exchange(offline);
     log().info(std::string("Network status changed: ") + (offline ? "Offline" : "Online"));
+    std::shared_ptr<Walk> parked;
+    {
+        std::lock_guard lock(walkMutex_);
+        awaitingFirstPath_ = false;
+        parked = std::move(parkedWalk_);
+    }
+    if (parked) platform::TaskPool::shared().detach([self = shared_from_this(), parked] { self->step(parked); });
     if (!wasOffline || offline) return;
     resendCachedRequests([](std::exception_ptr error) {
         if (!error) {

@@ -88,7 +88,8 @@ struct LoopbackServer::Impl {
     }
 };
 
-LoopbackServer::LoopbackServer(const std::optional<TlsFiles>& tls) : impl_(std::make_unique<Impl>()), tls_(tls.has_value()) {
+LoopbackServer::LoopbackServer(const std::optional<TlsFiles>& tls, std::string host)
+    : impl_(std::make_unique<Impl>()), host_(std::move(host)), tls_(tls.has_value()) {
     if (tls) {
         auto server = std::make_unique<httplib::SSLServer>(tls->certificate.c_str(), tls->privateKey.c_str());
         if (!server->is_valid()) throw std::runtime_error("TLS server rejected its certificate or key");
@@ -104,7 +105,7 @@ LoopbackServer::LoopbackServer(const std::optional<TlsFiles>& tls) : impl_(std::
     server.set_keep_alive_max_count(1000);
     auto route = [impl = impl_.get()](const httplib::Request& req, httplib::Response& res) { impl->handle(req, res); };
     server.Get(".*", route).Post(".*", route).Put(".*", route);
-    port_ = server.bind_to_any_port("127.0.0.1");
+    port_ = server.bind_to_any_port(host_);
     if (port_ <= 0) throw std::runtime_error("loopback server could not bind");
     impl_->thread = std::thread([&server] { server.listen_after_bind(); });
 }
@@ -115,7 +116,7 @@ LoopbackServer::~LoopbackServer() {
 }
 
 std::string LoopbackServer::baseUrl() const {
-    return std::string(tls_ ? "https" : "http") + "://127.0.0.1:" + std::to_string(port_);
+    return std::string(tls_ ? "https" : "http") + "://" + host_ + ":" + std::to_string(port_);
 }
 
 void LoopbackServer::setHandler(Handler handler) {

@@ -47,12 +47,14 @@ struct TlsFiles {
 class LoopbackServer {
 public:
     using Handler = std::function<ScriptedResponse(const RecordedRequest&)>;
-    // Plain HTTP, or HTTPS with the given certificate and key.
-    explicit LoopbackServer(const std::optional<TlsFiles>& tls = std::nullopt);
+    // Plain HTTP, or HTTPS with the given certificate and key. `host` is the
+    // address to listen on: another one than loopback serves clients in a
+    // neighbouring network namespace.
+    explicit LoopbackServer(const std::optional<TlsFiles>& tls = std::nullopt, std::string host = "127.0.0.1");
     ~LoopbackServer();
 
     int port() const noexcept { return port_; }
-    std::string baseUrl() const;  // "http://127.0.0.1:<port>" (https for TLS)
+    std::string baseUrl() const;  // "http://<host>:<port>" (https for TLS)
     void setHandler(Handler handler);  // runs on a server thread
     void respondWith(ScriptedResponse response) {
         setHandler([response](const RecordedRequest&) { return response; });
@@ -62,6 +64,7 @@ public:
 private:
     struct Impl;
     std::unique_ptr<Impl> impl_;
+    std::string host_;
     int port_ = 0;
     bool tls_ = false;
 };

@@ -189,5 +189,52 @@ TEST_F(OfflineCacheManagerTest, NoWalkWritesAfterShutdownReturns) {
     EXPECT_EQ(cached().size(), 2u);
 }
 
+// A path monitor that reports only when the test says so.
+class HeldPathMonitor final : public platform::PathMonitor {
+public:
+    void setUpdateHandler(UpdateHandler handler) override { handler_ = std::move(handler); }
+    void start(platform::SerialQueue&) override {}
+    void cancel() override {}
+    void report(PathStatus status) { handler_(status); }
+
+private:
+    UpdateHandler handler_;
+};
+
+TEST_F(OfflineCacheManagerTest, WalksLeaveRequestsUntouchedUntilAPathIsReported) {
+    LoopbackServer server;
+    configure(trackConfig(hostPort(server.port())));
+    cacheRaw(Type::dataSubmission, encodeJsonText(sampleSubmission("a")));
+    auto path = std::make_shared<HeldPathMonitor>();
+    platform::PathMonitor::setFactory([path]() -> std::shared_ptr<platform::PathMonitor> { return path; });
+    auto manager = OfflineCacheManager::shared();
+    manager->startNetworkMonitoring();
+
+    // Before the first report the path is unknown: the walk waits for it.
+    auto walk = manager->resendCachedRequests();
+    EXPECT_EQ(walk.wait_for(200ms), std::future_status::timeout);
+    path->report(PathStatus::unsatisfied);
+    ASSERT_EQ(walk.wait_for(5s), std::future_status::ready);
+    manager->offlineCache().drain();
+    EXPECT_TRUE(server.requests().empty());
+    ASSERT_EQ(cached().size(), 1u);
+    EXPECT_EQ(cached()[0].retryCount, 0) << "an attempt was used up without a path";
+    EXPECT_TRUE(log.sink->contains("Offline: Cached requests stay cached until the network returns."));
+
+    path->report(PathStatus::satisfied);
+    ASSERT_TRUE(waitUntil([&] { return server.requests().size() == 1 && cached().empty(); }));
+
+    // A walk still waiting when monitoring stops ends with the request kept.
+    manager->stopNetworkMonitoring();
+    cacheRaw(Type::dataSubmission, encodeJsonText(sampleSubmission("b")));
+    manager->startNetworkMonitoring();
+    auto waiting = manager->resendCachedRequests();
+    EXPECT_EQ(waiting.wait_for(100ms), std::future_status::timeout);
+    manager->stopNetworkMonitoring();
+    EXPECT_EQ(waiting.wait_for(5s), std::future_status::ready);
+    EXPECT_EQ(server.requests().size(), 1u);
+    EXPECT_EQ(cached().size(), 1u);
+}
+
 }  // namespace
 }  // namespace tavrin::testing

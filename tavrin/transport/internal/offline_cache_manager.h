@@ -119,6 +119,10 @@ private:
     std::vector<Completion> pendingWalk_;
     bool walkPending_ = false;
     std::uint64_t generation_ = 0;
+    // Between starting the monitor and its first report the path is unknown:
+    // a walk that would send then waits here for the report.
+    bool awaitingFirstPath_ = false;
+    std::shared_ptr<Walk> parkedWalk_;
 
     // Declared last: destroyed first, after the monitor is cancelled.
     platform::SerialQueue monitorQueue_;
