@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
+#include <optional>
 #include <string>
 #include <string_view>
 
@@ -26,21 +27,53 @@ inline void require(bool holds, const char* what, std::string_view detail = {}) 
     if (!holds) fail(what, detail);
 }
 
+// Whether every member and element of `part` is in `whole` with an equal
+// value (objects by key, arrays element by element, numbers by value): a
+// re-encoded record may leave out what it does not keep (unknown members,
+// null optionals) but must not alter or invent anything.
+inline bool containedIn(const Json& part, const Json& whole) {
+    if (part.is_object()) {
+        if (!whole.is_object()) return false;
+        for (auto it = part.begin(); it != part.end(); ++it) {
+            const auto found = whole.find(it.key());
+            if (found == whole.end() || !containedIn(it.value(), *found)) return false;
+        }
+        return true;
+    }
+    if (part.is_array()) {
+        if (!whole.is_array() || part.size() != whole.size()) return false;
+        for (std::size_t i = 0; i < part.size(); ++i)
+            if (!containedIn(part[i], whole[i])) return false;
+        return true;
+    }
+    return part == whole;
+}
+
+enum class Fidelity {
+    subset,  // a record: its encoding is contained in the input
+    exact,   // a bare value: its encoding is the input, member order aside
+};
+
 // Decodes T from the text; the only failure a decoder may report is a
 // DecodingError (anything else escapes and is a finding). What decoded must
 // encode again (it came from JSON, so it has a JSON form), decode from that
-// text to an equal value, and encode to the same text a second time.
+// text to an equal value, and encode to the same text a second time; its
+// encoding keeps what the input said (see Fidelity).
 // `encode` and `decode` name the record's own codec functions.
 template <class T, class Encode, class Decode>
-void checkRoundTrip(std::string_view text, Encode encode, Decode decode) {
+void checkRoundTrip(std::string_view text, Encode encode, Decode decode, Fidelity fidelity) {
     std::optional<T> first;
+    Json input;
     try {
-        const Json root = Decoder::parse(text);
-        first = decode(Decoder(root));
+        input = Decoder::parse(text);
+        first = decode(Decoder(input));
     } catch (const DecodingError&) {
         return;
     }
-    const std::string encoded = platform::dumpJson(encode(*first));
+    const Json encodedJson = encode(*first);
+    const std::string encoded = platform::dumpJson(encodedJson);
+    require(containedIn(encodedJson, input), "the encoding alters or adds to the input", encoded);
+    if (fidelity == Fidelity::exact) require(containedIn(input, encodedJson), "the encoding loses part of the input", encoded);
     T second = [&] {
         try {
             const Json root = Decoder::parse(encoded);
@@ -55,16 +88,17 @@ void checkRoundTrip(std::string_view text, Encode encode, Decode decode) {
 
 // For records with member encode()/decode().
 template <class T>
-void checkRecordRoundTrip(std::string_view text) {
+void checkRecordRoundTrip(std::string_view text, Fidelity fidelity = Fidelity::subset) {
     checkRoundTrip<T>(
-        text, [](const T& value) { return value.encode(); }, [](const Decoder& d) { return T::decode(d); });
+        text, [](const T& value) { return value.encode(); }, [](const Decoder& d) { return T::decode(d); }, fidelity);
 }
 
 // For public records with free encodeJson / JsonDecode<T>.
 template <class T>
-void checkCodedRoundTrip(std::string_view text) {
+void checkCodedRoundTrip(std::string_view text, Fidelity fidelity = Fidelity::subset) {
     checkRoundTrip<T>(
-        text, [](const T& value) { return encodeJson(value); }, [](const Decoder& d) { return JsonDecode<T>::decode(d); });
+        text, [](const T& value) { return encodeJson(value); }, [](const Decoder& d) { return JsonDecode<T>::decode(d); },
+        fidelity);
 }
 
 }  // namespace tavrin::fuzz
