@@ -98,7 +98,11 @@ void TrackingService::sendConsents(const std::map<std::string, ConsentStatus>& c
 
     // Vendors dropped from the decision are deliberately not reported.
     VendorValues changed;
-    for (const auto& [vendor, value] : mapped) {
+    for (const auto& entry : mapped) {
+        // Plain references, not a structured binding: the log lambdas capture
+        // the name, which clang accepts only from version 16 on.
+        const std::string& vendor = entry.first;
+        const VendorValue& value = entry.second;
         const auto found = previous.find(vendor);
         if (found == previous.end()) {
             logger.debug([&] { return "Key '" + vendor + "' is new. Adding to vendorChangesMapped."; });

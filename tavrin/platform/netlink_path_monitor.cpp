@@ -143,8 +143,13 @@ private:
             if (n < 0) return fail("receive", errno);
             if (truncated) return fail("receive", EMSGSIZE);
             int length = static_cast<int>(n);
+            // NLMSG_OK compares the header's unsigned length with this int; GCC
+            // hides that inside the system macro, clang warns.
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wsign-compare"
             for (auto* h = reinterpret_cast<const nlmsghdr*>(buffer_.data()); NLMSG_OK(h, length);
                  h = NLMSG_NEXT(h, length)) {
+#pragma GCC diagnostic pop
                 if (h->nlmsg_seq != sequence_) continue;  // a late answer to an abandoned request
                 if (h->nlmsg_flags & NLM_F_DUMP_INTR) interrupted = true;
                 if (h->nlmsg_type == NLMSG_DONE) return interrupted ? Outcome::interrupted : Outcome::ok;

@@ -71,7 +71,10 @@ CodableValue flatArray(const std::string& key, const AnyValue::Array& elements) 
 std::map<std::string, CodableValue> validatedCustomProperties(const AnyValue::Dictionary& properties) {
     std::map<std::string, CodableValue> result;
     auto& logger = LoggerUtility::shared();
-    for (const auto& [key, value] : properties) {
+    for (const auto& entry : properties) {
+        // Not a structured binding: the log lambdas capture the key (clang < 16 cannot).
+        const std::string& key = entry.first;
+        const AnyValue& value = entry.second;
         if (isReserved(key)) {
             logger.debug([&] { return "Warning: " + key + " is a reserved key and cannot be set."; });
             continue;

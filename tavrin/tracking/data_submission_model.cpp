@@ -28,7 +28,8 @@ Json member(const std::string& key, F&& encode) {
 template <class T, class Encode>
 Json members(const std::map<std::string, T>& values, Encode&& encode) {
     Json out = Json::object();
-    for (const auto& [key, value] : values) out[key] = member(key, [&] { return encode(value); });
+    // Not a structured binding: the lambda captures the value (clang < 16 cannot).
+    for (const auto& entry : values) out[entry.first] = member(entry.first, [&] { return encode(entry.second); });
     return out;
 }
 
@@ -79,7 +80,8 @@ Json Variables::encode() const {
     out["document_location_href"] = documentLocationHref;
     out["fb_browser_id"] = fbBrowserId;
     out["tvrpushedcommands"] = encodeJson(tvrpushedcommands);
-    for (const auto& [name, value] : customProperties) out[name] = member(name, [&] { return encodeJson(value); });
+    for (const auto& entry : customProperties)
+        out[entry.first] = member(entry.first, [&] { return encodeJson(entry.second); });
     return out;
 }
 

@@ -60,8 +60,10 @@ std::map<std::string, CodableValue> resolveArguments(const AnyValue::Dictionary&
                                                      const ProductData& productData) {
     std::map<std::string, CodableValue> resolved;
     auto& logger = LoggerUtility::shared();
-    for (const auto& [name, value] : arguments) {
-        auto result = resolve(value, pushes, productData);
+    for (const auto& entry : arguments) {
+        // Not a structured binding: the log lambda captures the name (clang < 16 cannot).
+        const std::string& name = entry.first;
+        auto result = resolve(entry.second, pushes, productData);
         logger.info([&] {
             return "Resolved argument '" + name + "': " + describe(result.value_or(CodableValue::string("")));
         });

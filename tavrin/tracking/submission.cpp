@@ -89,7 +89,10 @@ std::future<void> TrackingService::submitData(std::optional<std::string> state, 
     // The first push that set a key wins within one submission.
     std::map<std::string, CodableValue> aggregate;
     for (auto& payload : payloads) {
-        for (auto& [key, value] : payload.customProperties) {
+        for (auto& entry : payload.customProperties) {
+            // Not a structured binding: the log lambdas capture the key (clang < 16 cannot).
+            const std::string& key = entry.first;
+            auto& value = entry.second;
             if (aggregate.contains(key)) {
                 logger.debug([&] { return "Skipping duplicate key during push aggregation: " + key; });
             } else {

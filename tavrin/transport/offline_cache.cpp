@@ -182,7 +182,10 @@ std::vector<OfflineCache::Request> OfflineCache::getCachedRequests() const {
 
 void OfflineCache::loadCache() {
     const auto records = store_->values(kRecordPrefix);
-    for (const auto& [key, value] : records) {
+    for (const auto& record : records) {
+        // Not a structured binding: the log lambda captures the key (clang < 16 cannot).
+        const std::string& key = record.first;
+        const auto& value = record.second;
         std::uint64_t sequence = 0;
         const std::string_view digits = std::string_view(key).substr(kRecordPrefix.size());
         const auto [end, ec] = std::from_chars(digits.data(), digits.data() + digits.size(), sequence);
