@@ -12,7 +12,8 @@ dir=build/fuzz
 mkdir -p build
 
 echo "=== configure $dir (clang++, libFuzzer)"
-cmake -S . -B "$dir" -DCMAKE_BUILD_TYPE=RelWithDebInfo -DCMAKE_CXX_COMPILER=clang++ -DTAVRIN_BUILD_FUZZERS=ON \
+# shellcheck disable=SC2086 # an optional -D argument
+cmake -S . -B "$dir" -DCMAKE_BUILD_TYPE=RelWithDebInfo -DCMAKE_CXX_COMPILER=clang++ ${TAVRIN_FUZZ_LAUNCHER:-} -DTAVRIN_BUILD_FUZZERS=ON \
   -DTAVRIN_BUILD_TESTS=OFF -DTAVRIN_BUILD_TOOLS=OFF -DTAVRIN_BUILD_EXAMPLES=OFF -DTAVRIN_BUILD_BENCHMARKS=OFF \
   >"$dir.configure.log" 2>&1 || { cat "$dir.configure.log"; exit 1; }
 

@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
 # Installs dependencies, builds (Release, as users build it) and runs the whole suite, then builds and runs it
-# again under ThreadSanitizer and under AddressSanitizer + UndefinedBehaviorSanitizer.
+# again under ThreadSanitizer and under AddressSanitizer + UndefinedBehaviorSanitizer; then fuzzes each decoder
+# for 60 seconds (scripts/fuzz.sh).
 set -uo pipefail
 cd "$(dirname "$0")/.."
 
@@ -13,7 +14,7 @@ bash scripts/bootstrap || exit 1
 run_suite() {
   local dir=$1 targets=$2 label=$3; shift 4
   echo "=== configure $dir ($*)"
-  cmake -S . -B "$dir" -DCMAKE_BUILD_TYPE=RelWithDebInfo "$@" >"$dir.configure.log" 2>&1 \
+  cmake -S . -B "$dir" -DCMAKE_BUILD_TYPE=RelWithDebInfo "${launcher[@]}" "$@" >"$dir.configure.log" 2>&1 \
     || { cat "$dir.configure.log"; return 1; }
   echo "=== build $dir"
   local target_args=()
@@ -27,6 +28,14 @@ run_suite() {
   (cd "$dir" && ctest --output-on-failure --no-tests=error -j "$jobs" --timeout 300 "${label_args[@]}")
 }
 
+# Three builds of the same sources: a compiler cache makes repeated runs cheap.
+launcher=()
+if command -v ccache >/dev/null; then
+  launcher=(-DCMAKE_CXX_COMPILER_LAUNCHER=ccache)
+  # Paths relative to the checkout, so another clone of it hits the same cache.
+  export CCACHE_BASEDIR="${CCACHE_BASEDIR:-$PWD}" CCACHE_NOHASHDIR="${CCACHE_NOHASHDIR:-1}"
+fi
+
 mkdir -p build
 run_suite build/release "" "" -- -DCMAKE_BUILD_TYPE=Release || status=1
 
@@ -35,6 +44,8 @@ run_suite build/tsan "" "" -- -DTAVRIN_SANITIZE=thread || status=1
 
 ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 \
   run_suite build/asan "" "" -- -DTAVRIN_SANITIZE=address || status=1
+
+TAVRIN_FUZZ_LAUNCHER="${launcher[*]}" bash scripts/fuzz.sh || status=1
 
 if [ $status -ne 0 ]; then echo "test.sh: FAILED"; else echo "test.sh: all suites passed"; fi
 exit $status

@@ -27,6 +27,7 @@
 #include "tests/support/log_capture.h"
 #include "tests/support/loopback_server.h"
 #include "tests/support/temp_dir.h"
+#include "tests/support/wait_until.h"
 
 namespace tavrin::testing {
 
@@ -69,16 +70,6 @@ inline TrackConfig trackConfig(std::string domain, std::optional<std::string> cu
 }
 
 inline std::string hostPort(int port) { return "127.0.0.1:" + std::to_string(port); }
-
-inline bool waitUntil(const std::function<bool()>& condition,
-                      std::chrono::milliseconds timeout = std::chrono::seconds(10)) {
-    const auto deadline = std::chrono::steady_clock::now() + timeout;
-    while (!condition()) {
-        if (std::chrono::steady_clock::now() > deadline) return false;
-        std::this_thread::sleep_for(std::chrono::milliseconds(5));
-    }
-    return true;
-}
 
 // Every test: an empty store file of its own, a fresh HTTP client, no shared
 // transport objects, captured logs.
