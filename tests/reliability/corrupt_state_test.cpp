@@ -25,6 +25,7 @@
 #include "tavrin/sdk/internal/track_config_coding.h"
 #include "tests/end_to_end/end_to_end_fixture.h"
 #include "tests/reliability/corrupt_state_support.h"
+#include "tests/reliability/reliability_scale.h"
 
 namespace tavrin::testing {
 namespace {
@@ -44,12 +45,6 @@ constexpr const char* kVendorKey = "VendorConsents";
 constexpr const char* kLastUpdateKey = "VendorConsents_lastupdate";
 constexpr const char* kRecordPrefix = "com.tavrin.OfflineCache/";
 constexpr std::size_t kHugeSize = std::size_t{16} << 20;
-
-int reliabilityScale() {
-    const char* text = std::getenv("TAVRIN_RELIABILITY_SCALE");
-    const int scale = text ? std::atoi(text) : 1;
-    return scale > 0 ? scale : 1;
-}
 
 // ---- the two launches, each run as a child process
 

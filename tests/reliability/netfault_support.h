@@ -37,21 +37,13 @@
 #include <vector>
 
 #include "tavrin/platform/internal/json.h"
+#include "tests/reliability/reliability_scale.h"
 #include "tests/support/loopback_server.h"
 #include "tests/support/network_namespace.h"
 
 extern char** environ;
 
 namespace tavrin::testing {
-
-// Rounds and counts are multiplied by TAVRIN_RELIABILITY_SCALE (default 1).
-inline double reliabilityScale() {
-    const char* text = std::getenv("TAVRIN_RELIABILITY_SCALE");
-    const double value = text ? std::atof(text) : 1.0;
-    return value > 0 ? value : 1.0;
-}
-
-inline int scaled(int base) { return std::max(1, static_cast<int>(base * reliabilityScale() + 0.5)); }
 
 // A thread that moved into a network namespace of its own and runs the tasks
 // handed to it there. Threads and processes it starts stay in that namespace.

@@ -41,6 +41,7 @@
 #include "tavrin/sdk/tavrin_service.h"
 #include "tavrin/tracking/tracking_service.h"
 #include "tavrin/transport/internal/offline_cache_manager.h"
+#include "tests/reliability/reliability_scale.h"
 #include "tests/reliability/storm_support.h"
 #include "tests/support/scripted_path_monitor.h"
 #include "tests/support/temp_dir.h"

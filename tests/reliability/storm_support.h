@@ -427,10 +427,4 @@ inline std::size_t memoryInUse() {
 #endif
 }
 
-inline int reliabilityScale() {
-    const char* text = std::getenv("TAVRIN_RELIABILITY_SCALE");
-    const int scale = text ? std::atoi(text) : 1;
-    return scale > 0 ? scale : 1;
-}
-
 }  // namespace tavrin::testing
