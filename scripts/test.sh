@@ -25,7 +25,11 @@ run_suite() {
   echo "=== test $dir"
   local label_args=()
   [ -n "$label" ] && label_args=(-L "$label")
-  (cd "$dir" && ctest --output-on-failure --no-tests=error -j "$jobs" --timeout 300 "${label_args[@]}")
+  local result=0
+  (cd "$dir" && ctest --output-on-failure --no-tests=error -j "$jobs" --timeout 300 "${label_args[@]}") || result=1
+  # The fault scenarios print what they measured; ctest keeps it only in its log.
+  grep -h '^FIGURE' "$dir/Testing/Temporary/LastTest.log" 2>/dev/null | sed "s|^|$dir: |"
+  return $result
 }
 
 # Three builds of the same sources: a compiler cache makes repeated runs cheap.

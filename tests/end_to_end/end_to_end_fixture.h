@@ -18,6 +18,7 @@
 #include "tavrin/sdk/tavrin_service.h"
 #include "tavrin/session/session_manager.h"
 #include "tavrin/tracking/tracking_service.h"
+#include "tests/support/child_process.h"
 #include "tests/support/transport_fixture.h"
 
 extern char** environ;
@@ -37,15 +38,10 @@ inline std::vector<std::string> memberNames(const PlainJson& object) {
 inline int runChild(const std::string& filter, std::vector<std::string> variables,
                     std::chrono::milliseconds limit = std::chrono::seconds(30),
                     std::chrono::milliseconds* took = nullptr) {
-    std::vector<char*> envp;
-    for (char** e = environ; *e; ++e) envp.push_back(*e);
-    for (auto& v : variables) envp.push_back(v.data());
-    envp.push_back(nullptr);
-    std::string program = "/proc/self/exe", filterArgument = "--gtest_filter=" + filter;
-    char* argv[] = {program.data(), filterArgument.data(), nullptr};
+    SelfInvocation self(filter, std::move(variables));
     const auto start = std::chrono::steady_clock::now();
     pid_t child = 0;
-    if (posix_spawn(&child, program.c_str(), nullptr, nullptr, argv, envp.data()) != 0) return -2;
+    if (posix_spawn(&child, self.program.c_str(), nullptr, nullptr, self.argv, self.envp.data()) != 0) return -2;
     int status = 0;
     while (waitpid(child, &status, WNOHANG) == 0) {
         if (std::chrono::steady_clock::now() - start > limit) {

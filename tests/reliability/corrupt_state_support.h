@@ -21,6 +21,7 @@
 #include <vector>
 
 #include "tavrin/platform/system_log.h"
+#include "tests/support/child_process.h"
 
 extern char** environ;
 
@@ -73,12 +74,7 @@ constexpr int kCannotMountReadOnly = 77;
 inline int runChildWithReadOnlyDirectory(const std::string& filter, std::vector<std::string> variables,
                                          const std::filesystem::path& directory,
                                          std::chrono::milliseconds limit = std::chrono::seconds(60)) {
-    std::vector<char*> envp;
-    for (char** e = environ; *e; ++e) envp.push_back(*e);
-    for (auto& v : variables) envp.push_back(v.data());
-    envp.push_back(nullptr);
-    std::string program = "/proc/self/exe", filterArgument = "--gtest_filter=" + filter;
-    char* argv[] = {program.data(), filterArgument.data(), nullptr};
+    SelfInvocation self(filter, std::move(variables));
     const std::string target = directory.string();
     const pid_t child = ::fork();
     if (child < 0) return -2;
@@ -88,7 +84,7 @@ inline int runChildWithReadOnlyDirectory(const std::string& filter, std::vector<
             ::mount(target.c_str(), target.c_str(), nullptr, MS_BIND, nullptr) != 0 ||
             ::mount(nullptr, target.c_str(), nullptr, MS_BIND | MS_REMOUNT | MS_RDONLY, nullptr) != 0)
             ::_exit(kCannotMountReadOnly);
-        ::execve(program.c_str(), argv, envp.data());
+        ::execve(self.program.c_str(), self.argv, self.envp.data());
         ::_exit(127);
     }
     const auto start = std::chrono::steady_clock::now();

@@ -38,6 +38,7 @@
 
 #include "tavrin/platform/internal/json.h"
 #include "tests/reliability/reliability_scale.h"
+#include "tests/support/child_process.h"
 #include "tests/support/loopback_server.h"
 #include "tests/support/network_namespace.h"
 
@@ -212,13 +213,8 @@ public:
         close(fds[1]);
         readFd_ = fds[0];
         variables.push_back("TAVRIN_REPORT_FD=" + std::to_string(childEnd));
-        std::vector<char*> envp;
-        for (char** e = environ; *e; ++e) envp.push_back(*e);
-        for (auto& v : variables) envp.push_back(v.data());
-        envp.push_back(nullptr);
-        std::string program = "/proc/self/exe", filterArgument = "--gtest_filter=" + filter;
-        char* argv[] = {program.data(), filterArgument.data(), nullptr};
-        if (posix_spawn(&pid_, program.c_str(), nullptr, nullptr, argv, envp.data()) != 0) pid_ = -1;
+        SelfInvocation self(filter, std::move(variables));
+        if (posix_spawn(&pid_, self.program.c_str(), nullptr, nullptr, self.argv, self.envp.data()) != 0) pid_ = -1;
         close(childEnd);
     }
     ~ChildProcess() {

@@ -69,4 +69,23 @@ inline std::string inChild(const std::function<std::string()>& body) {
     return inChildrenAtOnce(1, [&](int) { return body(); }).at(0);
 }
 
+// The arguments and environment that run this test binary again on the tests
+// matching `filter`, with `variables` ("NAME=value") added to the environment;
+// for posix_spawn or execve. It points into itself, so it stays where it is made.
+struct SelfInvocation {
+    SelfInvocation(const std::string& filter, std::vector<std::string> extra)
+        : variables(std::move(extra)), filterArgument("--gtest_filter=" + filter) {
+        for (char** e = environ; *e; ++e) envp.push_back(*e);
+        for (auto& v : variables) envp.push_back(v.data());
+        envp.push_back(nullptr);
+    }
+    SelfInvocation(const SelfInvocation&) = delete;
+    SelfInvocation& operator=(const SelfInvocation&) = delete;
+
+    std::vector<std::string> variables;
+    std::vector<char*> envp;
+    std::string program = "/proc/self/exe", filterArgument;
+    char* argv[3] = {program.data(), filterArgument.data(), nullptr};
+};
+
 }  // namespace tavrin::testing
