@@ -4,8 +4,15 @@
 
 #include <cmath>
 #include <cstdint>
+#include <functional>
 #include <limits>
 #include <optional>
+#include <random>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include "tavrin/platform/internal/json.h"
 
 namespace tavrin {
 namespace {
@@ -80,6 +87,82 @@ TEST(AnyValueJson, SortsKeysAtEveryLevelOrFailsTheWholeText) {
     EXPECT_EQ(AnyValue::sortedJsonText({{"inf", std::numeric_limits<double>::infinity()}}), std::nullopt);
     EXPECT_EQ(AnyValue::sortedJsonText({{"bytes", "\xff\xfe"}}), std::nullopt);
     EXPECT_EQ(AnyValue::sortedJsonText({{"\xc0\xaf", 1}}), std::nullopt);
+}
+
+// The text is written by hand for speed; the JSON library's compact dump of the
+// same values is the reference it must match byte for byte, or refuse with it.
+nlohmann::json reference(const AnyValue& value) {
+    switch (value.kind()) {
+        case Kind::null: return nullptr;
+        case Kind::text: return value.asText();
+        case Kind::boolean: return value.asBool();
+        case Kind::integer: return value.asInteger();
+        case Kind::number: return value.asNumber();
+        case Kind::array: {
+            auto out = nlohmann::json::array();
+            for (const auto& element : value.asArray()) out.push_back(reference(element));
+            return out;
+        }
+        case Kind::dictionary: {
+            auto out = nlohmann::json::object();
+            for (const auto& [key, member] : value.asDictionary()) out[key] = reference(member);
+            return out;
+        }
+        case Kind::date: break;
+    }
+    throw std::logic_error("no reference for a date");
+}
+
+std::optional<std::string> referenceText(const AnyValue::Dictionary& dictionary) {
+    try {
+        return reference(AnyValue(dictionary)).dump();
+    } catch (const nlohmann::json::exception&) {
+        return std::nullopt;
+    }
+}
+
+TEST(AnyValueJson, MatchesTheJsonLibrarysDumpByteForByte) {
+    const std::vector<std::string> texts = {
+        "", "plain", "quote \" backslash \\ slash /", std::string("nul \0 and \x01 \x1f \x7f", 15),
+        "\b\f\n\r\t", "caf\xc3\xa9 \xe2\x82\xac \xf0\x9f\x98\x80 \xf4\x8f\xbf\xbf",
+        // not UTF-8: lone continuation, overlong, surrogate, above U+10FFFF, cut short, invalid lead bytes
+        "\x80", "\xc0\xaf", "\xe0\x80\xaf", "\xed\xa0\x80", "\xf4\x90\x80\x80", "\xe2\x82", "\xf5\x80\x80\x80",
+        "\xc2", "ok\xff"};
+    const std::vector<double> numbers = {0.0, -0.0, 1.0, -2.5, 0.1, 1e300, -1e-300, 5e-324, 123456789012.0,
+                                         1e16, 1e15, 0.000001, 1.7976931348623157e308, 2.0 / 3.0};
+    const std::vector<std::int64_t> integers = {0, -1, 42, std::numeric_limits<std::int64_t>::min(),
+                                                std::numeric_limits<std::int64_t>::max()};
+    std::mt19937 random(20261122);
+    const auto pick = [&](const auto& list) { return list[random() % list.size()]; };
+    std::function<AnyValue(int)> make = [&](int depth) -> AnyValue {
+        switch (random() % (depth < 3 ? 7 : 5)) {
+            case 0: return nullptr;
+            case 1: return AnyValue(pick(texts));
+            case 2: return AnyValue(pick(integers));
+            case 3: return AnyValue(pick(numbers));
+            case 4: return AnyValue(random() % 2 == 0);
+            case 5: {
+                AnyValue::Array array;
+                for (auto n = random() % 4; n > 0; --n) array.push_back(make(depth + 1));
+                return array;
+            }
+            default: {
+                AnyValue::Dictionary dictionary;
+                for (auto n = random() % 4; n > 0; --n) dictionary.emplace(pick(texts), make(depth + 1));
+                return dictionary;
+            }
+        }
+    };
+    int refused = 0;
+    for (int round = 0; round < 3000; ++round) {
+        AnyValue::Dictionary push;
+        for (auto n = random() % 5; n > 0; --n) push.emplace(pick(texts), make(0));
+        const auto expected = referenceText(push);
+        refused += !expected;
+        ASSERT_EQ(AnyValue::sortedJsonText(push), expected) << describe(AnyValue(push));
+    }
+    EXPECT_GT(refused, 100) << "invalid UTF-8 was drawn";
+    EXPECT_LT(refused, 2900) << "valid documents were drawn";
 }
 
 }  // namespace
