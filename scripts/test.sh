@@ -13,7 +13,7 @@ bash scripts/bootstrap || exit 1
 # run_suite DIR [TARGETS] [LABEL] -- CMAKE_ARGS...
 run_suite() {
   local dir=$1 targets=$2 label=$3; shift 4
-  echo "=== configure $dir ($*)"
+  echo "=== configure $dir ($*) at ${SECONDS}s"
   cmake -S . -B "$dir" -DCMAKE_BUILD_TYPE=RelWithDebInfo "${launcher[@]}" "$@" >"$dir.configure.log" 2>&1 \
     || { cat "$dir.configure.log"; return 1; }
   echo "=== build $dir"
@@ -22,7 +22,7 @@ run_suite() {
   [ -n "$targets" ] && target_args=(--target $targets)
   cmake --build "$dir" -j "$jobs" "${target_args[@]}" 2>&1 | tail -n 40
   [ "${PIPESTATUS[0]}" -eq 0 ] || return 1
-  echo "=== test $dir"
+  echo "=== test $dir at ${SECONDS}s"
   local label_args=()
   [ -n "$label" ] && label_args=(-L "$label")
   local result=0
@@ -51,5 +51,6 @@ ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 UBSAN_OPTIONS=print_stacktrace=1:ha
 
 TAVRIN_FUZZ_LAUNCHER="${launcher[*]}" bash scripts/fuzz.sh || status=1
 
+echo "=== finished at ${SECONDS}s"
 if [ $status -ne 0 ]; then echo "test.sh: FAILED"; else echo "test.sh: all suites passed"; fi
 exit $status
