@@ -112,10 +112,11 @@ std::optional<Bytes> UserDefaultsUtility::storedData(const std::string& key, std
     return std::nullopt;
 }
 
-std::string UserDefaultsUtility::shortened(std::string text) {
+std::string UserDefaultsUtility::decodingFailure(const DecodingError& error) {
     constexpr std::size_t kLimit = 200;
-    if (text.size() > kLimit) text = text.substr(0, kLimit) + "...";
-    return text;
+    std::string reason = error.what();
+    if (reason.size() > kLimit) reason = reason.substr(0, kLimit) + "...";
+    return "could not be decoded (" + reason + ")";
 }
 
 }  // namespace tavrin

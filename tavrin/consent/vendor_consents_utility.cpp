@@ -31,7 +31,7 @@ std::optional<VendorValues> VendorConsentsUtility::retrieveVendorConsents() cons
             });
             return toVendorValues(consents);
         } catch (const DecodingError& error) {
-            unreadable = "could not be decoded (" + std::string(error.what()).substr(0, 200) + ")";
+            unreadable = UserDefaultsUtility::decodingFailure(error);
         }
     }
     // Something stored that cannot be read is said before the line a fresh

@@ -89,7 +89,7 @@ public:
             cache(key, std::any(value));
             return value;
         } catch (const DecodingError& error) {
-            unreadable = "could not be decoded (" + shortened(error.what()) + ")";
+            unreadable = decodingFailure(error);
             return std::nullopt;
         }
     }
@@ -104,14 +104,16 @@ public:
     // UTF-8 cannot be written and throws EncodingError.
     static Bytes encodedBytes(const Json& encoded);
 
+    // "could not be decoded (<reason>)" for `unreadable`; the reason is cut
+    // short, as it may quote the stored value, which can be any size.
+    static std::string decodingFailure(const DecodingError& error);
+
 private:
     static void logSaveFailure(const std::string& key, const std::string& description);
     static void writeEncoded(const std::string& key, const Bytes& encoded, std::any value);
     // The store's data for the key; a value of another type gives nothing
     // and says so in `unreadable`.
     static std::optional<Bytes> storedData(const std::string& key, std::string& unreadable);
-    // Error texts may quote the stored value, which can be any size.
-    static std::string shortened(std::string text);
     // Held across each store access together with its cache update.
     static std::mutex& storeMutex();
     static void cache(const std::string& key, std::any value) { readCache().setObject(key, std::move(value)); }
