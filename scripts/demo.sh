@@ -15,11 +15,17 @@ for arg in "$@"; do
 done
 [ -t 0 ] || wait_for_user=0
 
-bash scripts/bootstrap
+bash scripts/bootstrap demo
 build=${TAVRIN_DEMO_BUILD:-build/demo}
+mkdir -p "$build"
+launcher=()
+if command -v ccache >/dev/null; then
+  launcher=(-DCMAKE_CXX_COMPILER_LAUNCHER=ccache)
+  export CCACHE_BASEDIR="${CCACHE_BASEDIR:-$PWD}" CCACHE_NOHASHDIR="${CCACHE_NOHASHDIR:-1}"
+fi
 echo "=== building (Release) in $build"
 cmake -S . -B "$build" -DCMAKE_BUILD_TYPE=Release -DTAVRIN_BUILD_TESTS=OFF -DTAVRIN_BUILD_TOOLS=ON \
-  -DTAVRIN_BUILD_EXAMPLES=ON >"$build.configure.log" 2>&1 || { cat "$build.configure.log"; exit 1; }
+  -DTAVRIN_BUILD_EXAMPLES=ON "${launcher[@]}" >"$build.configure.log" 2>&1 || { cat "$build.configure.log"; exit 1; }
 cmake --build "$build" -j "$(nproc)" --target tavrin-collector tavrin-shop-example >"$build.build.log" 2>&1 \
   || { tail -n 40 "$build.build.log"; exit 1; }
 

@@ -8,7 +8,7 @@ cd "$(dirname "$0")/.."
 jobs=$(nproc 2>/dev/null || echo 2)
 status=0
 
-bash scripts/bootstrap || exit 1
+bash scripts/bootstrap test || exit 1
 
 # run_suite DIR [TARGETS] [LABEL] -- CMAKE_ARGS...
 run_suite() {
