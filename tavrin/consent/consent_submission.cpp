@@ -9,6 +9,7 @@
 
 #include "tavrin/consent/internal/consent_id_utility.h"
 #include "tavrin/consent/internal/consent_model.h"
+#include "tavrin/consent/internal/ordered_blocks.h"
 #include "tavrin/consent/internal/user_defaults_utility.h"
 #include "tavrin/consent/internal/user_id_utility.h"
 #include "tavrin/consent/internal/vendor_consents_utility.h"
@@ -27,10 +28,38 @@
 
 namespace tavrin {
 
-namespace {
+void detail::OrderedBlocks::add(std::function<void()> block) {
+    {
+        std::lock_guard lock(mutex_);
+        blocks_.push_back(std::move(block));
+        if (draining_) return;
+        draining_ = true;
+    }
+    try {
+        platform::TaskPool::shared().detach([self = shared_from_this()] { self->drain(); });
+    } catch (...) {
+        std::lock_guard lock(mutex_);
+        blocks_.pop_back();
+        draining_ = false;
+        throw;
+    }
+}
 
-
-}  // namespace
+void detail::OrderedBlocks::drain() {
+    for (;;) {
+        std::function<void()> block;
+        {
+            std::lock_guard lock(mutex_);
+            if (blocks_.empty()) {
+                draining_ = false;
+                return;
+            }
+            block = std::move(blocks_.front());
+            blocks_.pop_front();
+        }
+        block();  // each block reports its own failure
+    }
+}
 
 std::future<bool> TrackingService::setConsents(std::map<std::string, ConsentStatus> consents) {
     auto promise = std::make_shared<std::promise<bool>>();
@@ -46,7 +75,9 @@ std::future<bool> TrackingService::setConsents(std::map<std::string, ConsentStat
         inFlight.end();
     };
     try {
-        platform::TaskPool::shared().detach([self = shared_from_this(), consents = std::move(consents), done] {
+        // One decision at a time, in call order: each one's read, diff, store
+        // and hand-off to the transport end before the next one reads.
+        consentOrder->add([self = shared_from_this(), consents = std::move(consents), done] {
             try {
                 self->sendConsents(consents, done);
             } catch (...) {

@@ -7,6 +7,7 @@
 #include <utility>
 
 #include "tavrin/consent/internal/consent_id_utility.h"
+#include "tavrin/consent/internal/ordered_blocks.h"
 #include "tavrin/consent/internal/user_id_utility.h"
 #include "tavrin/monitor/internal/device_info_utility.h"
 #include "tavrin/monitor/internal/memory_cache_utility.h"
@@ -131,7 +132,8 @@ TrackingService::TrackingService(ConstructionKey, std::shared_ptr<ServiceProtoco
       service(std::move(service)),
       userAgent(UserAgentUtility::userAgent("TavrinSDK", "1.0", "18")),
       consentUtility(std::make_unique<const ConsentIDUtility>(this->settings->container())),
-      userIDUtility(std::make_unique<const UserIDUtility>()) {}
+      userIDUtility(std::make_unique<const UserIDUtility>()),
+      consentOrder(std::make_shared<detail::OrderedBlocks>()) {}
 
 TrackingService::~TrackingService() = default;
 

@@ -34,6 +34,7 @@ class UserIDUtility;
 
 namespace detail {
 struct TrackingServiceInternals;
+class OrderedBlocks;
 }
 
 class TrackingService : public std::enable_shared_from_this<TrackingService> {
@@ -90,7 +91,8 @@ public:
     // submits.
     std::future<void> addToCart(AnyValue::Dictionary properties);
     // Stores the user's decision, records what changed since the last one and
-    // reports it. True when the server accepted it; otherwise get() throws
+    // reports it. Calls are applied in call order, even when made without
+    // waiting for one another: the stored decision is the last call's. True when the server accepted it; otherwise get() throws
     // TrackingServiceError submissionFailed with the cause. The decision is
     // stored before sending and stays stored when the send fails.
     std::future<bool> setConsents(std::map<std::string, ConsentStatus> consents);
@@ -128,6 +130,8 @@ private:
     const std::string vendorConsentsLastUpdateKey = "VendorConsents_lastupdate";
     // Serialises push work: pushes are processed and numbered in call order.
     mutable platform::SerialQueue processingQueue{"com.tavrin.processing"};
+    // setConsents calls, one at a time in call order.
+    const std::shared_ptr<detail::OrderedBlocks> consentOrder;
     // Guarded by enrichmentsMutex alone: callers on any thread add, the
     // submission reads and resets; nothing else runs under this lock.
     std::map<std::string, Enrichment> enrichments;
