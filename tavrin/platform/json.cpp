@@ -17,7 +17,7 @@ constexpr auto kReverse = makeReverse();
 
 // Deeper documents are refused: decoding walks them recursively, and no
 // record of ours nests anywhere near this far.
-constexpr std::size_t kMaxNestingDepth = 512;
+constexpr std::size_t kMaxNestingDepth = kMaxJsonNestingDepth;
 
 // Checks what the parser would let through: nesting beyond the limit, and a
 // NUL byte, which the parser takes for the end of the text (so "[1]\0junk"

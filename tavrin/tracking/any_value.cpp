@@ -13,6 +13,46 @@ bool operator==(const AnyValue& a, const AnyValue& b) { return a.storage_ == b.s
 
 namespace {
 
+bool isContainerWithContent(const AnyValue& value) {
+    switch (value.kind()) {
+        case AnyValue::Kind::array: return !value.asArray().empty();
+        case AnyValue::Kind::dictionary: return !value.asDictionary().empty();
+        default: return false;
+    }
+}
+
+}  // namespace
+
+AnyValue::~AnyValue() {
+    const auto nested = [](Storage& storage, auto&& visit) {
+        if (auto* array = std::get_if<Array>(&storage)) {
+            for (auto& element : *array) visit(element);
+        } else if (auto* dictionary = std::get_if<Dictionary>(&storage)) {
+            for (auto& member : *dictionary) visit(member.second);
+        }
+    };
+    // Most values hold no container inside a container: nothing to unwind.
+    bool deep = false;
+    nested(storage_, [&](AnyValue& child) { deep = deep || isContainerWithContent(child); });
+    if (!deep) return;
+    // Each container's non-empty children move to the list before it goes,
+    // so every destruction below meets only shallow values.
+    std::vector<AnyValue> pending;
+    const auto takeChildren = [&](AnyValue& value) {
+        nested(value.storage_, [&](AnyValue& child) {
+            if (isContainerWithContent(child)) pending.push_back(std::move(child));
+        });
+    };
+    takeChildren(*this);
+    while (!pending.empty()) {
+        AnyValue value = std::move(pending.back());
+        pending.pop_back();
+        takeChildren(value);
+    }
+}
+
+namespace {
+
 // Written straight from the dictionary (std::map, so keys come sorted) rather
 // than through a JSON tree: this text is made for every push, and building the
 // tree was a third of a push's processing. The output is what a JSON library's
@@ -80,9 +120,11 @@ void writeText(std::string& out, std::string_view text) {
     out.push_back('"');
 }
 
-void writeValue(std::string& out, const AnyValue& value);
+void writeValue(std::string& out, const AnyValue& value, std::size_t depth);
 
-void writeDictionary(std::string& out, const AnyValue::Dictionary& dictionary) {
+// `depth` counts the arrays and dictionaries open around this one, itself included.
+void writeDictionary(std::string& out, const AnyValue::Dictionary& dictionary, std::size_t depth) {
+    if (depth > platform::kMaxJsonNestingDepth) throw NoJsonForm{};
     out.push_back('{');
     bool first = true;
     for (const auto& [key, member] : dictionary) {
@@ -90,12 +132,12 @@ void writeDictionary(std::string& out, const AnyValue::Dictionary& dictionary) {
         first = false;
         writeText(out, key);
         out.push_back(':');
-        writeValue(out, member);
+        writeValue(out, member, depth);
     }
     out.push_back('}');
 }
 
-void writeValue(std::string& out, const AnyValue& value) {
+void writeValue(std::string& out, const AnyValue& value, std::size_t depth) {
     switch (value.kind()) {
         case AnyValue::Kind::null:
             out += "null";
@@ -122,18 +164,19 @@ void writeValue(std::string& out, const AnyValue& value) {
             return;
         }
         case AnyValue::Kind::array: {
+            if (depth + 1 > platform::kMaxJsonNestingDepth) throw NoJsonForm{};
             out.push_back('[');
             bool first = true;
             for (const auto& element : value.asArray()) {
                 if (!first) out.push_back(',');
                 first = false;
-                writeValue(out, element);
+                writeValue(out, element, depth + 1);
             }
             out.push_back(']');
             return;
         }
         case AnyValue::Kind::dictionary:
-            writeDictionary(out, value.asDictionary());
+            writeDictionary(out, value.asDictionary(), depth + 1);
             return;
         case AnyValue::Kind::date:
             break;
@@ -147,15 +190,33 @@ std::optional<std::string> AnyValue::sortedJsonText(const Dictionary& dictionary
     std::string out;
     out.reserve(256);
     try {
-        writeDictionary(out, dictionary);
+        writeDictionary(out, dictionary, 1);
     } catch (const NoJsonForm&) {
         return std::nullopt;
     }
     return out;
 }
 
-std::string describe(const AnyValue& value) {
-    std::ostringstream out;
+namespace {
+
+void describeValue(std::ostringstream& out, const AnyValue& value, std::size_t depth);
+
+void describeDictionary(std::ostringstream& out, const AnyValue::Dictionary& dictionary, std::size_t depth) {
+    if (depth > platform::kMaxJsonNestingDepth) {
+        out << "...";
+        return;
+    }
+    out << "dictionary{";
+    const char* separator = "";
+    for (const auto& [key, member] : dictionary) {
+        out << separator << '"' << key << "\": ";
+        describeValue(out, member, depth);
+        separator = ", ";
+    }
+    out << "}";
+}
+
+void describeValue(std::ostringstream& out, const AnyValue& value, std::size_t depth) {
     switch (value.kind()) {
         case AnyValue::Kind::null:
             out << "null";
@@ -173,29 +234,40 @@ std::string describe(const AnyValue& value) {
             out << "number(" << value.asNumber() << ")";
             break;
         case AnyValue::Kind::array: {
+            if (depth + 1 > platform::kMaxJsonNestingDepth) {
+                out << "...";
+                break;
+            }
             out << "array[";
             const char* separator = "";
             for (const auto& element : value.asArray()) {
-                out << separator << describe(element);
+                out << separator;
+                describeValue(out, element, depth + 1);
                 separator = ", ";
             }
             out << "]";
             break;
         }
-        case AnyValue::Kind::dictionary: {
-            out << "dictionary{";
-            const char* separator = "";
-            for (const auto& [key, member] : value.asDictionary()) {
-                out << separator << '"' << key << "\": " << describe(member);
-                separator = ", ";
-            }
-            out << "}";
+        case AnyValue::Kind::dictionary:
+            describeDictionary(out, value.asDictionary(), depth + 1);
             break;
-        }
         case AnyValue::Kind::date:
             out << "date(" << std::chrono::duration<double>(value.asDate().time_since_epoch()).count() << ")";
             break;
     }
+}
+
+}  // namespace
+
+std::string describe(const AnyValue& value) {
+    std::ostringstream out;
+    describeValue(out, value, 0);
+    return out.str();
+}
+
+std::string describe(const AnyValue::Dictionary& dictionary) {
+    std::ostringstream out;
+    describeDictionary(out, dictionary, 1);
     return out.str();
 }
 

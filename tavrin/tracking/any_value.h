@@ -83,6 +83,14 @@ public:
     template <detail::CharacterType T>
     AnyValue(T) = delete;
 
+    AnyValue(const AnyValue&) = default;
+    AnyValue(AnyValue&&) = default;
+    AnyValue& operator=(const AnyValue&) = default;
+    AnyValue& operator=(AnyValue&&) = default;
+    // Releases nested arrays and dictionaries through a work list, not by
+    // recursion: a value nested however deep never exhausts the stack.
+    ~AnyValue();
+
     Kind kind() const noexcept { return static_cast<Kind>(storage_.index()); }
     bool isNull() const noexcept { return kind() == Kind::null; }
 
@@ -103,7 +111,9 @@ public:
 
     // Compact JSON text of a dictionary with its keys sorted at every level,
     // for log lines. Null becomes JSON null. Gives nothing when a value has no
-    // JSON form: a date, a non-finite number, or text that is not valid UTF-8.
+    // JSON form: a date, a non-finite number, text that is not valid UTF-8, or
+    // arrays and dictionaries nested deeper than 512 levels (the dictionary
+    // itself is the first).
     static std::optional<std::string> sortedJsonText(const Dictionary& dictionary);
 
 private:
@@ -124,6 +134,8 @@ private:
 };
 
 // Readable form for logs and test failures: text("a"), integer(3), array[...], ...
+// Values nested deeper than 512 levels are shown as "...".
 std::string describe(const AnyValue& value);
+std::string describe(const AnyValue::Dictionary& dictionary);
 
 }  // namespace tavrin

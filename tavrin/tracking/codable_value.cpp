@@ -1,6 +1,7 @@
 #include "tavrin/tracking/codable_value.h"
 #include "tavrin/tracking/internal/codable_value_coding.h"
 
+#include <algorithm>
 #include <cmath>
 #include <limits>
 #include <sstream>
@@ -41,9 +42,29 @@ CodableValue JsonDecode<CodableValue>::decode(const Decoder& decoder) {
     throw DecodingError(DecodingError::Kind::typeMismatch, decoder.codingPath(), "Failed to decode CodableValue");
 }
 
+CodableValue::~CodableValue() {
+    auto* array = std::get_if<Array>(&storage_);
+    if (!array || std::none_of(array->begin(), array->end(), [](const CodableValue& v) { return v.isNonEmptyArray(); }))
+        return;
+    // Non-empty inner arrays move to the list before their parent goes, so
+    // every destruction below meets only shallow values.
+    std::vector<CodableValue> pending;
+    const auto takeChildren = [&](CodableValue& value) {
+        for (auto& child : std::get<Array>(value.storage_))
+            if (child.isNonEmptyArray()) pending.push_back(std::move(child));
+    };
+    takeChildren(*this);
+    while (!pending.empty()) {
+        CodableValue value = std::move(pending.back());
+        pending.pop_back();
+        takeChildren(value);
+    }
+}
+
 namespace {
 
-Json encodeAt(const CodableValue& value, const CodingPath& path) {
+// `depth` counts the arrays open around this value.
+Json encodeAt(const CodableValue& value, const CodingPath& path, std::size_t depth = 0) {
     using Kind = CodableValue::Kind;
     switch (value.kind()) {
         case Kind::string: return Json(value.asString());
@@ -59,12 +80,15 @@ Json encodeAt(const CodableValue& value, const CodingPath& path) {
             return Json(d);
         }
         case Kind::array: {
+            if (depth + 1 > platform::kMaxJsonNestingDepth)
+                throw EncodingError(path, "Arrays nested deeper than " + std::to_string(platform::kMaxJsonNestingDepth) +
+                                              " levels have no JSON form.");
             Json out = Json::array();
             std::size_t index = 0;
             for (const auto& v : value.asArray()) {
                 CodingPath p = path;
                 p.push_back("Index " + std::to_string(index++));
-                out.push_back(encodeAt(v, p));
+                out.push_back(encodeAt(v, p, depth + 1));
             }
             return out;
         }
@@ -96,7 +120,9 @@ bool operator==(const CodableValue& a, const CodableValue& b) {
     return false;
 }
 
-std::string describe(const CodableValue& value) {
+namespace {
+
+std::string describeAt(const CodableValue& value, std::size_t depth) {
     switch (value.kind()) {
         case CodableValue::Kind::string: return "string(" + Json(value.asString()).dump() + ")";
         case CodableValue::Kind::boolean: return std::string("bool(") + (value.asBool() ? "true" : "false") + ")";
@@ -107,17 +133,22 @@ std::string describe(const CodableValue& value) {
             return out.str();
         }
         case CodableValue::Kind::array: {
+            if (depth + 1 > platform::kMaxJsonNestingDepth) return "...";
             std::string out = "array([";
             bool first = true;
             for (const auto& v : value.asArray()) {
                 if (!first) out += ", ";
                 first = false;
-                out += describe(v);
+                out += describeAt(v, depth + 1);
             }
             return out + "])";
         }
     }
     return {};
 }
+
+}  // namespace
+
+std::string describe(const CodableValue& value) { return describeAt(value, 0); }
 
 }  // namespace tavrin

@@ -22,6 +22,13 @@ public:
     static CodableValue decimalNumber(double value) { return CodableValue(Storage(std::in_place_index<3>, value)); }
     static CodableValue array(Array values) { return CodableValue(Storage(std::in_place_index<4>, std::move(values))); }
 
+    CodableValue(const CodableValue&) = default;
+    CodableValue(CodableValue&&) = default;
+    CodableValue& operator=(const CodableValue&) = default;
+    CodableValue& operator=(CodableValue&&) = default;
+    // Releases nested arrays through a work list, not by recursion.
+    ~CodableValue();
+
     Kind kind() const noexcept { return static_cast<Kind>(storage_.index()); }
 
     // Accessors throw std::bad_variant_access when the case differs.
@@ -37,6 +44,10 @@ public:
 
 private:
     using Storage = std::variant<std::string, bool, std::int64_t, double, Array>;
+    bool isNonEmptyArray() const noexcept {
+        const auto* array = std::get_if<Array>(&storage_);
+        return array && !array->empty();
+    }
     explicit CodableValue(std::string value) : storage_(std::in_place_index<0>, std::move(value)) {}
     explicit CodableValue(Storage storage) : storage_(std::move(storage)) {}
 
@@ -44,6 +55,7 @@ private:
 };
 
 // Readable form for logs and test failures: "string(\"a\")", "integer(1)", ...
+// Arrays nested deeper than 512 levels are shown as "...".
 std::string describe(const CodableValue& value);
 
 }  // namespace tavrin

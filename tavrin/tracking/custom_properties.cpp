@@ -6,6 +6,7 @@
 #include <optional>
 #include <string_view>
 
+#include "tavrin/platform/internal/json.h"
 #include "tavrin/sdk/internal/logger_utility.h"
 
 namespace tavrin {
@@ -66,7 +67,154 @@ CodableValue flatArray(const std::string& key, const AnyValue::Array& elements) 
     return CodableValue::array(std::move(out));
 }
 
+// ---- limits on host values
+
+constexpr std::size_t kMaxDepth = platform::kMaxJsonNestingDepth;
+
+// Why something was left out of one entry.
+struct Cut {
+    bool longText = false;
+    bool tooDeep = false;
+};
+
+// `depth`: the arrays and dictionaries open around the value, the top
+// dictionary included.
+bool fits(const AnyValue& value, std::size_t depth, std::size_t maxText) {
+    switch (value.kind()) {
+        case AnyValue::Kind::text:
+            return value.asText().size() <= maxText;
+        case AnyValue::Kind::array:
+            if (depth + 1 > kMaxDepth) return false;
+            return std::all_of(value.asArray().begin(), value.asArray().end(),
+                               [&](const AnyValue& element) { return fits(element, depth + 1, maxText); });
+        case AnyValue::Kind::dictionary:
+            if (depth + 1 > kMaxDepth) return false;
+            return std::all_of(value.asDictionary().begin(), value.asDictionary().end(), [&](const auto& member) {
+                return member.first.size() <= maxText && fits(member.second, depth + 1, maxText);
+            });
+        default:
+            return true;
+    }
+}
+
+bool fits(const CodableValue& value, std::size_t depth, std::size_t maxText) {
+    switch (value.kind()) {
+        case CodableValue::Kind::string:
+            return value.asString().size() <= maxText;
+        case CodableValue::Kind::array:
+            if (depth + 1 > kMaxDepth) return false;
+            return std::all_of(value.asArray().begin(), value.asArray().end(),
+                               [&](const CodableValue& element) { return fits(element, depth + 1, maxText); });
+        default:
+            return true;
+    }
+}
+
+// The value with what does not fit left out; nothing when the value itself
+// does not fit.
+std::optional<AnyValue> trimmed(const AnyValue& value, std::size_t depth, std::size_t maxText, Cut& cut) {
+    switch (value.kind()) {
+        case AnyValue::Kind::text:
+            if (value.asText().size() <= maxText) return value;
+            cut.longText = true;
+            return std::nullopt;
+        case AnyValue::Kind::array: {
+            if (depth + 1 > kMaxDepth) {
+                cut.tooDeep = true;
+                return std::nullopt;
+            }
+            AnyValue::Array out;
+            for (const auto& element : value.asArray())
+                if (auto kept = trimmed(element, depth + 1, maxText, cut)) out.push_back(std::move(*kept));
+            return AnyValue(std::move(out));
+        }
+        case AnyValue::Kind::dictionary: {
+            if (depth + 1 > kMaxDepth) {
+                cut.tooDeep = true;
+                return std::nullopt;
+            }
+            AnyValue::Dictionary out;
+            for (const auto& [key, member] : value.asDictionary()) {
+                if (key.size() > maxText) {
+                    cut.longText = true;
+                } else if (auto kept = trimmed(member, depth + 1, maxText, cut)) {
+                    out.emplace(key, std::move(*kept));
+                }
+            }
+            return AnyValue(std::move(out));
+        }
+        default:
+            return value;
+    }
+}
+
+std::optional<CodableValue> trimmed(const CodableValue& value, std::size_t depth, std::size_t maxText, Cut& cut) {
+    switch (value.kind()) {
+        case CodableValue::Kind::string:
+            if (value.asString().size() <= maxText) return value;
+            cut.longText = true;
+            return std::nullopt;
+        case CodableValue::Kind::array: {
+            if (depth + 1 > kMaxDepth) {
+                cut.tooDeep = true;
+                return std::nullopt;
+            }
+            CodableValue::Array out;
+            for (const auto& element : value.asArray())
+                if (auto kept = trimmed(element, depth + 1, maxText, cut)) out.push_back(std::move(*kept));
+            return CodableValue::array(std::move(out));
+        }
+        default:
+            return value;
+    }
+}
+
+template <class Map>
+std::optional<Map> withinLimits(const Map& values, std::size_t maxText, const char* what) {
+    const bool allFit = std::all_of(values.begin(), values.end(), [&](const auto& entry) {
+        return entry.first.size() <= maxText && fits(entry.second, 1, maxText);
+    });
+    if (allFit) return std::nullopt;
+    auto& logger = LoggerUtility::shared();
+    Map out;
+    for (const auto& entry : values) {
+        // Not a structured binding: the log lambdas capture the key (clang < 16 cannot).
+        const std::string& key = entry.first;
+        if (key.size() > maxText) {
+            logger.debug([&] {
+                return std::string("Warning: A ") + what + " name of " + std::to_string(key.size()) +
+                       " bytes was dropped. Texts are limited to " + std::to_string(maxText) + " bytes.";
+            });
+            continue;
+        }
+        Cut cut;
+        auto kept = trimmed(entry.second, 1, maxText, cut);
+        if (cut.longText)
+            logger.debug([&] {
+                return std::string("Warning: Text longer than ") + std::to_string(maxText) + " bytes dropped from " +
+                       what + " " + key + ".";
+            });
+        if (cut.tooDeep)
+            logger.debug([&] {
+                return std::string("Warning: Values nested deeper than ") + std::to_string(kMaxDepth) +
+                       " levels dropped from " + what + " " + key + ".";
+            });
+        if (kept) out.emplace(key, std::move(*kept));
+    }
+    return out;
+}
+
 }  // namespace
+
+std::optional<AnyValue::Dictionary> withinHostValueLimits(const AnyValue::Dictionary& values, std::size_t maxTextBytes,
+                                                          const char* what) {
+    return withinLimits(values, maxTextBytes, what);
+}
+
+std::optional<std::map<std::string, CodableValue>> withinHostValueLimits(
+    const std::map<std::string, CodableValue>& values, std::size_t maxTextBytes, const char* what) {
+    return withinLimits(values, maxTextBytes, what);
+}
 
 std::map<std::string, CodableValue> validatedCustomProperties(const AnyValue::Dictionary& properties) {
     std::map<std::string, CodableValue> result;

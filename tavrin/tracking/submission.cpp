@@ -199,7 +199,7 @@ std::future<void> TrackingService::addToCart(AnyValue::Dictionary properties) {
     AnyValue::Dictionary product = std::move(properties);
     product.insert_or_assign("track", AnyValue("product"));
     product.insert_or_assign("type", AnyValue("addtocart"));
-    const auto printed = describe(AnyValue(product));
+    const auto printed = describe(product);
     push(std::move(product));
     push({{"track", "addtocart"}});
     LoggerUtility::shared().info([&] { return "Add-To-Cart action sent with custom properties: " + printed; });

@@ -55,6 +55,8 @@ std::int64_t nextPushOrder() {
     return current + 1;
 }
 
+constexpr std::size_t kNoTextLimit = std::numeric_limits<std::size_t>::max();
+
 const std::string* textMember(const AnyValue::Dictionary& data, const char* key) {
     const auto found = data.find(key);
     return found == data.end() ? nullptr : found->second.textIf();
@@ -157,6 +159,9 @@ void TrackingService::push(AnyValue::Dictionary data) {
 
 void TrackingService::processPush(AnyValue::Dictionary data) {
     auto& logger = LoggerUtility::shared();
+    // Values nested past what JSON carries are dropped here, before any walk
+    // over them (conversion, the tag's JSON text, log lines).
+    if (auto within = withinHostValueLimits(data, kNoTextLimit, "custom property")) data = std::move(*within);
     const std::string* pushedTrack = textMember(data, "track");
     const std::string* pushedType = textMember(data, "type");
     const std::string track = pushedTrack ? *pushedTrack : trackCommand;
@@ -215,6 +220,8 @@ void TrackingService::waitForPendingPushes() const {
 
 void TrackingService::addEnrichment(std::optional<std::string> pluginId, AnyValue::Dictionary arguments,
                                     std::vector<std::string> variables) {
+    if (auto within = withinHostValueLimits(arguments, kNoTextLimit, "enrichment argument"))
+        arguments = std::move(*within);
     waitForPendingPushes();
     auto& cache = MemoryCacheUtility::shared();
     const auto pushes = cache.getPushPayloads();
@@ -240,6 +247,8 @@ void TrackingService::addCustomEnrichment(std::optional<std::string> pluginId,
         if (!settings->config()) detail::fatalError("TrackConfig is not available.");
         pluginId = settings->container();
     }
+    if (auto within = withinHostValueLimits(arguments, kNoTextLimit, "enrichment argument"))
+        arguments = std::move(*within);
     storeEnrichment(*pluginId, Enrichment{std::move(arguments), std::move(variables)});
     LoggerUtility::shared().info([&] { return "Added custom enrichment with pluginId: " + *pluginId; });
 }

@@ -19,6 +19,11 @@ using Json = nlohmann::ordered_json;
 
 namespace platform {
 
+// Arrays and objects nest at most this deep: the parser refuses deeper text,
+// and every walk over a host's values stops here too (deeper values are
+// dropped), so no recursion ever runs deeper.
+inline constexpr std::size_t kMaxJsonNestingDepth = 512;
+
 // Standard alphabet, padded.
 std::string base64Encode(const std::uint8_t* data, std::size_t size);
 inline std::string base64Encode(const Bytes& data) { return base64Encode(data.data(), data.size()); }

@@ -1,7 +1,9 @@
 #pragma once
 // Validation of a push's free-form properties into typed CodableValues.
 
+#include <cstddef>
 #include <map>
+#include <optional>
 #include <string>
 
 #include "tavrin/tracking/any_value.h"
@@ -16,5 +18,16 @@ namespace tavrin {
 // their text, boolean, integer and number elements survive in order, anything
 // else inside an array is dropped without a log line.
 std::map<std::string, CodableValue> validatedCustomProperties(const AnyValue::Dictionary& properties);
+
+// What the SDK keeps of a host's values, at any depth: texts (keys included)
+// up to `maxTextBytes`, and arrays and dictionaries nested at most 512 levels
+// deep (the dictionary itself being the first). Whatever is past either limit
+// is left out, with one debug-level line per entry naming it (`what` is
+// "custom property" or "enrichment argument"). Nothing when every value fits,
+// the common case: nothing is copied then.
+std::optional<AnyValue::Dictionary> withinHostValueLimits(const AnyValue::Dictionary& values, std::size_t maxTextBytes,
+                                                          const char* what);
+std::optional<std::map<std::string, CodableValue>> withinHostValueLimits(
+    const std::map<std::string, CodableValue>& values, std::size_t maxTextBytes, const char* what);
 
 }  // namespace tavrin
