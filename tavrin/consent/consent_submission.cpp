@@ -62,6 +62,7 @@ void detail::OrderedBlocks::drain() {
 }
 
 std::future<bool> TrackingService::setConsents(std::map<std::string, ConsentStatus> consents) {
+    if (isForeign()) return failedAfterFork<bool>();
     auto promise = std::make_shared<std::promise<bool>>();
     auto future = promise->get_future();
     auto& inFlight = detail::InFlightOperations::shared();

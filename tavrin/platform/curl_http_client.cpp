@@ -382,6 +382,7 @@ struct CurlHttpClient::Impl {
     }
 
     const Options& options;
+    const std::uint32_t generation = forkGeneration();
     CURLM* multi = nullptr;
     CURLSH* share = nullptr;
     std::mutex mutex;
@@ -398,9 +399,14 @@ CurlHttpClient::CurlHttpClient() : CurlHttpClient(Options{}) {}
 CurlHttpClient::CurlHttpClient(Options options)
     : options_(std::move(options)), impl_(std::make_unique<Impl>(options_)) {}
 
-CurlHttpClient::~CurlHttpClient() = default;
+CurlHttpClient::~CurlHttpClient() {
+    // A forked child's copy: the thread and the connections are the parent's.
+    if (impl_->generation != forkGeneration()) keepForever(std::shared_ptr<Impl>(std::move(impl_)));
+}
 
-void CurlHttpClient::shutdown() { impl_->stop(); }
+void CurlHttpClient::shutdown() {
+    if (impl_->generation == forkGeneration()) impl_->stop();
+}
 
 void CurlHttpClient::send(HttpRequest request, Completion completion) {
     auto transfer = std::make_unique<Transfer>();

@@ -3,6 +3,7 @@
 #include <pthread.h>
 
 #include <algorithm>
+#include <atomic>
 #include <condition_variable>
 #include <deque>
 #include <exception>
@@ -30,7 +31,26 @@ void runLogged(const std::function<void()>& block, const std::string& label) noe
             [&] { return "Exception escaped an asynchronous block on " + label + ": unknown exception"; });
     }
 }
+
+std::atomic<std::uint32_t> gForkGeneration{0};
+
+// Registered while the library loads, before any thread of ours exists.
+const bool gForkHandlerRegistered = [] {
+    return pthread_atfork(nullptr, nullptr, [] { gForkGeneration.fetch_add(1, std::memory_order_relaxed); }) == 0;
+}();
+
 }  // namespace
+
+std::uint32_t forkGeneration() noexcept { return gForkGeneration.load(std::memory_order_relaxed); }
+
+void keepForever(std::shared_ptr<const void> object) {
+    // Never destroyed, and reachable from here, so leak checkers do not count
+    // what is set aside; usable while static objects are destroyed at exit.
+    static auto* mutex = new std::mutex();
+    static auto* kept = new std::vector<std::shared_ptr<const void>>();
+    std::lock_guard lock(*mutex);
+    kept->push_back(std::move(object));
+}
 
 const std::string& currentQueueLabel() { return tCurrentLabel; }
 
@@ -53,6 +73,16 @@ public:
         for (std::size_t i = 0; i < std::max<std::size_t>(threads, 1); ++i)
             core->threads_.emplace_back([core] { run(core); });
         return core;
+    }
+
+    // The core to post to: in a forked child, where this core's threads do
+    // not exist, a fresh one with as many threads (this one is set aside with
+    // whatever the parent had queued).
+    static void revive(std::shared_ptr<WorkerCore>& core) {
+        if (core->generation_ == forkGeneration()) [[likely]]
+            return;
+        auto fresh = start(core->label, core->threads_.size());
+        keepForever(std::exchange(core, std::move(fresh)));
     }
 
     const std::string label;
@@ -82,10 +112,17 @@ public:
     }
 
     bool isCurrent() const noexcept { return tCurrentCore == this; }
+    std::uint32_t generation() const noexcept { return generation_; }
 
     // Lets the threads run every block already posted and end, then joins
     // them; from one of its own blocks it detaches them instead.
     void stop() {
+        // A forked child's copy: the threads are the parent's, and the lock
+        // may have been held by one of them when the process forked.
+        if (generation_ != forkGeneration()) {
+            keepForever(std::make_shared<std::vector<std::thread>>(std::move(threads_)));
+            return;
+        }
         {
             std::lock_guard lock(mutex_);
             stopping_ = true;
@@ -136,6 +173,7 @@ private:
     std::uint64_t finished_ = 0;
     bool stopping_ = false;
     std::vector<std::thread> threads_;  // touched only by start and stop
+    const std::uint32_t generation_ = forkGeneration();
 };
 
 }  // namespace detail
@@ -152,7 +190,10 @@ bool SerialQueue::isCurrent() const noexcept { return core_->isCurrent(); }
 
 void SerialQueue::async(std::function<void()> block) { enqueue(std::move(block)); }
 
-void SerialQueue::enqueue(std::function<void()> block) { core_->post(std::move(block)); }
+void SerialQueue::enqueue(std::function<void()> block) {
+    detail::WorkerCore::revive(core_);
+    core_->post(std::move(block));
+}
 
 // ---- ConcurrentQueue
 
@@ -163,7 +204,15 @@ ConcurrentQueue::~ConcurrentQueue() { core_->stop(); }
 
 const std::string& ConcurrentQueue::label() const noexcept { return core_->label; }
 
+void ConcurrentQueue::revive() const {
+    if (core_->generation() == forkGeneration()) [[likely]]
+        return;
+    detail::WorkerCore::revive(core_);
+    keepForever(std::exchange(data_, std::make_shared<std::shared_mutex>()));
+}
+
 void ConcurrentQueue::asyncBarrier(std::function<void()> write) {
+    revive();
     // The write itself is released by the core after the lock, like any block.
     core_->post([data = data_, write = std::move(write)] {
         std::unique_lock exclusive(*data);
@@ -180,6 +229,7 @@ void ConcurrentQueue::barrier(std::function<void()> write) {
         asyncBarrier(std::move(write));
         return;
     }
+    revive();
     core_->waitUntilFinished(core_->posted());
     // Marked as reading, so a read inside the write runs directly.
     ReadScope scope(*this, std::unique_lock(*data_));
@@ -188,8 +238,17 @@ void ConcurrentQueue::barrier(std::function<void()> write) {
 
 void ConcurrentQueue::drain() {
     if (isWriterThread() || isReadingThread()) return;
+    revive();
     core_->waitUntilFinished(core_->posted());
 }
+
+void ConcurrentQueue::holdForFork() {
+    revive();
+    core_->waitUntilFinished(core_->posted());
+    data_->lock();
+}
+
+void ConcurrentQueue::releaseAfterFork() { data_->unlock(); }
 
 bool ConcurrentQueue::isWriterThread() const noexcept { return core_->isCurrent(); }
 
@@ -199,7 +258,7 @@ bool ConcurrentQueue::isReadingThread() const noexcept {
     return false;
 }
 
-ConcurrentQueue::ReadScope::ReadScope(const ConcurrentQueue& queue) : queue_(queue.core_.get()) {
+ConcurrentQueue::ReadScope::ReadScope(const ConcurrentQueue& queue) : queue_((queue.revive(), queue.core_.get())) {
     queue.core_->waitUntilFinished(queue.core_->posted());
     lock_ = std::shared_lock(*queue.data_);
     tReadingQueues.push_back(queue_);
@@ -228,7 +287,10 @@ TaskPool& TaskPool::shared() {
 
 void TaskPool::detach(std::function<void()> fn) { enqueue(std::move(fn)); }
 
-void TaskPool::enqueue(std::function<void()> block) { core_->post(std::move(block)); }
+void TaskPool::enqueue(std::function<void()> block) {
+    detail::WorkerCore::revive(core_);
+    core_->post(std::move(block));
+}
 
 std::mutex& processLock() {
     static std::mutex lock;

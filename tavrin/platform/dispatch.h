@@ -24,6 +24,18 @@ namespace tavrin::platform {
 // The label of the queue running on this thread, or empty.
 const std::string& currentQueueLabel();
 
+// How many fork() calls separate this process from the one that loaded the
+// library: 0 there, one more in each child. A forked child has none of its
+// parent's threads, so what owns threads or shared descriptors remembers the
+// generation it started in: a child never joins, signals or shuts down what
+// belongs to the parent, and queues start threads of their own when the child
+// first uses them (blocks queued in the parent stay the parent's).
+std::uint32_t forkGeneration() noexcept;
+
+// Keeps `object` until the process ends without ever destroying it: where a
+// forked child sets aside its copy of something that belongs to the parent.
+void keepForever(std::shared_ptr<const void> object);
+
 // Names the calling thread (Linux keeps 15 characters).
 void setCurrentThreadName(const std::string& name);
 
@@ -105,6 +117,12 @@ public:
     // Blocks until every write submitted so far has been applied.
     void drain();
 
+    // Fork handlers: holds the data exclusively from the calling thread, so no
+    // read or write is halfway through while the process forks, until
+    // releaseAfterFork (in the parent and in the child).
+    void holdForFork();
+    void releaseAfterFork();
+
     bool isWriterThread() const noexcept;
 
 private:
@@ -126,10 +144,12 @@ private:
     };
 
     bool isReadingThread() const noexcept;
+    // In a forked child, replaces the parent's core and lock on first use.
+    void revive() const;
 
-    std::shared_ptr<detail::WorkerCore> core_;
+    mutable std::shared_ptr<detail::WorkerCore> core_;
     // Shared with the queued writes, which may outlive the queue object.
-    std::shared_ptr<std::shared_mutex> data_;
+    mutable std::shared_ptr<std::shared_mutex> data_;
 };
 
 // A small fixed pool for background tasks.

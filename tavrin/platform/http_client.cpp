@@ -4,6 +4,8 @@
 
 #include "tavrin/platform/http_client.h"
 
+#include "tavrin/platform/dispatch.h"
+
 #include <mutex>
 
 namespace tavrin::platform {
@@ -47,11 +49,17 @@ std::future<HttpResponse> HttpClient::get(std::string url, HttpHeaders headers, 
 namespace {
 std::mutex gSharedMutex;
 std::shared_ptr<HttpClient> gShared;
+std::uint32_t gSharedGeneration = 0;  // the fork generation gShared was set in
 }  // namespace
 
 std::shared_ptr<HttpClient> HttpClient::shared() {
     std::lock_guard lock(gSharedMutex);
-    if (!gShared) gShared = std::make_shared<CurlHttpClient>();
+    // A forked child starts its own client: the parent's thread is not there.
+    if (gShared && gSharedGeneration != forkGeneration()) keepForever(std::exchange(gShared, nullptr));
+    if (!gShared) {
+        gShared = std::make_shared<CurlHttpClient>();
+        gSharedGeneration = forkGeneration();
+    }
     return gShared;
 }
 
@@ -60,6 +68,7 @@ void HttpClient::setShared(std::shared_ptr<HttpClient> client) {
     {
         std::lock_guard lock(gSharedMutex);
         previous = std::exchange(gShared, std::move(client));
+        gSharedGeneration = forkGeneration();
     }
     // The previous client (and its thread) goes away outside the lock.
 }

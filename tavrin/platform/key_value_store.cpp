@@ -7,6 +7,7 @@
 #include <mutex>
 #include <vector>
 
+#include "tavrin/platform/dispatch.h"
 #include "tavrin/platform/internal/sqlite_key_value_store.h"
 
 namespace tavrin::platform {
@@ -21,6 +22,8 @@ struct StandardState {
     std::mutex openMutex;
     std::optional<std::filesystem::path> hostDirectory;
     std::shared_ptr<KeyValueStore> store;
+    // The fork generation of the default store opened here (none: the host's).
+    std::optional<std::uint32_t> openedIn;
 };
 
 StandardState& standardState() {
@@ -101,6 +104,12 @@ std::shared_ptr<KeyValueStore> KeyValueStore::standard() {
     auto& state = standardState();
     {
         std::lock_guard lock(state.mutex);
+        // A forked child opens a connection of its own: one must never be
+        // shared across a fork.
+        if (state.store && state.openedIn && *state.openedIn != forkGeneration()) {
+            keepForever(std::exchange(state.store, nullptr));
+            state.openedIn.reset();
+        }
         if (state.store) return state.store;
     }
     // One opener at a time, so two threads never both open (or both repair)
@@ -113,7 +122,10 @@ std::shared_ptr<KeyValueStore> KeyValueStore::standard() {
     auto opened = std::make_shared<SqliteKeyValueStore>(std::filesystem::path(dataDirectory()) / SqliteKeyValueStore::kFileName);
     std::lock_guard lock(state.mutex);
     // setStandard may have installed a store while this one opened; it wins.
-    if (!state.store) state.store = std::move(opened);
+    if (!state.store) {
+        state.store = std::move(opened);
+        state.openedIn = forkGeneration();
+    }
     return state.store;
 }
 
@@ -121,6 +133,7 @@ void KeyValueStore::setStandard(std::shared_ptr<KeyValueStore> store) {
     auto& state = standardState();
     std::lock_guard lock(state.mutex);
     state.store = std::move(store);
+    state.openedIn.reset();
 }
 
 void KeyValueStore::setDataDirectory(std::optional<std::string> directory) {

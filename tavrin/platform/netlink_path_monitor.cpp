@@ -250,9 +250,14 @@ struct NetlinkPathMonitor::Reader {
     RouteQuery query;
     std::shared_ptr<detail::PathDelivery> delivery;
     std::thread thread;
+    const std::uint32_t generation = forkGeneration();
 
     void stop() {
         if (!thread.joinable()) return;
+        if (generation != forkGeneration()) {  // a forked child's copy: the thread and its wake-up are the parent's
+            keepForever(std::make_shared<std::thread>(std::move(thread)));
+            return;
+        }
         const std::uint64_t one = 1;
         while (::write(wake.get(), &one, sizeof one) < 0 && errno == EINTR) {
         }

@@ -13,6 +13,7 @@
 #include <thread>
 
 #include "tavrin/platform/clock.h"
+#include "tavrin/platform/dispatch.h"
 #include "tavrin/sdk/internal/logger_utility.h"
 
 namespace tavrin::platform {
@@ -161,12 +162,19 @@ SqliteKeyValueStore::SqliteKeyValueStore(std::filesystem::path file)
     : SqliteKeyValueStore(std::move(file), Options{}) {}
 
 SqliteKeyValueStore::SqliteKeyValueStore(std::filesystem::path file, Options options)
-    : path_(std::move(file)), options_(options) {
+    : path_(std::move(file)), options_(options), generation_(forkGeneration()) {
     std::lock_guard lock(mutex_);
     open();
 }
 
 SqliteKeyValueStore::~SqliteKeyValueStore() {
+    if (generation_ != forkGeneration()) {
+        // A forked child's copy: the connection and its locks are the
+        // parent's (and the mutex may have been held by a parent's thread).
+        keepForever(std::shared_ptr<Statements>(std::move(statements_)));
+        if (db_) keepForever(std::shared_ptr<sqlite3>(db_, [](sqlite3*) {}));
+        return;
+    }
     std::lock_guard lock(mutex_);
     close();
 }

@@ -1,5 +1,6 @@
 #include "tavrin/platform/system_log.h"
 
+#include <pthread.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <syslog.h>
@@ -10,6 +11,9 @@
 #include <cstdio>
 #include <cstring>
 #include <ctime>
+#include <utility>
+
+#include "tavrin/platform/dispatch.h"
 
 namespace tavrin::platform {
 
@@ -59,6 +63,24 @@ std::mutex& sinkMutex() {
     static std::mutex m;
     return m;
 }
+
+// A thread of the parent may have been writing a line when the process
+// forked: a child replaces the library's own sinks (whose lock that thread
+// held) with fresh ones of the same kind and sets the parent's aside.
+// A sink the host installed stays the host's to look after.
+const bool gForkHandlersRegistered = [] {
+    return pthread_atfork([] { sinkMutex().lock(); }, [] { sinkMutex().unlock(); },
+                          [] {
+                              auto& slot = sinkSlot();
+                              std::shared_ptr<LogSink> fresh;
+                              if (auto* syslog = dynamic_cast<SyslogSink*>(slot.get()))
+                                  fresh = std::make_shared<SyslogSink>(syslog->socketPath());
+                              else if (dynamic_cast<StderrSink*>(slot.get()))
+                                  fresh = std::make_shared<StderrSink>();
+                              if (fresh) keepForever(std::exchange(slot, std::move(fresh)));
+                              sinkMutex().unlock();
+                          }) == 0;
+}();
 
 }  // namespace
 

@@ -1,11 +1,14 @@
 #include "tavrin/sdk/tavrin_service.h"
 
+#include <pthread.h>
+
 #include <atomic>
 #include <cstdlib>
 #include <future>
 #include <mutex>
 #include <string>
 
+#include "tavrin/consent/internal/user_defaults_utility.h"
 #include "tavrin/consent/internal/vendor_consents_utility.h"
 #include "tavrin/monitor/internal/memory_cache_utility.h"
 #include "tavrin/monitor/internal/monitor_service.h"
@@ -32,10 +35,29 @@ using Clock = std::chrono::steady_clock;
 // HTTP client (which fails whatever is still out).
 constexpr std::chrono::milliseconds kExitGrace{1500};
 
-std::atomic<bool> configured{false};
+// The fork generation of the last configure; -1 before it and after shutdown.
+std::atomic<std::int64_t> configuredIn{-1};
 
+bool configuredHere() { return configuredIn.load() == platform::forkGeneration(); }
+
+// A forked child (that did not configure) has none of the threads and sends
+// its parent's configuration started: it leaves them be.
 void shutdownAtExit() {
-    if (configured.load()) TavrinService::shutdown(kExitGrace);
+    if (configuredHere()) TavrinService::shutdown(kExitGrace);
+}
+
+// Around fork(): what a child goes on using (the start-up lock, the store, the
+// in-memory cache) is not halfway through a change of another thread's.
+void holdForFork() {
+    platform::processLock().lock();
+    UserDefaultsUtility::holdForFork();
+    MemoryCacheUtility::shared().holdForFork();
+}
+
+void releaseAfterFork() {
+    MemoryCacheUtility::shared().releaseAfterFork();
+    UserDefaultsUtility::releaseAfterFork();
+    platform::processLock().unlock();
 }
 
 // A host may return from main with submissions in flight. Their blocks use
@@ -56,6 +78,7 @@ void registerExitHandler() {
         (void)SessionManager::getCurrentSessionID();
         (void)TimestampUtility::currentTimestampInMillis();
         std::atexit(shutdownAtExit);
+        pthread_atfork(holdForFork, releaseAfterFork, releaseAfterFork);
     });
 }
 
@@ -83,6 +106,11 @@ void TavrinService::configure(const TrackConfig& config) {
     std::lock_guard startup(platform::processLock());
     auto& logger = LoggerUtility::shared();
     logger.info([&] { return "Configuring TavrinService with trackDomain: " + config.trackDomain; });
+    if (const auto previous = configuredIn.load(); previous >= 0 && previous != platform::forkGeneration()) {
+        // A child forked after configure: the parent's pushes, product data
+        // and tags stay with the parent.
+        MemoryCacheUtility::resetShared();
+    }
 
     TrackingSettings::configure(config);
 
@@ -142,7 +170,7 @@ void TavrinService::configure(const TrackConfig& config) {
         });
     });
 
-    configured.store(true);
+    configuredIn.store(platform::forkGeneration());
     registerExitHandler();
 }
 
@@ -153,11 +181,13 @@ bool TavrinService::flush(std::chrono::milliseconds timeout) {
 }
 
 bool TavrinService::shutdown(std::chrono::milliseconds timeout) {
+    // A forked child that did not configure has nothing of its own to stop.
+    if (configuredIn.load() >= 0 && !configuredHere()) return true;
     const auto deadline = Clock::now() + timeout;
     const bool finished = flush(timeout);
 
     std::lock_guard startup(platform::processLock());
-    configured.store(false);
+    configuredIn.store(-1);
     const auto remaining = std::max(std::chrono::milliseconds(0),
                                     std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now()));
     // Requests the walk has not sent stay cached for the next launch.

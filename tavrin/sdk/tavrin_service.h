@@ -32,6 +32,13 @@ public:
     // configure starts everything afresh. True when the flush finished in time.
     // A host that returns from main without calling it gets the same on exit.
     static bool shutdown(std::chrono::milliseconds timeout);
+
+    // fork(): a child of a configured process has none of the SDK's threads.
+    // It leaves without the exit-time shutdown, its SDK calls fail fast
+    // (TrackingServiceError notInitialized, naming the fork; push logs it;
+    // flush and shutdown return at once) until it calls configure itself,
+    // which gives it threads, an HTTP client and a store connection of its
+    // own. The parent's waiting pushes and debug tags stay the parent's.
 };
 
 }  // namespace tavrin

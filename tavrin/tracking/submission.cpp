@@ -2,6 +2,7 @@
 // submission record, sent through the transport.
 
 #include <algorithm>
+#include <atomic>
 #include <exception>
 #include <memory>
 #include <utility>
@@ -54,8 +55,19 @@ std::pair<std::string, std::string> currentUserID(const UserIDUtility& utility) 
 }
 
 InFlightOperations& InFlightOperations::shared() {
-    static auto* operations = new InFlightOperations();
-    return *operations;
+    // Never destroyed: completions may still run while the process exits. A
+    // forked child counts its own operations: the parent's never end there.
+    struct Current {
+        std::atomic<InFlightOperations*> operations{new InFlightOperations()};
+        std::atomic<std::uint32_t> generation{platform::forkGeneration()};
+    };
+    static auto* current = new Current();
+    if (current->generation.load(std::memory_order_acquire) != platform::forkGeneration()) [[unlikely]] {
+        platform::keepForever(std::shared_ptr<const InFlightOperations>(current->operations.load()));
+        current->operations.store(new InFlightOperations());
+        current->generation.store(platform::forkGeneration(), std::memory_order_release);
+    }
+    return *current->operations.load();
 }
 
 }  // namespace detail
@@ -65,6 +77,7 @@ std::future<void> TrackingService::submit(std::optional<std::string> state) {
 }
 
 std::future<void> TrackingService::submitData(std::optional<std::string> state, const char* completedLine) {
+    if (isForeign()) return failedAfterFork<void>();
     auto& logger = LoggerUtility::shared();
     logger.info("Submitting data with stored push data");
 
@@ -196,6 +209,7 @@ void TrackingService::sendSubmission(std::vector<std::string> pushedCommands,
 }
 
 std::future<void> TrackingService::addToCart(AnyValue::Dictionary properties) {
+    if (isForeign()) return failedAfterFork<void>();
     AnyValue::Dictionary product = std::move(properties);
     product.insert_or_assign("track", AnyValue("product"));
     product.insert_or_assign("type", AnyValue("addtocart"));

@@ -31,7 +31,19 @@ namespace {
 
 constexpr const char* kNotInitialized = "TrackingService is not initialized. Call TavrinService.configure(with:) first.";
 
+// The instance, unless it belongs to the process this one was forked from.
+bool ownedHere(const std::shared_ptr<TrackingService>& instance) {
+    return instance && detail::TrackingServiceInternals::isOwn(*instance);
+}
+
+// Drops an instance; a forked child's copy of the parent's is kept, never
+// destroyed (its queue's thread and its transport are the parent's).
+void release(std::shared_ptr<TrackingService> instance) {
+    if (instance && !ownedHere(instance)) platform::keepForever(std::move(instance));
+}
+
 struct Slot {
+    ~Slot() { release(std::move(instance)); }
     std::mutex mutex;
     std::shared_ptr<TrackingService> instance;
 };
@@ -99,7 +111,14 @@ std::shared_ptr<TrackingService> TrackingService::shared() {
         LoggerUtility::shared().error(kNotInitialized);
         throw TrackingServiceError::notInitialized();
     }
+    if (!ownedHere(instance)) throw notInitializedAfterFork();
     return instance;
+}
+
+TrackingServiceError TrackingService::notInitializedAfterFork() {
+    auto error = TrackingServiceError::notInitializedAfterFork();
+    LoggerUtility::shared().error(error.what());
+    return error;
 }
 
 void TrackingService::resetInstance() {
@@ -110,7 +129,7 @@ void TrackingService::resetInstance() {
     }
     // Released outside the lock: the last owner waits for the instance's
     // queue to finish, and nothing on that queue should wait for the slot.
-    dropped.reset();
+    release(std::move(dropped));
     LoggerUtility::shared().info("TrackingService instance has been reset.");
 }
 
@@ -122,7 +141,7 @@ std::shared_ptr<TrackingService> TrackingService::initialize(std::shared_ptr<Ser
         std::lock_guard lock(slot().mutex);
         previous = std::exchange(slot().instance, instance);
     }
-    previous.reset();
+    release(std::move(previous));
     LoggerUtility::shared().info(
         [&] { return "TrackingService initialized successfully with container: " + settings->container(); });
     return instance;
@@ -142,6 +161,10 @@ TrackingService::~TrackingService() = default;
 // ---- push
 
 void TrackingService::push(AnyValue::Dictionary data) {
+    if (isForeign()) {  // never fails its caller: the error is only logged
+        notInitializedAfterFork();
+        return;
+    }
     try {
         processingQueue.async([weak = weak_from_this(), data = std::move(data)]() mutable {
             const auto self = weak.lock();
@@ -220,6 +243,7 @@ void TrackingService::waitForPendingPushes() const {
 
 void TrackingService::addEnrichment(std::optional<std::string> pluginId, AnyValue::Dictionary arguments,
                                     std::vector<std::string> variables) {
+    if (isForeign()) throw notInitializedAfterFork();
     if (auto within = withinHostValueLimits(arguments, kNoTextLimit, "enrichment argument"))
         arguments = std::move(*within);
     waitForPendingPushes();
@@ -243,6 +267,7 @@ void TrackingService::addEnrichment(std::optional<std::string> pluginId, AnyValu
 void TrackingService::addCustomEnrichment(std::optional<std::string> pluginId,
                                           std::map<std::string, CodableValue> arguments,
                                           std::vector<std::string> variables) {
+    if (isForeign()) throw notInitializedAfterFork();
     if (!pluginId) {
         if (!settings->config()) detail::fatalError("TrackConfig is not available.");
         pluginId = settings->container();
@@ -276,7 +301,7 @@ void TrackingService::resetEnrichments() {
 
 std::shared_ptr<TrackingService> detail::TrackingServiceInternals::current() {
     std::lock_guard lock(slot().mutex);
-    return slot().instance;
+    return ownedHere(slot().instance) ? slot().instance : nullptr;
 }
 
 std::int64_t detail::TrackingServiceInternals::lastPushOrder() {

@@ -9,6 +9,7 @@
 //     tracking->submit().get();                           // throws the transport's error
 //     bool accepted = tracking->setConsents({{"vendorA", tavrin::ConsentStatus::allow}}).get();
 
+#include <cstdint>
 #include <future>
 #include <functional>
 #include <map>
@@ -100,6 +101,19 @@ public:
 private:
     friend struct detail::TrackingServiceInternals;
 
+    // True in a process forked from the one that built this instance: its
+    // queue has no thread there, so every operation fails fast (logged) until
+    // the child configures its own instance.
+    bool isForeign() const noexcept { return generation != platform::forkGeneration(); }
+    template <class T>
+    static std::future<T> failedAfterFork() {
+        std::promise<T> failed;
+        failed.set_exception(std::make_exception_ptr(notInitializedAfterFork()));
+        return failed.get_future();
+    }
+    // Logs the error line and gives the error to throw.
+    static TrackingServiceError notInitializedAfterFork();
+
     // submit, with a line logged after "Data submission completed." (when not null).
     std::future<void> submitData(std::optional<std::string> state, const char* completedLine);
     // Background halves of submit and setConsents; `done` runs exactly once.
@@ -119,6 +133,7 @@ private:
     void resetEnrichments();
     void storeEnrichment(const std::string& pluginId, Enrichment enrichment);
 
+    const std::uint32_t generation = platform::forkGeneration();
     const std::string trackCommand = "defaultTrackCommand";
     const std::string typeValue = "defaultDependencyType";
     const std::shared_ptr<const TrackingSettings> settings;

@@ -17,6 +17,12 @@ TrackingServiceError TrackingServiceError::notInitialized() {
                                 "TrackingService is not initialized. Call TavrinService.configure(with:) first.");
 }
 
+TrackingServiceError TrackingServiceError::notInitializedAfterFork() {
+    return TrackingServiceError(Code::notInitialized, {},
+                                "TrackingService is not available in a process forked after configure. Call "
+                                "TavrinService.configure(with:) in the child first.");
+}
+
 TrackingServiceError TrackingServiceError::configurationFailed() {
     return TrackingServiceError(Code::configurationFailed, {},
                                 "Failed to configure TrackingService. Check the provided configuration.");

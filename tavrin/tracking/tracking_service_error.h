@@ -15,6 +15,10 @@ public:
     static TrackingServiceError submissionFailed(std::string cause);
     // "TrackingService is not initialized. Call TavrinService.configure(with:) first."
     static TrackingServiceError notInitialized();
+    // The same case in a process forked after configure, until it configures
+    // itself: "TrackingService is not available in a process forked after
+    // configure. Call TavrinService.configure(with:) in the child first."
+    static TrackingServiceError notInitializedAfterFork();
     // "Failed to configure TrackingService. Check the provided configuration."
     static TrackingServiceError configurationFailed();
 

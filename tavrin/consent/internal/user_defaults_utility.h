@@ -108,6 +108,10 @@ public:
     // short, as it may quote the stored value, which can be any size.
     static std::string decodingFailure(const DecodingError& error);
 
+    // Fork handlers: no store access is halfway through while the process forks.
+    static void holdForFork() { storeMutex().lock(); }
+    static void releaseAfterFork() { storeMutex().unlock(); }
+
 private:
     static void logSaveFailure(const std::string& key, const std::string& description);
     static void writeEncoded(const std::string& key, const Bytes& encoded, std::any value);

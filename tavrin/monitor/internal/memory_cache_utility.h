@@ -78,6 +78,10 @@ public:
     // Blocks until every write submitted so far has been applied.
     void drain() const { queue_.drain(); }
 
+    // Fork handlers: no read or write is halfway through while the process forks.
+    void holdForFork() { queue_.holdForFork(); }
+    void releaseAfterFork() { queue_.releaseAfterFork(); }
+
     const std::string& queueLabel() const noexcept { return queue_.label(); }
 
 private:

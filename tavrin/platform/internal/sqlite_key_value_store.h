@@ -18,6 +18,7 @@
 // are false.
 
 #include <chrono>
+#include <cstdint>
 #include <filesystem>
 #include <memory>
 #include <mutex>
@@ -104,6 +105,8 @@ private:
     bool inMemory_ = false;
     bool writable_ = false;
     std::optional<std::filesystem::path> movedAside_;
+    // A forked child never closes the parent's connection.
+    const std::uint32_t generation_;
 };
 
 }  // namespace tavrin::platform

@@ -1,22 +1,37 @@
 #pragma once
 // The process-wide instance of a shared component: created on first use,
-// dropped by tests so each starts clean.
+// dropped by tests so each starts clean. A forked child does not use (or
+// destroy) the parent's instance: it makes its own on first use.
 
+#include <cstdint>
 #include <exception>
 #include <memory>
 #include <mutex>
 #include <string>
 #include <utility>
 
+#include "tavrin/platform/dispatch.h"
+
 namespace tavrin::detail {
 
 template <class T>
 class SharedInstance {
 public:
+    SharedInstance() = default;
+    SharedInstance(const SharedInstance&) = delete;
+    SharedInstance& operator=(const SharedInstance&) = delete;
+    ~SharedInstance() {
+        if (generation_ != platform::forkGeneration()) platform::keepForever(std::move(instance_));
+    }
+
     template <class Make>
     std::shared_ptr<T> get(Make&& make) {
         std::lock_guard lock(mutex_);
-        if (!instance_) instance_ = make();
+        if (instance_ && generation_ != platform::forkGeneration()) platform::keepForever(std::exchange(instance_, nullptr));
+        if (!instance_) {
+            instance_ = make();
+            generation_ = platform::forkGeneration();
+        }
         return instance_;
     }
 
@@ -31,6 +46,7 @@ public:
 private:
     std::mutex mutex_;
     std::shared_ptr<T> instance_;
+    std::uint32_t generation_ = platform::forkGeneration();  // where instance_ was made
 };
 
 // The readable description of an error carried by an exception_ptr.

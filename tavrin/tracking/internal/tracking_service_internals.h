@@ -71,8 +71,11 @@ struct TrackingServiceInternals {
     static const std::string& userAgent(const TrackingService& service) { return service.userAgent; }
     static const std::shared_ptr<ServiceProtocol>& service(const TrackingService& service) { return service.service; }
 
-    // The shared instance, or null before configure (without the error line).
+    // The shared instance, or null before configure and in a forked child
+    // before it configures (without the error line).
     static std::shared_ptr<TrackingService> current();
+    // False in a process forked from the one that built `service`.
+    static bool isOwn(const TrackingService& service) { return !service.isForeign(); }
 
     // The order the last push received (0 before the first push of the process).
     static std::int64_t lastPushOrder();
