@@ -43,8 +43,10 @@ trap 'exit 130' INT TERM
 openssl req -x509 -newkey rsa:2048 -nodes -days 2 -subj "/CN=127.0.0.1" \
   -addext "subjectAltName=IP:127.0.0.1" -keyout "$work/key.pem" -out "$work/cert.pem" 2>/dev/null
 
+# The token travels in the environment, which other users cannot read (a
+# command line they can).
 token="demo-$(od -An -N8 -tx1 /dev/urandom | tr -d ' \n')"
-"$build/tools/collector/tavrin-collector" --port 0 --data-dir "$work/collector" --token "$token" \
+TAVRIN_COLLECTOR_TOKEN="$token" "$build/tools/collector/tavrin-collector" --port 0 --data-dir "$work/collector" \
   --tls-cert "$work/cert.pem" --tls-key "$work/key.pem" >"$work/collector.out" 2>"$work/collector.err" &
 collector_pid=$!
 for _ in $(seq 100); do
@@ -56,11 +58,11 @@ url=$(sed -n 's/^listening on //p' "$work/collector.out" | head -n 1)
 echo "=== collector at $url"
 
 echo "=== running the example shop"
-"$build/examples/shop/tavrin-shop-example" --domain "${url#https://}" --ca-file "$work/cert.pem" \
-  --token "$token" --debug-code demo-debug --data-dir "$work/sdk" || echo "(the example reported failures)"
+TAVRIN_TOKEN="$token" "$build/examples/shop/tavrin-shop-example" --domain "${url#https://}" --ca-file "$work/cert.pem" \
+  --debug-code demo-debug --data-dir "$work/sdk" || echo "(the example reported failures)"
 
 echo "=== what arrived"
-curl -s --cacert "$work/cert.pem" "$url/api/requests" >"$work/requests.json"
+curl -s --cacert "$work/cert.pem" -K - "$url/api/requests" >"$work/requests.json" <<<"header = \"Authorization: Bearer $token\""
 python3 - "$work/requests.json" <<'PY'
 import collections, json, sys
 requests = json.load(open(sys.argv[1]))
@@ -90,6 +92,6 @@ PY
 
 if [ "$wait_for_user" -eq 1 ]; then
   echo
-  echo "Live debug view: $url/ui/  (the certificate is self-signed; Ctrl-C stops the collector)"
+  echo "Live debug view: $url/ui/#token=$token  (the certificate is self-signed; Ctrl-C stops the collector)"
   wait "$collector_pid"
 fi

@@ -4,6 +4,8 @@
 //
 //   tavrin-shop-example --domain 127.0.0.1:8443 [--protocol http] [--ca-file cert.pem]
 //                       [--token TOKEN] [--debug-code CODE] [--data-dir DIR]
+//   The token may come from the environment instead (TAVRIN_TOKEN), out of
+//   sight of other users.
 
 #include <chrono>
 #include <cstdlib>
@@ -38,6 +40,7 @@ struct Options {
 
 Options parse(int argc, char** argv) {
     Options options;
+    if (const char* token = std::getenv("TAVRIN_TOKEN"); token && *token) options.token = token;
     for (int i = 1; i < argc; ++i) {
         const std::string_view arg = argv[i];
         auto value = [&]() -> std::string {

@@ -42,9 +42,10 @@ def run_example(example, base, cert, token, work, debug_code):
     assert result.returncode == 0 and "done: all submissions sent" in result.stdout, result.stdout + result.stderr
 
 
-def fetch_requests(base, cert):
+def fetch_requests(base, cert, token):
     context = ssl.create_default_context(cafile=cert)
-    with urllib.request.urlopen(base + "/api/requests", timeout=10, context=context) as response:
+    request = urllib.request.Request(base + "/api/requests", headers={"Authorization": "Bearer " + token})
+    with urllib.request.urlopen(request, timeout=10, context=context) as response:
         records = json.load(response)
     records = records["requests"] if isinstance(records, dict) else records
     return sorted(records, key=lambda r: r["id"])
@@ -106,13 +107,13 @@ def main():
         base = first[len("listening on "):]
 
         run_example(args.example, base, cert, token, work, "shop-debug")
-        arrived = fetch_requests(base, cert)
+        arrived = fetch_requests(base, cert, token)
         kinds = [r["kind"] for r in arrived]
         assert kinds.count("consent") == 2 and kinds.count("data") == 4 and "monitor" in kinds, kinds
         assert not [p for r in arrived for p in r.get("problems", [])], "the example's requests have problems"
 
         browser = start_browser(os.path.join(work, "profile"))
-        browser.get(base + "/ui/")
+        browser.get(base + "/ui/#token=" + token)
         by_css = lambda css: browser.find_elements("css selector", css)
 
         # The page lists what arrived, newest first, each with its kind and a clean shape check.
@@ -154,7 +155,7 @@ def main():
         # A second run of the example while the page is open appears without a reload.
         browser.execute_script("window.__sameDocument = true;")
         run_example(args.example, base, cert, token, work, "shop-debug")
-        total = len(fetch_requests(base, cert))
+        total = len(fetch_requests(base, cert, token))
         assert total > len(arrived), total
         wait_for("the second run's requests", lambda: len(by_css("#requests li.request")) == total)
         assert browser.execute_script("return window.__sameDocument === true;"), "the page was reloaded"

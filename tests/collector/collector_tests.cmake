@@ -1,15 +1,17 @@
 # Wires the collector's tests (globbed into executables by tests/CMakeLists.txt)
 # to its code and binary, and registers the browser test of the debug view.
-foreach(test_target collector_shape_check_test collector_server_test)
+foreach(test_target collector_shape_check_test collector_server_test collector_hardening_test)
   if(TARGET ${test_target})
     target_link_libraries(${test_target} PRIVATE tavrin_collector_core)
   endif()
 endforeach()
 
-if(TARGET tavrin-collector AND TARGET collector_server_test)
-  target_compile_definitions(collector_server_test PRIVATE TAVRIN_COLLECTOR_BIN="$<TARGET_FILE:tavrin-collector>")
-  add_dependencies(collector_server_test tavrin-collector)
-endif()
+foreach(test_target collector_server_test collector_hardening_test)
+  if(TARGET tavrin-collector AND TARGET ${test_target})
+    target_compile_definitions(${test_target} PRIVATE TAVRIN_COLLECTOR_BIN="$<TARGET_FILE:tavrin-collector>")
+    add_dependencies(${test_target} tavrin-collector)
+  endif()
+endforeach()
 
 if(TARGET tavrin-collector AND TAVRIN_BUILD_EXAMPLES)
   # Debian's python3-selenium lives with the system interpreter, not a user's.

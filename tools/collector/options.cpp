@@ -1,6 +1,7 @@
 #include "options.h"
 
 #include <charconv>
+#include <cstdlib>
 #include <stdexcept>
 
 namespace tavrin::collector {
@@ -10,10 +11,13 @@ const char* const kUsage =
     "  A local tracking server: accepts data and consent submissions (POST /) and\n"
     "  debug reports (POST /monitor), stores them in SQLite and shows them at /ui/.\n"
     "\n"
-    "  --host ADDRESS      address to bind (default 127.0.0.1)\n"
+    "  --host ADDRESS      address to bind (default 127.0.0.1); requests naming another host\n"
+    "                      than this one or loopback are refused\n"
     "  --port N            port to bind; 0 picks a free one (default 8787)\n"
     "  --data-dir DIR      where the request database lives (default ./tavrin-collector-data)\n"
-    "  --token T           require \"Authorization: Bearer T\" on POST /\n"
+    "  --token T           require \"Authorization: Bearer T\" on POST / and on the API and the\n"
+    "                      debug view (open /ui/#token=T); better given in the environment\n"
+    "                      as TAVRIN_COLLECTOR_TOKEN, which other users cannot list\n"
     "  --tls-cert FILE     serve HTTPS with this PEM certificate ...\n"
     "  --tls-key FILE      ... and this PEM private key\n"
     "  --fail-with STATUS  answer every submission with STATUS (after storing it)\n"
@@ -37,6 +41,7 @@ long long number(const std::string& option, const std::string& text, long long m
 
 Options parseOptions(const std::vector<std::string>& arguments) {
     Options options;
+    if (const char* token = std::getenv("TAVRIN_COLLECTOR_TOKEN"); token && *token) options.token = token;
     for (std::size_t i = 0; i < arguments.size(); ++i) {
         const std::string& option = arguments[i];
         if (option == "--help" || option == "-h") {

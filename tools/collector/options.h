@@ -12,7 +12,10 @@ struct Options {
     std::string host = "127.0.0.1";
     int port = 8787;  // 0 picks a free port
     std::string dataDir = "tavrin-collector-data";
-    std::optional<std::string> token;  // expected bearer token on POST "/"
+    // Expected bearer token on POST "/", on /api/ and on /ui/; from --token or
+    // the environment variable TAVRIN_COLLECTOR_TOKEN (which keeps it out of
+    // the process list).
+    std::optional<std::string> token;
     std::optional<std::string> tlsCert, tlsKey;
     std::optional<int> failWith;  // answer every submission with this status
     int delayMs = 0;              // wait before answering a submission

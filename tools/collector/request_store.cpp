@@ -2,6 +2,9 @@
 
 #include <stdexcept>
 
+#include <sys/stat.h>
+#include <unistd.h>
+
 #include <nlohmann/json.hpp>
 #include <sqlite3.h>
 
@@ -74,13 +77,31 @@ StoredRequest readRow(const Statement& row) {
 }  // namespace
 
 RequestStore::RequestStore(const std::filesystem::path& directory) {
-    std::filesystem::create_directories(directory);
+    namespace fs = std::filesystem;
+    // What applications send (bodies, headers) is for the user's eyes only: a
+    // new directory is made private, and an existing one others can enter is
+    // refused rather than changed (it may be a shared place such as /tmp).
+    if (fs::create_directories(directory)) {
+        fs::permissions(directory, fs::perms::owner_all, fs::perm_options::replace);
+    } else {
+        struct stat info {};
+        if (::lstat(directory.c_str(), &info) != 0 || !S_ISDIR(info.st_mode) || info.st_uid != ::geteuid() ||
+            (info.st_mode & 077) != 0)
+            throw std::runtime_error("collector storage: " + directory.string() +
+                                     " must be a directory of this user that others cannot open (chmod 700), or a new path");
+    }
     const auto file = (directory / "collector.sqlite3").string();
     if (sqlite3_open_v2(file.c_str(), &db_, SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_FULLMUTEX, nullptr) !=
         SQLITE_OK) {
         std::string text = db_ ? sqlite3_errmsg(db_) : "out of memory";
         sqlite3_close(db_);
         throw std::runtime_error("collector storage: cannot open " + file + ": " + text);
+    }
+    // Before the journal files exist: SQLite gives them the database's mode.
+    for (const char* suffix : {"", "-wal", "-shm"}) {
+        std::error_code ignored;
+        if (fs::exists(file + suffix, ignored))
+            fs::permissions(file + suffix, fs::perms::owner_read | fs::perms::owner_write, fs::perm_options::replace, ignored);
     }
     sqlite3_busy_timeout(db_, 5000);
     // A request the application saw answered must still be there after a crash.

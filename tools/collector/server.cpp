@@ -1,6 +1,8 @@
 #include "server.h"
 
+#include <algorithm>
 #include <atomic>
+#include <cctype>
 #include <chrono>
 #include <condition_variable>
 #include <ctime>
@@ -39,13 +41,46 @@ std::string isoTime(std::int64_t ms) {
 std::string reason(int status) {
     switch (status) {
     case 400: return "Bad Request";
+    case 401: return "Unauthorized";
     case 404: return "Not Found";
     case 405: return "Method Not Allowed";
+    case 411: return "Length Required";
     case 413: return "Payload Too Large";
     case 414: return "URI Too Long";
+    case 415: return "Unsupported Media Type";
+    case 421: return "Misdirected Request";
     default: return "Error";
     }
 }
+
+// The most requests one listing returns, and about the most bytes of bodies.
+constexpr std::size_t kMaxListed = 1000;
+constexpr std::size_t kMaxListedBytes = 16u << 20;
+
+std::string lowercase(std::string text) {
+    std::transform(text.begin(), text.end(), text.begin(), [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
+    return text;
+}
+
+// Compares without stopping at the first difference, so the time taken does
+// not tell how much of a guess was right.
+bool sameSecret(const std::string& a, const std::string& b) {
+    if (a.size() != b.size()) return false;
+    unsigned char difference = 0;
+    for (std::size_t i = 0; i < a.size(); ++i) difference |= static_cast<unsigned char>(a[i] ^ b[i]);
+    return difference == 0;
+}
+
+// The host name of a Host header ("name", "name:port", "[v6]:port"), lower case.
+std::string hostName(const std::string& header) {
+    if (!header.empty() && header.front() == '[') {
+        const auto close = header.find(']');
+        return close == std::string::npos ? std::string() : lowercase(header.substr(1, close - 1));
+    }
+    return lowercase(header.substr(0, header.rfind(':')));
+}
+
+bool isLoopbackName(const std::string& name) { return name == "127.0.0.1" || name == "localhost" || name == "::1"; }
 
 Json toJson(const StoredRequest& request) {
     Json headers = Json::object();
@@ -124,6 +159,39 @@ struct CollectorServer::Impl {
 
     Impl(const Options& o, RequestStore& s) : options(o), store(s) {}
 
+    // The token, as a bearer token or (for the event stream, which a browser
+    // opens without headers) as the access_token parameter; true without one.
+    bool authorized(const httplib::Request& req) const {
+        if (!options.token) return true;
+        if (sameSecret(req.get_header_value("Authorization"), "Bearer " + *options.token)) return true;
+        return req.has_param("access_token") && sameSecret(req.get_param_value("access_token"), *options.token);
+    }
+
+    // Before the body is read: what the collector does not answer at all.
+    httplib::Server::HandlerResponse screen(const httplib::Request& req, httplib::Response& res) const {
+        const auto refuse = [&](int status, const std::string& why) {
+            res.set_header("Connection", "close");  // what is left of the body is not read
+            if (status == 401) res.set_header("WWW-Authenticate", "Bearer");
+            answerJson(res, status, {{"error", std::to_string(status) + " " + reason(status) + ": " + why}});
+            return httplib::Server::HandlerResponse::Handled;
+        };
+        // A page of another site can make a browser send requests here under
+        // its own name (DNS rebinding); only this machine's names are answered.
+        const std::string name = hostName(req.get_header_value("Host"));
+        if (!isLoopbackName(name) && name != lowercase(options.host))
+            return refuse(421, "this collector answers only to 127.0.0.1, localhost and [::1]" +
+                                   (isLoopbackName(options.host) ? std::string() : " and " + options.host));
+        // Bodies are bounded by their Content-Length, before anything is read
+        // or unpacked: chunked and compressed bodies could grow past it.
+        if (req.has_header("Transfer-Encoding"))
+            return refuse(411, "send the body with a Content-Length; chunked bodies are not accepted");
+        if (req.has_header("Content-Encoding") && lowercase(req.get_header_value("Content-Encoding")) != "identity")
+            return refuse(415, "send the body without a Content-Encoding");
+        if (req.path.rfind("/api/", 0) == 0 && !authorized(req))
+            return refuse(401, "the API needs the collector's token (Authorization: Bearer, or access_token=)");
+        return httplib::Server::HandlerResponse::Unhandled;
+    }
+
     void submission(const httplib::Request& req, httplib::Response& res) {
         Classification classification = classify(req.path, req.body);
         int status = 200;
@@ -133,11 +201,17 @@ struct CollectorServer::Impl {
             if (!req.has_header("Authorization")) {
                 status = 401;
                 error = "missing Authorization header (expected a bearer token)";
-            } else if (req.get_header_value("Authorization") != expected) {
+            } else if (!sameSecret(req.get_header_value("Authorization"), expected)) {
                 status = 401;
                 error = "Authorization is not the expected bearer token";
             }
             if (status == 401) classification.problems.insert(classification.problems.begin(), "/: " + error);
+        }
+        if (status == 401) {  // not kept: anyone could fill the store otherwise
+            res.set_header("WWW-Authenticate", "Bearer");
+            answerJson(res, status,
+                       {{"kind", std::string(kindName(classification.kind))}, {"problems", classification.problems}, {"error", error}});
+            return;
         }
         if (status == 200 && classification.kind == RequestKind::invalid) {
             status = 400;
@@ -170,7 +244,6 @@ struct CollectorServer::Impl {
         signal.notify();
 
         if (options.delayMs > 0) std::this_thread::sleep_for(std::chrono::milliseconds(options.delayMs));
-        if (status == 401) res.set_header("WWW-Authenticate", "Bearer");
         Json answer{{"id", stored.id}, {"kind", stored.kind}, {"problems", stored.problems}};
         if (!error.empty()) answer["error"] = error;
         answerJson(res, status, answer);
@@ -194,7 +267,12 @@ struct CollectorServer::Impl {
             return;
         }
         Json list = Json::array();
-        for (const auto& request : store.list(limit, after)) list.push_back(toJson(request));
+        std::size_t bytes = 0;
+        for (const auto& request : store.list(std::min(limit, kMaxListed), after)) {
+            bytes += request.body.size();
+            if (bytes > kMaxListedBytes && !list.empty()) break;  // the rest: with `after`, or one by one
+            list.push_back(toJson(request));
+        }
         answerJson(res, 200, list);
     }
 
@@ -250,6 +328,7 @@ struct CollectorServer::Impl {
     void routes() {
         auto& s = *server;
         s.set_payload_max_length(options.maxBodyBytes);
+        s.set_pre_routing_handler([this](const httplib::Request& q, httplib::Response& r) { return screen(q, r); });
         // Event streams hold a worker each; leave plenty for submissions.
         s.new_task_queue = [] { return new httplib::ThreadPool(32); };
         s.set_error_handler([](const httplib::Request& req, httplib::Response& res) {

@@ -239,13 +239,22 @@ function add(records, fresh) {
   renderList(); renderTimeline();
 }
 
+// With a token (the collector's --token) the page is opened once as
+// /ui/#token=T: the token moves to this tab's session storage, out of the
+// address bar, and goes with every API call.
+const given = new URLSearchParams(location.hash.slice(1)).get("token");
+if (given) { sessionStorage.setItem("collectorToken", given); history.replaceState(null, "", location.pathname); }
+const token = sessionStorage.getItem("collectorToken");
 const live = document.getElementById("live");
-const events = new EventSource("/api/events");
+const events = new EventSource("/api/events" + (token ? "?access_token=" + encodeURIComponent(token) : ""));
 events.addEventListener("open", () => {
   live.textContent = "live"; live.className = "on";
-  fetch("/api/requests?limit=1000").then(r => r.json()).then(list => add(list, false));
+  fetch("/api/requests?limit=1000", token ? {headers: {Authorization: "Bearer " + token}} : {})
+    .then(r => r.json()).then(list => add(list, false));
 });
-events.addEventListener("error", () => { live.textContent = "reconnecting…"; live.className = ""; });
+events.addEventListener("error", () => {
+  live.textContent = token ? "reconnecting…" : "reconnecting… (with --token, open /ui/#token=TOKEN)"; live.className = "";
+});
 events.addEventListener("request", e => add([JSON.parse(e.data)], true));
 </script>
 </body>
