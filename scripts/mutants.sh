@@ -15,7 +15,7 @@ set -uo pipefail
 cd "$(dirname "$0")/.."
 
 list=scripts/mutants.txt
-build=${TAVRIN_MUTANTS_BUILD:-build/mutants}
+build=$(realpath -m "${TAVRIN_MUTANTS_BUILD:-build/mutants}")
 filter=""
 only_list=0
 for arg in "$@"; do
