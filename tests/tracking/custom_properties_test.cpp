@@ -2,96 +2,82 @@
 
 #include <gtest/gtest.h>
 
+#include <limits>
+
 #include "tests/support/log_capture.h"
 
 namespace tavrin {
 namespace {
 
 using testing::LogCapture;
+using CV = CodableValue;
+using Properties = std::map<std::string, CodableValue>;
 
-std::string reserved(const std::string& key) { return "Warning: " + key + " is a reserved key and cannot be set."; }
-std::string unsupported(const std::string& key) {
-    return "Warning: Unsupported type for custom property " + key +
-           ". Only String, Bool, Number, and Array are allowed.";
-}
-
-TEST(ValidatedCustomProperties, ReservedKeysAreExactCaseSensitiveLoggedAndLeftOut) {
+TEST(CustomPropertiesTest, ValuesKeepTheirKindAndArraysOneLevelOfScalars) {
     LogCapture log;
-    // Reserved whatever the value's kind; near misses are ordinary properties.
-    const auto result = validatedCustomProperties({{"track", 5}, {"type", "click"}, {"Track", "kept"}, {"TYPE", true},
-                                                   {"type ", 1}, {"tracking", "x"}, {"", "empty key"}});
-    EXPECT_EQ(result, (std::map<std::string, CodableValue>{
-                          {"Track", CodableValue::string("kept")}, {"TYPE", CodableValue::boolean(true)},
-                          {"type ", CodableValue::integer(1)}, {"tracking", CodableValue::string("x")},
-                          {"", CodableValue::string("empty key")}}));
-    EXPECT_EQ(log.sink->messages(platform::LogType::debug),
-              (std::vector<std::string>{reserved("track"), reserved("type")}));
-}
-
-TEST(ValidatedCustomProperties, ValuesKeepTheirKindAndArraysDropNestedValuesSilently) {
-    LogCapture log;
-    const AnyValue::Array mixed{1,     "a",     AnyValue::Array{2, 3}, AnyValue::Dictionary{{"k", "v"}},
-                                2.5,   nullptr, std::chrono::system_clock::now(), false};
-    const auto result = validatedCustomProperties({{"int", 3}, {"zero", 0}, {"bool", true}, {"false", false},
-                                                   {"text", "hello"}, {"emptyText", ""}, {"whole", 2.0},
-                                                   {"big", std::numeric_limits<std::uint64_t>::max()},
-                                                   {"mixed", mixed},
-                                                   {"allDropped", AnyValue::Array{AnyValue::Array{}, nullptr}},
-                                                   {"empty", AnyValue::Array{}}});
-    // A boolean is never a number, a whole integer never a double, a double stays a double even when whole;
-    // arrays keep one level of scalars.
-    EXPECT_EQ(result, (std::map<std::string, CodableValue>{
-                          {"int", CodableValue::integer(3)}, {"zero", CodableValue::integer(0)},
-                          {"bool", CodableValue::boolean(true)}, {"false", CodableValue::boolean(false)},
-                          {"text", CodableValue::string("hello")}, {"emptyText", CodableValue::string("")},
-                          {"whole", CodableValue::decimalNumber(2.0)},
-                          {"big", CodableValue::decimalNumber(18446744073709551616.0)},
-                          {"mixed", CodableValue::array({CodableValue::integer(1), CodableValue::string("a"),
-                                                         CodableValue::decimalNumber(2.5),
-                                                         CodableValue::boolean(false)})},
-                          {"allDropped", CodableValue::array({})},
-                          {"empty", CodableValue::array({})}}));
+    const double inf = std::numeric_limits<double>::infinity();
+    const AnyValue::Array mixed{1, "a", AnyValue::Array{2, 3}, AnyValue::Dictionary{{"k", "v"}}, 2.5, nullptr,
+                                std::chrono::system_clock::now(), false};
+    // A boolean is never a number, a whole integer never a double, a double stays
+    // a double even when whole; nested values in arrays are dropped silently.
+    EXPECT_EQ(validatedCustomProperties(
+                  {{"int", 3}, {"zero", 0}, {"bool", true}, {"text", "hello"}, {"emptyText", ""}, {"whole", 2.0},
+                   {"big", std::numeric_limits<std::uint64_t>::max()}, {"max", std::numeric_limits<double>::max()},
+                   {"mixed", mixed}, {"allDropped", AnyValue::Array{AnyValue::Array{}, nullptr}}}),
+              (Properties{{"int", CV::integer(3)}, {"zero", CV::integer(0)}, {"bool", CV::boolean(true)},
+                          {"text", CV::string("hello")}, {"emptyText", CV::string("")},
+                          {"whole", CV::decimalNumber(2.0)}, {"big", CV::decimalNumber(18446744073709551616.0)},
+                          {"max", CV::decimalNumber(std::numeric_limits<double>::max())},
+                          {"mixed", CV::array({CV::integer(1), CV::string("a"), CV::decimalNumber(2.5),
+                                               CV::boolean(false)})},
+                          {"allDropped", CV::array({})}}));
     EXPECT_TRUE(log.sink->messages().empty());
     // A one-entry literal is a dictionary, not a pair of iterators.
-    EXPECT_EQ(validatedCustomProperties({{"only", "one"}}),
-              (std::map<std::string, CodableValue>{{"only", CodableValue::string("one")}}));
+    EXPECT_EQ(validatedCustomProperties({{"only", "one"}}), (Properties{{"only", CV::string("one")}}));
+    EXPECT_EQ(validatedCustomProperties({{"list", AnyValue::Array{1.5, -inf, 2}}}),
+              (Properties{{"list", CV::array({CV::decimalNumber(1.5), CV::integer(2)})}}));
 }
 
-TEST(ValidatedCustomProperties, UnsupportedValuesAreLoggedAtDebugAndLeftOut) {
-    const AnyValue::Dictionary input{{"when", std::chrono::system_clock::now()},
+TEST(CustomPropertiesTest, ReservedKeysMatchOnlyExactly) {
+    LogCapture log;
+    EXPECT_EQ(validatedCustomProperties({{"track", 5}, {"type", "click"}, {"Track", "kept"}, {"type ", 1},
+                                         {"tracking", "x"}, {"", "empty key"}}),
+              (Properties{{"Track", CV::string("kept")}, {"type ", CV::integer(1)}, {"tracking", CV::string("x")},
+                          {"", CV::string("empty key")}}));
+}
+
+TEST(CustomPropertiesTest, EachDroppedEntryIsNamedInADebugWarning) {
+    const double nan = std::numeric_limits<double>::quiet_NaN(), inf = std::numeric_limits<double>::infinity();
+    const AnyValue::Dictionary input{{"track", "x"},
+                                     {"when", std::chrono::system_clock::now()},
                                      {"dict", AnyValue::Dictionary{{"a", 1}}},
                                      {"nothing", nullptr},
+                                     {"nan", nan},
+                                     {"list", AnyValue::Array{nan, "a", -inf}},
+                                     {"longDouble", static_cast<long double>(1e4000L)},
                                      {"kept", 1}};
-    const std::map<std::string, CodableValue> expected{{"kept", CodableValue::integer(1)}};
+    const Properties expected{{"kept", CV::integer(1)}, {"list", CV::array({CV::string("a")})}};
+    const auto unsupported = [](const std::string& key) {
+        return "Warning: Unsupported type for custom property " + key +
+               ". Only String, Bool, Number, and Array are allowed.";
+    };
+    const auto nonFinite = [](const std::string& where) {
+        return "Warning: Non-finite number for custom property " + where + " dropped. JSON cannot carry NaN or infinity.";
+    };
     {
         LogCapture log;
         EXPECT_EQ(validatedCustomProperties(input), expected);
-        // Dictionary iteration is by sorted key.
+        // In sorted key order.
         EXPECT_EQ(log.sink->messages(platform::LogType::debug),
-                  (std::vector<std::string>{unsupported("dict"), unsupported("nothing"), unsupported("when")}));
+                  (std::vector<std::string>{unsupported("dict"), nonFinite("list[0]"), nonFinite("list[2]"),
+                                            nonFinite("longDouble"), nonFinite("nan"), unsupported("nothing"),
+                                            "Warning: track is a reserved key and cannot be set.",
+                                            unsupported("when")}));
     }
+    // Only at debug level.
     LogCapture log(LogLevel::info);
     EXPECT_EQ(validatedCustomProperties(input), expected);
-    EXPECT_EQ(validatedCustomProperties({{"track", "x"}}).size(), 0u);
     EXPECT_TRUE(log.sink->messages().empty());
-}
-
-TEST(ValidatedCustomProperties, NumbersJsonCannotCarryAreDroppedWithADebugLine) {
-    LogCapture log;
-    const double nan = std::numeric_limits<double>::quiet_NaN(), inf = std::numeric_limits<double>::infinity();
-    const auto result = validatedCustomProperties(
-        {{"nan", nan}, {"inf", inf}, {"minusInf", -inf}, {"max", std::numeric_limits<double>::max()},
-         {"list", AnyValue::Array{1.5, nan, "a", -inf, 2}}, {"longDouble", static_cast<long double>(1e4000L)}});
-    EXPECT_EQ(result, (std::map<std::string, CodableValue>{
-                          {"max", CodableValue::decimalNumber(std::numeric_limits<double>::max())},
-                          {"list", CodableValue::array({CodableValue::decimalNumber(1.5), CodableValue::string("a"),
-                                                        CodableValue::integer(2)})}}));
-    const auto dropped = [](const std::string& where) {
-        return "Warning: Non-finite number for custom property " + where + " dropped. JSON cannot carry NaN or infinity.";
-    };
-    EXPECT_EQ(log.sink->messages(platform::LogType::debug),
-              (std::vector<std::string>{dropped("inf"), dropped("list[1]"), dropped("list[3]"), dropped("longDouble"),
-                                        dropped("minusInf"), dropped("nan")}));
 }
 
 }  // namespace
