@@ -55,13 +55,9 @@ TEST_F(TrackingSettingsTest, LoadInstallsWhatAnEarlierLaunchPersisted) {
 TEST_F(TrackingSettingsTest, LoadOfNothingReadableWarnsAndKeepsTheInstance) {
     TrackingSettings::configure(fullConfig("a"));
     const auto before = TrackingSettings::shared();
-    const std::vector<std::optional<Value>> stored{
-        platform::toBytes("garbage"), platform::toBytes(R"({"trackDomain":"d"})"),
-        std::string(encodeJsonText(fullConfig("text"))),  // a text row, not data
-        Bytes{}, std::nullopt};
-    for (std::size_t row = 0; row < stored.size(); ++row) {
-        SCOPED_TRACE(row);
-        const auto& value = stored[row];
+    // A text row where data belongs, a record missing members, nothing at all.
+    for (const auto& value : std::vector<std::optional<Value>>{
+             std::string(encodeJsonText(fullConfig("b"))), platform::toBytes(R"({"trackDomain":"d"})"), {}}) {
         value ? openFile()->set(kKey, *value) : openFile()->remove(kKey);
         UserDefaultsUtility::resetCacheForTesting();
         log.sink->clear();
@@ -89,28 +85,18 @@ TEST_F(TrackingSettingsDeathTest, ClearRemovesTheStoredValueAndTheInstance) {
 TEST_F(TrackingSettingsDeathTest, SharedBeforeConfigureLogsThenStops) {
     GTEST_FLAG_SET(death_test_style, "threadsafe");
     // The error line (through a stderr sink) comes first, then the stop message.
-    EXPECT_DEATH(
-        {
-            platform::SystemLog::setSink(std::make_shared<platform::StderrSink>());
-            TrackingSettings::shared();
-        },
-        std::string("ERROR: ") + kNotInitialized + "\n" + kNotInitialized + "\n$");
+    platform::SystemLog::setSink(std::make_shared<platform::StderrSink>());
+    EXPECT_DEATH(TrackingSettings::shared(), std::string("ERROR: ") + kNotInitialized + "\n" + kNotInitialized + "\n$");
 }
 
 TEST_F(TrackingSettingsDeathTest, RequiredGettersWithoutAConfigStop) {
     GTEST_FLAG_SET(death_test_style, "threadsafe");
     const TrackingSettings empty(std::nullopt);
-    const std::function<void()> getters[] = {[&] { (void)empty.trackDomain(); }, [&] { (void)empty.container(); },
-                                             [&] { (void)empty.environment(); },
-                                             [&] { (void)empty.authorizationToken(); }};
-    for (const auto& getter : getters) {
-        EXPECT_DEATH(
-            {
-                platform::SystemLog::setSink(std::make_shared<platform::StderrSink>());
-                getter();
-            },
-            "^TrackConfig is not available\\.\n$");
-    }
+    platform::SystemLog::setSink(std::make_shared<platform::StderrSink>());  // nothing but the stop message
+    for (const auto& getter : std::vector<std::function<void()>>{
+             [&] { (void)empty.trackDomain(); }, [&] { (void)empty.container(); },
+             [&] { (void)empty.environment(); }, [&] { (void)empty.authorizationToken(); }})
+        EXPECT_DEATH(getter(), "^TrackConfig is not available\\.\n$");
 }
 
 TEST_F(TrackingSettingsTest, OptionalGettersWithoutAConfigAnswerTheDefaults) {
