@@ -1,14 +1,15 @@
-// The JSON coding layer the records are built on: the decoder's checks, byte
-// buffers in containers, and JSON text for log lines.
-// Random malformed input is the fuzz targets' job (tests/fuzz).
+// The JSON coding layer the records are built on: the decoder's checks, the
+// two value types (CodableValue for properties and arguments, AnyCodable for
+// any JSON value but null), byte buffers, and JSON text for log lines.
+// Round trips of arbitrary input are the fuzz targets' job (tests/fuzz).
 #include "tavrin/tracking/internal/coding.h"
 
 #include <gtest/gtest.h>
 
+#include <cmath>
 #include <limits>
 #include <map>
 #include <string>
-#include <unordered_map>
 #include <vector>
 
 #include "tavrin/tracking/internal/any_codable.h"
@@ -22,6 +23,7 @@ namespace {
 
 using K = DecodingError::Kind;
 using testing::failsWith;
+using CV = CodableValue;
 
 TEST(DecoderTest, SingleValuesOfAnotherTypeFailWithTheirKind) {
     const Json doc = Json::parse(R"({"n":null,"i":7,"f":1.5,"e":1e3,"b":true,"big":18446744073709551615})");
@@ -37,13 +39,96 @@ TEST(DecoderTest, SingleValuesOfAnotherTypeFailWithTheirKind) {
 
 TEST(DecoderTest, NestingDeeperThanTheLimitIsRefused) {
     const auto nested = [](int depth) { return std::string(depth, '[') + "1" + std::string(depth, ']'); };
-    EXPECT_EQ(decodeJson<CodableValue>(nested(512)).kind(), CodableValue::Kind::array);
+    EXPECT_EQ(decodeJson<CV>(nested(512)).kind(), CV::Kind::array);
     for (const std::string& text : {nested(513), std::string(200000, '['), std::string(100000, '{') + "\"a\":1"})
         EXPECT_TRUE(failsWith([&] { decodeJson<AnyCodable>(text); }, K::dataCorrupted, {})) << text.size();
 }
 
 TEST(DecoderTest, NulByteDoesNotEndTheText) {
-    EXPECT_TRUE(failsWith([] { decodeJson<CodableValue>(std::string_view("[1]\0[2", 7)); }, K::dataCorrupted, {}));
+    EXPECT_TRUE(failsWith([] { decodeJson<CV>(std::string_view("[1]\0[2", 7)); }, K::dataCorrupted, {}));
+}
+
+TEST(CodableValueTest, DecodingTriesTextBoolIntegerDoubleArrayInOrder) {
+    // Fractions, exponents and numbers beyond the signed range are no integers.
+    const std::pair<const char*, CV> cases[] = {
+        {"\"1\"", CV::string("1")}, {"true", CV::boolean(true)}, {"1", CV::integer(1)},
+        {"-9223372036854775808", CV::integer(std::numeric_limits<std::int64_t>::min())},
+        {"1e3", CV::decimalNumber(1000.0)}, {"18446744073709551615", CV::decimalNumber(18446744073709551615.0)},
+        {"[1,\"a\",[true]]", CV::array({CV::integer(1), CV::string("a"), CV::array({CV::boolean(true)})})}};
+    for (const auto& [text, expected] : cases) EXPECT_EQ(decodeJson<CV>(text), expected) << text;
+}
+
+TEST(CodableValueTest, NullOrObjectFailsTheWholeValueAtItsPath) {
+    for (const char* text : {"null", "[1,null]", "{\"a\":1}"})
+        EXPECT_TRUE(failsWith([&] { decodeJson<CV>(text); }, K::typeMismatch, {}, "Failed to decode CodableValue"))
+            << text;
+    EXPECT_TRUE(failsWith([] { decodeJson<std::map<std::string, CV>>(R"({"ok":[1],"bad":[1,{}]})"); },
+                          K::typeMismatch, {"bad"}, "Failed to decode CodableValue"));
+    EXPECT_TRUE(failsWith([] { decodeJson<CV>("[1,"); }, K::dataCorrupted, {}));
+}
+
+TEST(CodableValueTest, EqualityNeverMixesCases) {
+    EXPECT_NE(CV::integer(1), CV::decimalNumber(1.0));
+    EXPECT_NE(CV::string("true"), CV::boolean(true));
+    EXPECT_NE(CV::array({CV::integer(1)}), CV::array({CV::integer(1), CV::integer(2)}));
+    // Numbers follow IEEE, also inside arrays.
+    EXPECT_FALSE(CV::array({CV::decimalNumber(std::nan(""))}) == CV::array({CV::decimalNumber(std::nan(""))}));
+    EXPECT_EQ(CV::decimalNumber(0.0), CV::decimalNumber(-0.0));
+}
+
+TEST(AnyCodableTest, DecodingTriesBooleanIntegerDoubleTextDictionaryArrayInOrder) {
+    using Dict = AnyCodable::Dictionary;
+    using Arr = AnyCodable::Array;
+    // 1 stays an integer, text that looks like another kind stays text, and
+    // beyond the signed range the integer attempt fails and the double one wins.
+    const std::pair<const char*, AnyCodable> cases[] = {
+        {"true", true}, {"1", 1}, {"1e2", 100.0}, {"9223372036854775808", 9223372036854775808.0},
+        {"\"true\"", "true"},
+        {R"({"a":1,"b":{"c":[true,"s"]},"e":[]})", Dict{{"a", 1}, {"b", Dict{{"c", Arr{true, "s"}}}}, {"e", Arr{}}}}};
+    for (const auto& [text, expected] : cases) {
+        const auto decoded = decodeJson<AnyCodable>(text);
+        EXPECT_TRUE(decoded == expected) << text;
+        // Held as the C++ type the literal gives (std::int64_t for integers, wrappers in containers).
+        EXPECT_STREQ(decoded.value().type().name(), expected.value().type().name()) << text;
+    }
+}
+
+TEST(AnyCodableTest, NullFailsItsContainerAtTheContainersPath) {
+    EXPECT_TRUE(failsWith([] { decodeJson<AnyCodable>(R"({"a":[1,null]})"); }, K::typeMismatch, {},
+                          "Unsupported JSON value"));
+    EXPECT_TRUE(failsWith([] { decodeJson<std::vector<AnyCodable>>("[1,2,null]"); }, K::typeMismatch, {"Index 2"},
+                          "Unsupported JSON value"));
+}
+
+TEST(AnyCodableTest, EncodesEachSupportedKind) {
+    // Doubles keep their own form.
+    const std::pair<AnyCodable, const char*> cases[] = {
+        {AnyCodable(true), "true"}, {AnyCodable(short{-7}), "-7"}, {AnyCodable(1.0), "1.0"},
+        {AnyCodable(0.25f), "0.25"}, {AnyCodable(std::string_view("view")), "\"view\""},
+        {AnyCodable(AnyCodable::Dictionary{{"k", AnyCodable(1)}, {"j", AnyCodable("v")}}), R"({"j":"v","k":1})"},
+        {AnyCodable(AnyCodable::Array{AnyCodable(1), AnyCodable(AnyCodable::Array{})}), "[1,[]]"}};
+    for (const auto& [value, text] : cases) EXPECT_EQ(encodeJsonText(value), text);
+}
+
+TEST(AnyCodableTest, UnsupportedValueFailsTheEncodingAtItsPath) {
+    // A dictionary of bare values is not a dictionary of AnyCodable.
+    const std::map<std::string, int> bare{{"a", 1}};
+    const std::tuple<AnyCodable, CodingPath, const char*> cases[] = {
+        {AnyCodable(AnyCodable::Dictionary{{"outer", AnyCodable(AnyCodable::Array{AnyCodable(1), AnyCodable(bare)})}}),
+         {"outer", "Index 1"}, "Unsupported JSON value"},
+        {AnyCodable(nullptr), {}, "Unsupported JSON value"},
+        {AnyCodable(std::nan("")), {}, "Unable to encode Double.nan directly in JSON."},
+        {AnyCodable(AnyCodable::Array{AnyCodable(-std::numeric_limits<double>::infinity())}), {"Index 0"},
+         "Unable to encode Double.-infinity directly in JSON."}};
+    for (const auto& [value, path, description] : cases) {
+        try {
+            value.encode();
+            ADD_FAILURE() << description << " encoded";
+        } catch (const EncodingError& e) {
+            EXPECT_EQ(e.debugDescription(), description);
+            EXPECT_EQ(e.codingPath(), path);
+        }
+    }
 }
 
 TEST(JsonCodingTest, ByteBuffersAreBase64InAnyContainer) {
@@ -52,38 +137,22 @@ TEST(JsonCodingTest, ByteBuffersAreBase64InAnyContainer) {
     EXPECT_EQ(decodeJson<std::vector<Bytes>>(R"(["Zm9v",""])"), (std::vector<Bytes>{bytes, {}}));
     EXPECT_TRUE(failsWith([] { decodeJson<std::vector<Bytes>>(R"(["Zm9v","not base64!"])"); }, K::dataCorrupted,
                           {"Index 1"}));
-    // Vectors of other integers stay arrays.
-    EXPECT_EQ(encodeJsonText(std::unordered_map<std::string, std::vector<std::int64_t>>{{"k", {1, 2}}}),
-              R"({"k":[1,2]})");
+    EXPECT_EQ(encodeJsonText(std::vector<std::int64_t>{1, 2}), "[1,2]");  // other integers stay numbers
 }
 
-// A record with a fixed member order, to show keys are not sorted.
-struct Sample {
-    Json encode() const { return Json::parse(R"({"name":"zeta","count":3})"); }
-};
-struct RawText {
-    std::string text;
-    Json encode() const { return Json(text); }
-};
-
-TEST(JsonStringifyTest, WritesCompactJsonInTheRecordsOwnOrder) {
+TEST(JsonStringifyTest, ReturnsCompactJsonOrTheConversionFailureWithoutALogLine) {
     testing::LogCapture capture;
-    EXPECT_EQ(jsonString(Sample{}), R"({"name":"zeta","count":3})");
-    EXPECT_EQ(jsonString(CodableValue::array({CodableValue::integer(1), CodableValue::string("a")})), R"([1,"a"])");
-    EXPECT_EQ(jsonString(RawText{"caf\xC3\xA9"}), "\"caf\xC3\xA9\"");
-    EXPECT_TRUE(capture.sink->records().empty());
-}
-
-TEST(JsonStringifyTest, TextNotInUtf8IsReplacedWithoutALogLine) {
-    testing::LogCapture capture;
-    EXPECT_EQ(jsonString(RawText{"bad \xFF byte"}), "Error: Failed to convert JSON data to string.");
-    EXPECT_EQ(jsonString(std::vector<std::string>{"ok", "\xC3"}), "Error: Failed to convert JSON data to string.");
+    EXPECT_EQ(jsonString(std::map<std::string, std::vector<std::string>>{{"k", {"caf\xC3\xA9", "a"}}}),
+              "{\"k\":[\"caf\xC3\xA9\",\"a\"]}");
+    // Text that is not UTF-8 cannot be written.
+    EXPECT_EQ(jsonString(std::vector<std::string>{"ok", "bad \xFF byte"}),
+              "Error: Failed to convert JSON data to string.");
     EXPECT_TRUE(capture.sink->records().empty());
 }
 
 TEST(JsonStringifyTest, EncodingFailureIsReturnedAndLoggedOnce) {
     testing::LogCapture capture;
-    const std::string result = jsonString(CodableValue::decimalNumber(std::numeric_limits<double>::infinity()));
+    const std::string result = jsonString(CV::decimalNumber(std::numeric_limits<double>::infinity()));
     const std::string prefix = "Error: JSON encoding failed. ";
     ASSERT_EQ(result.rfind(prefix, 0), 0u) << result;
     // The same error description follows the returned and the logged prefix.

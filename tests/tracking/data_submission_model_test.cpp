@@ -113,14 +113,5 @@ TEST(PushPayloadTest, DecodingKeepsTheStoredId) {
     EXPECT_EQ(decodeJson<PushPayload>(encodeJsonText(first)), first);
 }
 
-TEST(PushPayloadTest, MissingOrMistypedMemberFailsAtItsPath) {
-    Json json = encodeJson(samplePayload());
-    json.erase("id");
-    EXPECT_TRUE(failsWith([&] { decodeJson<PushPayload>(Decoder(json)); }, K::keyNotFound, {}));
-    json = encodeJson(samplePayload());
-    json["order"] = 1.5;
-    EXPECT_TRUE(failsWith([&] { decodeJson<PushPayload>(Decoder(json)); }, K::dataCorrupted, {"order"}));
-}
-
 }  // namespace
 }  // namespace tavrin
