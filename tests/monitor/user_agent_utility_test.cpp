@@ -14,12 +14,13 @@ struct Case {
     const char *name, *version, *build, *expected;
 };
 
-TEST(UserAgentUtility, FixedShapeWithFallbacksForMissingOrNonUtf8Facts) {
+// A machine name that is no UTF-8 would reach the server altered.
+TEST(UserAgentUtilityTest, FixedShapeWithFallbacksForMissingOrNonUtf8Facts) {
     for (const auto& c : std::vector<Case>{
              {"17.2.1", "iPhone15,2", "TavrinSDK", "1.0", "18", "iOS; iPhone OS 17_2_1; iPhone15,2 [TavrinSDK/v.1.0.18]"},
-             {"16.0", "iPad13,4", "TavrinSDK", "1.0", "18", "iOS; iPhone OS 16_0; iPad13,4 [TavrinSDK/v.1.0.18]"},
              {"12", "x86_64", "N", "", "B", "iOS; iPhone OS 12; x86_64 [N/v..B]"},
              {"16.0", "\xff\xfe", "S", "1", "2", "iOS; iPhone OS 16_0; unknown [S/v.1.2]"},
+             {"16.0", "\xed\xa0\x80", "S", "1", "2", "iOS; iPhone OS 16_0; unknown [S/v.1.2]"},
              {"16.0", std::nullopt, "S", "1", "2", "iOS; iPhone OS 16_0; unknown [S/v.1.2]"},
              {"16.0", "m\xc3\xa4" "chine", "S", "1", "2", "iOS; iPhone OS 16_0; m\xc3\xa4" "chine [S/v.1.2]"},
              {std::nullopt, "arm64", "S", "1", "2", "iOS; iPhone OS Unknown; arm64 [S/v.1.2]"}}) {
@@ -29,17 +30,14 @@ TEST(UserAgentUtility, FixedShapeWithFallbacksForMissingOrNonUtf8Facts) {
         DeviceInfoUtility::setFactsSource(source);
         EXPECT_EQ(UserAgentUtility::userAgent(c.name, c.version, c.build), c.expected);
     }
-
     // The platform's own source uses the uname machine.
     DeviceInfoUtility::reset();
     struct utsname u {};
     ASSERT_EQ(uname(&u), 0);
-    const auto agent = UserAgentUtility::userAgent("TavrinSDK", "1.0", "18");
-    EXPECT_TRUE(agent.starts_with("iOS; iPhone OS ")) << agent;
-    EXPECT_TRUE(agent.ends_with(std::string("; ") + u.machine + " [TavrinSDK/v.1.0.18]")) << agent;
+    EXPECT_TRUE(UserAgentUtility::userAgent("TavrinSDK", "1.0", "18").ends_with(std::string("; ") + u.machine + " [TavrinSDK/v.1.0.18]"));
 }
 
-TEST(Utf8Validation, AcceptsWellFormedAndRefusesTheRest) {
+TEST(Utf8ValidationTest, RefusesOverlongSurrogateAndTruncatedSequences) {
     for (const char* good : {"", "plain", "\xe2\x82\xac", "\xf0\x9f\x98\x80", "\xed\x9f\xbf", "\xf4\x8f\xbf\xbf"})
         EXPECT_TRUE(detail::isValidUtf8(good)) << good;
     for (const char* bad : {"\x80", "\xc0\xaf", "\xc1\xbf", "\xe0\x80\xaf", "\xed\xa0\x80", "\xf4\x90\x80\x80",
