@@ -5,14 +5,12 @@
 #include <atomic>
 #include <chrono>
 #include <csignal>
-#include <cstdio>
 #include <fstream>
 #include <iterator>
 #include <string>
 #include <thread>
 #include <vector>
 
-#include <fcntl.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -55,65 +53,49 @@ public:
         }
         close(out[1]);
         // The first line names the address: "listening on http://127.0.0.1:PORT".
-        std::string line;
-        char c;
-        while (read(out[0], &c, 1) == 1 && c != '\n') line += c;
+        for (char c; read(out[0], &c, 1) == 1 && c != '\n';) firstLine += c;
         close(out[0]);
-        firstLine_ = line;
-        const auto colon = line.rfind(':');
-        if (line.rfind("listening on ", 0) == 0 && colon != std::string::npos) port_ = std::stoi(line.substr(colon + 1));
+        if (firstLine.starts_with("listening on ")) port = std::stoi(firstLine.substr(firstLine.rfind(':') + 1));
     }
     ~Collector() {
-        if (pid_ > 0 && !exited_) {
-            kill(pid_, SIGKILL);
-            waitpid(pid_, nullptr, 0);
-        }
+        if (pid_ > 0 && status < 0) stop(SIGKILL);
     }
-    int port() const { return port_; }
-    const std::string& firstLine() const { return firstLine_; }
-    // Sends the signal and returns the wait status.
+    // Sends the signal (0: none) and returns the wait status.
     int stop(int signal) {
-        kill(pid_, signal);
-        int status = 0;
+        if (pid_ <= 0) return status;
+        if (signal) kill(pid_, signal);
         waitpid(pid_, &status, 0);
-        exited_ = true;
         return status;
     }
-    bool running() { return waitpid(pid_, nullptr, WNOHANG) == 0; }
-
     httplib::Client client() const {
-        httplib::Client c("127.0.0.1", port_);
-        c.set_read_timeout(10, 0);
+        httplib::Client c("127.0.0.1", port);
+        c.set_read_timeout(15, 0);
         return c;
     }
     Json requests() const {
         auto res = client().Get("/api/requests");
-        if (!res || res->status != 200) return Json();
-        return Json::parse(res->body);
+        return res ? Json::parse(res->body) : Json();
     }
+
+    int port = -1, status = -1;
+    std::string firstLine;
 
 private:
     pid_t pid_ = -1;
-    int port_ = -1;
-    bool exited_ = false;
-    std::string firstLine_;
 };
 
-httplib::Result post(httplib::Client& c, const std::string& path, const std::string& body, httplib::Headers headers = {}) {
-    return c.Post(path.c_str(), headers, body, "application/json");
+httplib::Result post(httplib::Client& c, const std::string& path, const Json& body, httplib::Headers headers = {}) {
+    return c.Post(path, headers, body.dump(), "application/json");
 }
 
-TEST(CollectorServer, AnswersBadInputWithAClear4xxAndKeepsServing) {
+TEST(CollectorServerTest, AnswersBadInputWithAClear4xxAndKeepsServing) {
     REQUIRE_COLLECTOR();
     TempDir dir;
     Collector collector({"--port", "0", "--data-dir", dir.path().string(), "--max-body", "300000"});
-    ASSERT_GT(collector.port(), 0) << collector.firstLine();
-    EXPECT_EQ(collector.firstLine(), "listening on http://127.0.0.1:" + std::to_string(collector.port()));
+    ASSERT_EQ(collector.firstLine, "listening on http://127.0.0.1:" + std::to_string(collector.port));
     auto c = collector.client();
-
     const struct {
-        const char* method;
-        const char* path;
+        const char *method, *path;
         std::string body;
         int status;
         const char* says;
@@ -122,188 +104,133 @@ TEST(CollectorServer, AnswersBadInputWithAClear4xxAndKeepsServing) {
         {"POST", "/monitor", "[]", 400, "a JSON object expected"},
         {"POST", "/", std::string(400000, ' ') + "{}", 413, "larger than the collector accepts"},
         {"POST", "/", std::string(100000, '[') + std::string(100000, ']'), 400, "nests deeper than 256 levels"},
-        {"GET", "/", "", 405, "method GET not allowed on /"},
         {"PUT", "/monitor", "{}", 405, "method PUT not allowed on /monitor"},
-        {"DELETE", "/", "", 405, "not allowed"},
-        {"GET", "/nowhere", "", 404, "no route for GET /nowhere"},
         {"POST", "/collect", "{}", 404, "no route for POST /collect"},
     };
     for (const auto& k : cases) {
+        SCOPED_TRACE(std::string(k.method) + " " + k.path);
         httplib::Request request;
         request.method = k.method;
         request.path = k.path;
         request.body = k.body;
-        request.set_header("Content-Type", "application/json");
         auto res = c.send(request);
-        ASSERT_TRUE(res) << k.method << " " << k.path << " (" << k.body.size() << " bytes): " << httplib::to_string(res.error());
-        EXPECT_EQ(res->status, k.status) << k.method << " " << k.path;
-        EXPECT_THAT(res->body, HasSubstr(k.says)) << k.method << " " << k.path;
+        ASSERT_TRUE(res) << httplib::to_string(res.error());
+        EXPECT_EQ(res->status, k.status);
+        EXPECT_THAT(res->body, HasSubstr(k.says));
     }
-
-    // Still up, and a good document goes through with its problems reported back.
+    // A document with problems is still taken, and they are reported back.
     Json document = dataSubmission();
     document["configuration"]["debugcode"] = nullptr;
-    auto res = post(c, "/", document.dump());
+    auto res = post(c, "/", document);
     ASSERT_TRUE(res);
     EXPECT_EQ(res->status, 200);
-    EXPECT_THAT(Json::parse(res->body)["problems"].dump(), HasSubstr("/configuration/debugcode: optional member written as null"));
-    EXPECT_TRUE(collector.running());
-
+    EXPECT_THAT(res->body, HasSubstr("/configuration/debugcode: optional member written as null"));
     const Json stored = collector.requests();
     ASSERT_EQ(stored.size(), 4u);  // the three bodies that were not documents, and the submission
-    EXPECT_EQ(stored[0]["kind"], "data");
     EXPECT_EQ(stored[0]["body"], document);
-    EXPECT_EQ(stored[1]["kind"], "invalid");
-    EXPECT_EQ(stored[1]["status"], 400);
-    EXPECT_EQ(stored[1]["bodyIsJson"], false);
+    EXPECT_EQ(stored[3]["kind"], "invalid");
     EXPECT_EQ(stored[3]["body"], "{\"version\": ");
 }
 
-TEST(CollectorServer, ChecksTheBearerTokenOnSubmissionsAndNeverStoresIt) {
+TEST(CollectorServerTest, RefusesSubmissionsWithoutTheTokenAndNeverStoresIt) {
     REQUIRE_COLLECTOR();
     TempDir dir;
     Collector collector({"--port", "0", "--data-dir", dir.path().string(), "--token", "s3cret-token"});
-    ASSERT_GT(collector.port(), 0) << collector.firstLine();
     auto c = collector.client();
-    const std::string body = dataSubmission().dump();
-
-    auto missing = post(c, "/", body);
-    auto wrong = post(c, "/", body, {{"Authorization", "Bearer other"}});
-    auto right = post(c, "/", body, {{"Authorization", "Bearer s3cret-token"}});
-    // The monitor request carries no Authorization header.
-    auto monitor = post(c, "/monitor", monitorReport().dump());
-    ASSERT_TRUE(missing && wrong && right && monitor);
-    EXPECT_EQ(missing->status, 401);
-    EXPECT_EQ(missing->get_header_value("WWW-Authenticate"), "Bearer");
-    EXPECT_THAT(missing->body, HasSubstr("missing Authorization header"));
-    EXPECT_EQ(wrong->status, 401);
-    EXPECT_THAT(wrong->body, HasSubstr("not the expected bearer token"));
-    EXPECT_EQ(right->status, 200);
-    EXPECT_EQ(monitor->status, 200);
-
+    EXPECT_EQ(post(c, "/", dataSubmission())->status, 401);
+    EXPECT_EQ(post(c, "/", dataSubmission(), {{"Authorization", "Bearer other"}})->status, 401);
+    EXPECT_EQ(post(c, "/", dataSubmission(), {{"Authorization", "Bearer s3cret-token"}})->status, 200);
+    EXPECT_EQ(post(c, "/monitor", monitorReport())->status, 200);  // the monitor sends no token
     const Json stored = collector.requests();
     ASSERT_EQ(stored.size(), 4u);
     EXPECT_EQ(stored[1]["headers"]["Authorization"], "Bearer [redacted]");
-    EXPECT_EQ(stored[2]["headers"]["Authorization"], "Bearer [redacted]");
-    EXPECT_THAT(stored.dump(), ::testing::Not(HasSubstr("s3cret")));
     collector.stop(SIGTERM);
     for (const auto& entry : std::filesystem::directory_iterator(dir.path())) {
         std::ifstream file(entry.path(), std::ios::binary);
-        const std::string bytes((std::istreambuf_iterator<char>(file)), {});
-        EXPECT_EQ(bytes.find("s3cret"), std::string::npos) << entry.path();
+        EXPECT_EQ(std::string(std::istreambuf_iterator<char>(file), {}).find("s3cret"), std::string::npos) << entry.path();
     }
 }
 
-TEST(CollectorServer, KeepsWhatItAnsweredAcrossAKillAndARestart) {
+TEST(CollectorServerTest, KeepsWhatItAnsweredAcrossAKill) {
     REQUIRE_COLLECTOR();
     TempDir dir;
     const std::vector<std::string> arguments{"--port", "0", "--data-dir", dir.path().string()};
-    const Json sent[] = {dataSubmission(), consentSubmission(), offlineResend()};
     {
         Collector first(arguments);
-        ASSERT_GT(first.port(), 0) << first.firstLine();
         auto c = first.client();
-        for (const auto& document : sent) ASSERT_EQ(post(c, "/", document.dump())->status, 200);
-        ASSERT_EQ(post(c, "/monitor", monitorReport().dump())->status, 200);
-        // No clean shutdown: an answered request must already be on disk.
-        first.stop(SIGKILL);
+        for (const auto& document : {dataSubmission(), consentSubmission(), offlineResend()})
+            ASSERT_EQ(post(c, "/", document)->status, 200);
+        first.stop(SIGKILL);  // no clean shutdown: an answered request must already be on disk
     }
     Collector second(arguments);
-    ASSERT_GT(second.port(), 0) << second.firstLine();
     auto c = second.client();
-    ASSERT_EQ(post(c, "/", dataSubmission().dump())->status, 200);
-
+    ASSERT_EQ(post(c, "/monitor", monitorReport())->status, 200);
     const Json stored = second.requests();
-    ASSERT_EQ(stored.size(), 5u);
-    const char* kinds[] = {"data", "monitor", "offline-resend", "consent", "data"};
-    for (std::size_t i = 0; i < 5; ++i) {
-        EXPECT_EQ(stored[i]["id"], 5 - i);
-        EXPECT_EQ(stored[i]["kind"], kinds[i]);
-        EXPECT_TRUE(stored[i]["problems"].empty()) << stored[i]["problems"];
-    }
-    EXPECT_EQ(stored[3]["body"], sent[1]);
-    EXPECT_EQ(stored[3]["headers"]["Content-Type"], "application/json");
-    EXPECT_EQ(Json::parse(c.Get("/api/requests/2")->body)["body"], sent[1]);
+    ASSERT_EQ(stored.size(), 4u);
+    const char* kinds[] = {"monitor", "offline-resend", "consent", "data"};
+    for (std::size_t i = 0; i < 4; ++i) EXPECT_EQ(stored[i]["kind"], kinds[i]);
+    EXPECT_EQ(Json::parse(c.Get("/api/requests/2")->body)["body"], consentSubmission());
     EXPECT_EQ(c.Get("/api/requests/99")->status, 404);
-
     const int status = second.stop(SIGTERM);
     EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
 }
 
-TEST(CollectorServer, FailsAndDelaysOnRequestYetStoresTheRequest) {
+TEST(CollectorServerTest, FailsAndDelaysOnRequestYetStoresTheRequest) {
     REQUIRE_COLLECTOR();
     TempDir dir;
     Collector collector({"--port", "0", "--data-dir", dir.path().string(), "--fail-with", "503", "--delay", "300"});
-    ASSERT_GT(collector.port(), 0) << collector.firstLine();
     auto c = collector.client();
     const auto start = std::chrono::steady_clock::now();
-    auto res = post(c, "/", dataSubmission().dump());
-    const auto waited = std::chrono::steady_clock::now() - start;
+    auto res = post(c, "/", dataSubmission());
     ASSERT_TRUE(res);
+    EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(300));
     EXPECT_EQ(res->status, 503);
-    EXPECT_THAT(res->body, HasSubstr("--fail-with 503"));
-    EXPECT_GE(waited, std::chrono::milliseconds(300));
-    const Json stored = collector.requests();
-    ASSERT_EQ(stored.size(), 1u);
-    EXPECT_EQ(stored[0]["status"], 503);
-    EXPECT_EQ(stored[0]["kind"], "data");
+    EXPECT_EQ(collector.requests().at(0)["status"], 503);
 }
 
-TEST(CollectorServer, RejectsBadOptionsWithItsUsage) {
+TEST(CollectorServerTest, RejectsBadOptionsWithExitCode2) {
     REQUIRE_COLLECTOR();
-    for (std::vector<std::string> arguments : {std::vector<std::string>{"--port", "70000"}, {"--fail-with", "x"},
-                                                {"--tls-cert", "a.pem"}, {"--what", "1"}}) {
+    for (const std::vector<std::string>& arguments : {std::vector<std::string>{"--port", "70000"}, {"--fail-with", "x"},
+                                                      {"--tls-cert", "a.pem"}, {"--what", "1"}}) {
         Collector collector(arguments);
-        const int status = collector.stop(0);  // signal 0: only wait for it to end
+        const int status = collector.stop(0);
         EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 2) << arguments[0];
-        EXPECT_EQ(collector.port(), -1);
     }
 }
 
-TEST(CollectorServer, ServesHttpsWithTheGivenCertificate) {
+TEST(CollectorServerTest, ServesHttpsWithTheGivenCertificate) {
     REQUIRE_COLLECTOR();
     TempDir dir;
     const auto certificates = tavrin::testing::makeTestCertificates(dir.path(), {"IP:127.0.0.1"});
     Collector collector({"--port", "0", "--data-dir", (dir.path() / "data").string(), "--tls-cert",
                          certificates.servers[0].certificate.string(), "--tls-key", certificates.servers[0].privateKey.string()});
-    ASSERT_GT(collector.port(), 0) << collector.firstLine();
-    EXPECT_EQ(collector.firstLine(), "listening on https://127.0.0.1:" + std::to_string(collector.port()));
-    httplib::SSLClient c("127.0.0.1", collector.port());
+    EXPECT_EQ(collector.firstLine, "listening on https://127.0.0.1:" + std::to_string(collector.port));
+    httplib::SSLClient c("127.0.0.1", collector.port);
     c.set_ca_cert_path(certificates.authority.c_str());
     c.enable_server_certificate_verification(true);
     auto res = c.Post("/monitor", monitorReport().dump(), "application/json");
     ASSERT_TRUE(res) << httplib::to_string(res.error());
     EXPECT_EQ(res->status, 200);
-    EXPECT_EQ(Json::parse(res->body)["kind"], "monitor");
 }
 
-TEST(CollectorServer, StreamsEachNewRequestToOpenPages) {
+TEST(CollectorServerTest, StreamsEachNewRequestToOpenPages) {
     REQUIRE_COLLECTOR();
     TempDir dir;
     Collector collector({"--port", "0", "--data-dir", dir.path().string()});
-    ASSERT_GT(collector.port(), 0) << collector.firstLine();
     auto before = collector.client();
-    ASSERT_EQ(post(before, "/", dataSubmission().dump())->status, 200);  // already there: not streamed
-
+    ASSERT_EQ(post(before, "/", dataSubmission())->status, 200);  // already there: not streamed
     std::string received;
-    std::atomic<bool> connected{false}, gotEvent{false};
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(15);
+    std::atomic<bool> connected{false};
     std::thread page([&] {
-        auto c = collector.client();
-        c.set_read_timeout(15, 0);
-        c.Get("/api/events", [&](const char* data, std::size_t length) {
+        collector.client().Get("/api/events", [&](const char* data, std::size_t length) {
             received.append(data, length);
             connected = true;
-            gotEvent = received.find("\"kind\":\"consent\"") != std::string::npos;
-            return !gotEvent && std::chrono::steady_clock::now() < deadline;
+            return received.find("\"kind\":\"consent\"") == std::string::npos;
         });
     });
-    for (int i = 0; i < 200 && !connected; ++i) std::this_thread::sleep_for(std::chrono::milliseconds(10));
-    ASSERT_TRUE(connected);
-    auto c = collector.client();
-    ASSERT_EQ(post(c, "/", consentSubmission().dump())->status, 200);
+    for (int i = 0; i < 1000 && !connected; ++i) std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    ASSERT_EQ(post(before, "/", consentSubmission())->status, 200);
     page.join();
-    EXPECT_TRUE(gotEvent);
     EXPECT_THAT(received, HasSubstr("id: 2\nevent: request\ndata: {\"id\":2,"));
     EXPECT_THAT(received, ::testing::Not(HasSubstr("id: 1\n")));
 }
