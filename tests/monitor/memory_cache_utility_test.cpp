@@ -42,20 +42,5 @@ TEST_F(MemoryCacheUtilityTest, RemovingPushPayloadsByIdKeepsTheRestInOrder) {
     EXPECT_EQ(idsOf(cache.getPushPayloads()), std::vector<std::string>{"P5"});
 }
 
-TEST_F(MemoryCacheUtilityTest, ConcurrentAppendsAreAllKeptInEachThreadsOrder) {
-    constexpr int perThread = 250;
-    std::vector<std::thread> threads;
-    for (int t = 0; t < 4; ++t)
-        threads.emplace_back([&, t] {
-            for (int i = 0; i < perThread; ++i)
-                cache.appendPushPayload(PushPayload("pageview", "", {}, i, std::to_string(t) + "-" + std::to_string(i)));
-        });
-    for (auto& th : threads) th.join();
-    const auto all = cache.getPushPayloads();
-    ASSERT_EQ(all.size(), 4u * perThread);
-    std::map<char, std::int64_t> next;
-    for (const auto& p : all) EXPECT_EQ(p.order, next[p.id[0]]++) << p.id;
-}
-
 }  // namespace
 }  // namespace tavrin

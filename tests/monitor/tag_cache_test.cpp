@@ -10,6 +10,18 @@
 namespace tavrin {
 namespace {
 
+// The form the collector reads in every monitor report.
+TEST(TagTest, InfoTagWritesEveryMemberWithItsExactKeyInOrder) {
+    EXPECT_EQ(platform::dumpJson(Tag::makeInfo("AC04", "T-SDK: [CONSENT] - [AC04] x", 1700000000123, true).encode()),
+              R"({"id":"AC04","name":"T-SDK: [CONSENT] - [AC04] x","source":"frontend","type":"info",)"
+              R"("timestamp":1700000000123,"trigger":{"id":"","executed":true,"conditions":[],"excludeTriggers":[]},)"
+              R"("http":{"general":{"requestUrl":"","requestMethod":"","requestStatus":200,"remoteAddress":""},)"
+              R"("payload":{},"requestHeaders":{},"queryStringParameters":{},)"
+              R"("response":{"status":200,"statusText":"","data":"","success":true,"headers":{}}},)"
+              R"("variables":{"frontend":{},"backend":{},"constant":{},"enrichment":{}},"functions":{}})");
+    EXPECT_FALSE(Tag::makeInfo("AI01", "n", 1, false).encode()["http"]["response"]["success"].get<bool>());
+}
+
 class TagCacheTest : public ::testing::Test {
 protected:
     void SetUp() override { MemoryCacheUtility::resetShared(); }

@@ -2,7 +2,6 @@
 
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <future>
 
 #include "tests/support/transport_fixture.h"
@@ -14,19 +13,14 @@ using namespace std::chrono_literals;
 using Type = OfflineCache::RequestType;
 using platform::PathStatus;
 
-std::string markOf(const RecordedRequest& request) {
-    const Json body = Json::parse(request.body);
-    return body["data"].contains("variables") ? body["data"]["variables"]["mark"].get<std::string>() : "consent";
-}
-
+// The mark of each data submission sent, "consent" for a consent.
 std::vector<std::string> marksOf(const std::vector<RecordedRequest>& requests) {
     std::vector<std::string> marks;
-    for (const auto& request : requests) marks.push_back(markOf(request));
+    for (const auto& request : requests) {
+        const Json data = Json::parse(request.body)["data"];
+        marks.push_back(data.contains("variables") ? data["variables"]["mark"].get<std::string>() : "consent");
+    }
     return marks;
-}
-
-bool anyStartsWith(const std::vector<std::string>& lines, const std::string& start) {
-    return std::any_of(lines.begin(), lines.end(), [&](const std::string& line) { return line.starts_with(start); });
 }
 
 class OfflineCacheManagerTest : public TransportTest {
@@ -61,7 +55,8 @@ TEST_F(OfflineCacheManagerTest, WalkLeavesOnlyMonitorRequestsCached) {
     ASSERT_EQ(left.size(), 1u);
     EXPECT_EQ(left[0].type, Type::monitorRequest);
     EXPECT_EQ(left[0].retryCount, 0);
-    EXPECT_TRUE(anyStartsWith(log.sink->messages(platform::LogType::error), "Decoding error: "));
+    const auto errors = log.sink->messages(platform::LogType::error);
+    EXPECT_TRUE(!errors.empty() && errors.back().starts_with("Decoding error: ")) << ::testing::PrintToString(errors);
 }
 
 // A refused connection and a server error count alike: three retries, then
@@ -106,35 +101,6 @@ TEST_F(OfflineCacheManagerTest, RegainingTheNetworkResendsEachCachedRequestOnce)
         }
     }
     EXPECT_EQ(marksOf(server.requests()), (std::vector<std::string>{"a", "b", "c"}));
-    OfflineCacheManager::shared()->stopNetworkMonitoring();
-    EXPECT_TRUE(path->isCancelled());
-}
-
-// Walks asked while one runs are served by one walk after it: nothing is sent twice.
-TEST_F(OfflineCacheManagerTest, WalksAskedDuringAWalkSendNothingTwice) {
-    LoopbackServer server;
-    std::promise<void> release;
-    auto released = release.get_future().share();
-    std::atomic<int> arrived{0};
-    server.setHandler([&](const RecordedRequest&) {
-        if (arrived++ == 0) released.wait();
-        return ScriptedResponse{};
-    });
-    configure(trackConfig(hostPort(server.port())));
-    cacheSubmissions({"a", "b", "c"});
-    auto manager = OfflineCacheManager::shared();
-    auto first = manager->resendCachedRequests();
-    ASSERT_TRUE(waitUntil([&] { return arrived == 1; }));
-    std::vector<std::future<void>> more;
-    for (int i = 0; i < 3; ++i) more.push_back(manager->resendCachedRequests());
-    // The held request occupies no pool thread.
-    EXPECT_EQ(platform::TaskPool::shared().submit([] { return 7; }).get(), 7);
-    EXPECT_EQ(more[0].wait_for(50ms), std::future_status::timeout);
-    release.set_value();
-    first.get();
-    for (auto& f : more) f.get();
-    EXPECT_EQ(marksOf(server.requests()), (std::vector<std::string>{"a", "b", "c"}));
-    EXPECT_TRUE(cached().empty());
 }
 
 TEST_F(OfflineCacheManagerTest, ShutdownLeavesUnansweredRequestsUntouched) {
@@ -196,16 +162,6 @@ TEST_F(OfflineCacheManagerTest, WalkSendsNothingUntilThePathIsKnownToBeUp) {
 
     path->report(PathStatus::satisfied);
     ASSERT_TRUE(waitUntil([&] { return server.requests().size() == 1 && cached().empty(); }));
-
-    // A walk still waiting when monitoring stops ends with the request kept.
-    manager->stopNetworkMonitoring();
-    cacheSubmissions({"b"});
-    manager->startNetworkMonitoring();
-    auto waiting = manager->resendCachedRequests();
-    manager->stopNetworkMonitoring();
-    EXPECT_EQ(waiting.wait_for(5s), std::future_status::ready);
-    EXPECT_EQ(server.requests().size(), 1u);
-    EXPECT_EQ(cached().size(), 1u);
 }
 
 }  // namespace

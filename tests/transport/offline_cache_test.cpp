@@ -85,22 +85,6 @@ TEST_F(OfflineCacheTest, RestartReloadsRequestsInOrderWithTheirRetryCounts) {
     EXPECT_EQ(bodies(OfflineCache(openStore()).getCachedRequests()), (std::vector<std::string>{"a", "c", "d"}));
 }
 
-TEST_F(OfflineCacheTest, UndecodableRecordsAreDeletedWithAnError) {
-    auto store = openStore();
-    const std::string good = R"({"type":"dataSubmission","payload":"YQ==","timestamp":1,"retryCount":0})";
-    store->setData(OfflineCache::recordKey(1), platform::toBytes(good));
-    store->setData(OfflineCache::recordKey(2), platform::toBytes(R"({"type":"pageView","payload":"YQ==","timestamp":1,"retryCount":0})"));
-    store->setData(OfflineCache::recordKey(3), platform::toBytes("not json"));
-    store->setData(OfflineCache::recordKey(4), platform::toBytes(R"({"type":"consentSubmission","payload":"Yg==","timestamp":2})"));
-    store->setString(std::string(kPrefix) + "junk", good);
-    OfflineCache cache(store);
-    EXPECT_EQ(bodies(cache.getCachedRequests()), std::vector<std::string>{"a"});
-    const auto errors = log.sink->messages(platform::LogType::error);
-    ASSERT_EQ(errors.size(), 4u) << ::testing::PrintToString(errors);
-    for (const auto& line : errors) EXPECT_TRUE(line.starts_with("Failed to load cache: ")) << line;
-    ASSERT_EQ(store->values(kPrefix).size(), 1u);
-}
-
 TEST_F(OfflineCacheTest, FullCacheDropsTheOldestRequestForEachNewOne) {
     auto store = openStore();
     {
