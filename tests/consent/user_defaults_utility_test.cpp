@@ -2,7 +2,6 @@
 
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <atomic>
 #include <cmath>
 #include <thread>
@@ -51,30 +50,6 @@ TEST_F(UserDefaultsUtilityTest, ReadsAreCachedButMissesAreNot) {
     EXPECT_EQ(store->reads, 3);
 }
 
-// A value cached or stored as one kind never answers a read of another.
-TEST_F(UserDefaultsUtilityTest, ValuesOfAnotherKindReadAsAbsent) {
-    auto store = countReads();
-    store->inner().setInteger("n", 5);
-    store->inner().setString("t", "\"YWJj\"");
-    EXPECT_EQ(UserDefaultsUtility::string("n"), std::nullopt);
-    EXPECT_EQ(UserDefaultsUtility::loadData("t"), std::nullopt);
-    UserDefaultsUtility::setInt(7, "i");
-    EXPECT_EQ(UserDefaultsUtility::string("i"), std::nullopt);
-    UserDefaultsUtility::setString("text", "cfg");
-    EXPECT_EQ(UserDefaultsUtility::load<TrackConfig>("cfg"), std::nullopt);
-}
-
-TEST_F(UserDefaultsUtilityTest, StoredBytesThatAreNoBase64JsonStringReadAsAbsent) {
-    auto store = countReads();
-    for (const char* stored : {R"({"x":"allow"})", "\"not base64!\"", "\"YWJj\"junk", "", "\xff"}) {
-        store->inner().setData("bad", platform::toBytes(stored));
-        EXPECT_EQ(UserDefaultsUtility::loadData("bad"), std::nullopt) << stored;
-    }
-    // Nothing of that was cached.
-    store->inner().setData("bad", platform::toBytes("\"YWJj\""));
-    EXPECT_EQ(UserDefaultsUtility::loadData("bad"), platform::toBytes("abc"));
-}
-
 // A read that misses the cache lingers after reaching the store, long enough
 // for a write to finish meanwhile: it must not put back the value the write replaced.
 TEST_F(UserDefaultsUtilityTest, RacingReadsNeverLeaveAStaleValueCached) {
@@ -112,10 +87,8 @@ TEST_F(UserDefaultsUtilityTest, UnencodableValueIsReportedAndWritesNothing) {
     EXPECT_EQ(store->writes, 0);
     const auto lines = log.sink->messages(platform::LogType::info);
     ASSERT_EQ(lines.size(), 2u);
-    for (const auto* key : {"cfg", "bad"})
-        EXPECT_EQ(std::count_if(lines.begin(), lines.end(), [&](const std::string& line) {
-                      return line.starts_with(std::string("❌ UserDefaultsUtility: Failed to encode and save data for key ") + key + " - ");
-                  }), 1) << key;
+    EXPECT_TRUE(lines[0].starts_with("❌ UserDefaultsUtility: Failed to encode and save data for key cfg - ")) << lines[0];
+    EXPECT_TRUE(lines[1].starts_with("❌ UserDefaultsUtility: Failed to encode and save data for key bad - ")) << lines[1];
 }
 
 }  // namespace

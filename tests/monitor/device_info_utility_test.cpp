@@ -1,14 +1,21 @@
+// What every push says about the device: its facts, the user agent built from
+// them and the time in milliseconds.
+
 #include "tavrin/monitor/internal/device_info_utility.h"
 
 #include <gtest/gtest.h>
+#include <sys/utsname.h>
 
-#include <atomic>
 #include <cmath>
 #include <cstdlib>
 #include <regex>
-#include <thread>
 #include <tuple>
+#include <utility>
 #include <vector>
+
+#include "tavrin/monitor/internal/timestamp_utility.h"
+#include "tavrin/monitor/internal/user_agent_utility.h"
+#include "tavrin/platform/clock.h"
 
 namespace tavrin {
 namespace {
@@ -89,6 +96,53 @@ TEST_F(DeviceInfoUtilityTest, HostFactsSetLaterShowInTheNextCollection) {
               std::tuple("Shop Plus", "2.0", "7", 390, 844));
     DeviceFacts::setApplicationInfo({.bundleIdentifier = std::nullopt, .infoDictionary = {{"CFBundleName", "Shop"}}});
     EXPECT_EQ(DeviceInfoUtility::collectDeviceInfo().appApplicationName, "Shop");
+}
+
+struct Case {
+    std::optional<std::string> systemVersion, machine;
+    const char *name, *version, *build, *expected;
+};
+
+// A machine name that is no UTF-8 would reach the server altered.
+TEST(UserAgentUtilityTest, FixedShapeWithFallbacksForMissingOrNonUtf8Facts) {
+    for (const auto& c : std::vector<Case>{
+             {"17.2.1", "iPhone15,2", "TavrinSDK", "1.0", "18", "iOS; iPhone OS 17_2_1; iPhone15,2 [TavrinSDK/v.1.0.18]"},
+             {"12", "x86_64", "N", "", "B", "iOS; iPhone OS 12; x86_64 [N/v..B]"},
+             {"16.0", "\xff\xfe", "S", "1", "2", "iOS; iPhone OS 16_0; unknown [S/v.1.2]"},
+             {"16.0", "\xed\xa0\x80", "S", "1", "2", "iOS; iPhone OS 16_0; unknown [S/v.1.2]"},
+             {"16.0", std::nullopt, "S", "1", "2", "iOS; iPhone OS 16_0; unknown [S/v.1.2]"},
+             {"16.0", "m\xc3\xa4" "chine", "S", "1", "2", "iOS; iPhone OS 16_0; m\xc3\xa4" "chine [S/v.1.2]"},
+             {std::nullopt, "arm64", "S", "1", "2", "iOS; iPhone OS Unknown; arm64 [S/v.1.2]"}}) {
+        DeviceFactsSource source;
+        source.systemVersion = [&c] { return c.systemVersion; };
+        source.machine = [&c] { return c.machine; };
+        DeviceInfoUtility::setFactsSource(source);
+        EXPECT_EQ(UserAgentUtility::userAgent(c.name, c.version, c.build), c.expected);
+    }
+    // The platform's own source uses the uname machine.
+    DeviceInfoUtility::reset();
+    struct utsname u {};
+    ASSERT_EQ(uname(&u), 0);
+    EXPECT_TRUE(UserAgentUtility::userAgent("TavrinSDK", "1.0", "18").ends_with(std::string("; ") + u.machine + " [TavrinSDK/v.1.0.18]"));
+}
+
+TEST(TimestampUtilityTest, MillisecondsAreTruncatedTowardZero) {
+    for (const auto& [seconds, millis] : std::vector<std::pair<double, std::int64_t>>{
+             {1700000000.1234, 1700000000123}, {1700000000.1243, 1700000000124}, {0.0009, 0}, {-1.5009, -1500}}) {
+        platform::Clock::setFixed(seconds);
+        EXPECT_EQ(TimestampUtility::currentTimestampInMillis(), millis) << seconds;
+    }
+    platform::Clock::reset();
+}
+
+TEST(TimestampUtilityDeathTest, TimeOutsideTheSigned64BitRangeIsFatal) {
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    // 1e16 s is 1e19 ms, past the signed 64-bit range.
+    for (double seconds : {std::nan(""), HUGE_VAL, -HUGE_VAL, 1e16, -1e16}) {
+        platform::Clock::setFixed(seconds);
+        EXPECT_DEATH(TimestampUtility::currentTimestampInMillis(), "cannot be converted to a 64-bit integer") << seconds;
+    }
+    platform::Clock::reset();
 }
 
 }  // namespace

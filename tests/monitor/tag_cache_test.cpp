@@ -1,11 +1,11 @@
+// The in-memory caches of the monitor: the tag list and the pushed payloads.
+
 #include "tavrin/monitor/internal/tag_cache.h"
 
 #include <gtest/gtest.h>
 
 #include <cmath>
 #include <limits>
-#include <map>
-#include <thread>
 
 namespace tavrin {
 namespace {
@@ -81,21 +81,6 @@ TEST_F(TagCacheTest, HoldsAtMostOneThousandDroppingTheOldestButTheStartUpTags) {
               (std::vector<std::string>{"consent", "push 502", "init again"}));
 }
 
-TEST_F(TagCacheTest, ConcurrentAddersLoseNoTag) {
-    constexpr int threads = 4, perThread = 200;
-    std::vector<std::thread> adders;
-    for (int t = 0; t < threads; ++t)
-        adders.emplace_back([&, t] {
-            for (int i = 0; i < perThread; ++i)
-                cache.addOrReplace(Tag::makeInfo("AD01", std::to_string(t) + ":" + std::to_string(i), i, true));
-        });
-    for (auto& a : adders) a.join();
-    const auto all = cache.tags();
-    ASSERT_EQ(all.size(), static_cast<std::size_t>(threads * perThread));
-    std::map<std::string, std::int64_t> next;
-    for (const auto& tag : all) EXPECT_EQ(tag.timestamp, next[tag.name.substr(0, tag.name.find(':'))]++) << tag.name;
-}
-
 // A non-finite number would make the whole report unencodable.
 TEST_F(TagCacheTest, NonFiniteNumbersAreDroppedOnTheWayIn) {
     const double nan = std::nan(""), inf = std::numeric_limits<double>::infinity();
@@ -110,6 +95,41 @@ TEST_F(TagCacheTest, NonFiniteNumbersAreDroppedOnTheWayIn) {
     EXPECT_TRUE(stored[0].variables.frontend == (Tag::Dictionary{{"price", 9.5}, {"nested", Tag::Dictionary{{"ok", 1}}}}));
     EXPECT_TRUE(stored[0].trigger.conditions == (Tag::Array{AnyCodable(1.5), AnyCodable(Tag::Array{"x"})}));
     EXPECT_TRUE(stored[0].functions.empty());
+}
+
+
+class MemoryCacheUtilityTest : public ::testing::Test {
+protected:
+    void SetUp() override { MemoryCacheUtility::resetShared(); }
+    void TearDown() override { MemoryCacheUtility::resetShared(); }
+    MemoryCacheUtility& cache = MemoryCacheUtility::shared();
+};
+
+std::vector<std::string> idsOf(const std::vector<PushPayload>& payloads) {
+    std::vector<std::string> ids;
+    for (const auto& p : payloads) ids.push_back(p.id);
+    return ids;
+}
+
+TEST_F(MemoryCacheUtilityTest, KeyedValueIsReadOnlyAsTheTypeItWasStoredAs) {
+    cache.set("k", std::string("text"));
+    EXPECT_EQ(cache.get<std::string>("k"), "text");
+    EXPECT_FALSE(cache.get<int>("k"));
+    cache.set("k", 7);
+    EXPECT_EQ(cache.get<int>("k"), 7);
+    cache.remove("k");
+    EXPECT_FALSE(cache.getAny("k").has_value());
+}
+
+// Payloads appended after a snapshot survive the removal of that snapshot.
+TEST_F(MemoryCacheUtilityTest, RemovingPushPayloadsByIdKeepsTheRestInOrder) {
+    for (int i = 0; i < 5; ++i) cache.appendPushPayload(PushPayload("pageview", "", {}, i, "P" + std::to_string(i)));
+    cache.removePushPayloads({"P3", "P0", "unknown"});
+    const auto snapshot = cache.getPushPayloads();
+    EXPECT_EQ(idsOf(snapshot), (std::vector<std::string>{"P1", "P2", "P4"}));
+    cache.appendPushPayload(PushPayload("pageview", "", {}, 5, "P5"));
+    cache.removePushPayloads(idsOf(snapshot));
+    EXPECT_EQ(idsOf(cache.getPushPayloads()), std::vector<std::string>{"P5"});
 }
 
 }  // namespace

@@ -21,22 +21,6 @@ std::vector<std::string> bodies(const std::vector<Request>& requests) {
     return out;
 }
 
-// The cache finds its records by prefix: a listing that reaches past it would
-// load foreign keys as requests.
-TEST(SqliteKeyValueStoreTest, ValuesListsExactlyThePrefixedKeysInKeyOrder) {
-    TempDir dir;
-    platform::SqliteKeyValueStore store(dir / "kv.sqlite");
-    for (const char* key : {"p/2", "p/10", "p.", "p0", "p", "q/1", "p/1"}) ASSERT_TRUE(store.setString(key, key));
-    store.setInteger("p/int", 7);
-    store.setData("p/\xff", platform::toBytes("x"));
-    const auto listed = store.values("p/");
-    std::vector<std::string> keys;
-    for (const auto& [key, value] : listed) keys.push_back(key);
-    EXPECT_EQ(keys, (std::vector<std::string>{"p/1", "p/10", "p/2", "p/int", "p/\xff"}));
-    EXPECT_EQ(std::get<std::int64_t>(listed[3].second), 7);
-    EXPECT_EQ(std::get<Bytes>(listed[4].second), platform::toBytes("x"));
-}
-
 class OfflineCacheTest : public ::testing::Test {
 protected:
     std::shared_ptr<platform::SqliteKeyValueStore> openStore() {
@@ -46,25 +30,17 @@ protected:
     LogCapture log;
 };
 
-// Requests are matched by type and timestamp; of two alike, the older one.
-TEST_F(OfflineCacheTest, RemoveAndRetryChangeTheFirstRequestOfTypeAndTimestamp) {
-    OfflineCache cache(openStore());
-    for (const auto& r : {request("a", 10), request("b", 20, Type::consentSubmission), request("c", 30), request("c2", 30)})
-        cache.add(r);
-    cache.remove(request("?", 20, Type::dataSubmission));
-    cache.incrementRetryCount(request("?", 30));
-    EXPECT_EQ(cache.getCachedRequests().at(2).retryCount, 1);
-    cache.remove(request("?", 30));
-    cache.remove(request("?", 20, Type::consentSubmission));
-    EXPECT_EQ(bodies(cache.getCachedRequests()), (std::vector<std::string>{"a", "c2"}));
-}
-
-TEST_F(OfflineCacheTest, RestartReloadsRequestsInOrderWithTheirRetryCounts) {
+TEST_F(OfflineCacheTest, ChangesToRequestsSurviveARestart) {
     auto store = openStore();
     {
         OfflineCache cache(store);
-        for (const auto& r : {request("a", 10), request("b", 20), request("c", 30)}) cache.add(r);
-        cache.remove(request("?", 20));
+        for (const auto& r : {request("a", 10), request("b", 20, Type::consentSubmission), request("c", 30), request("c2", 30)})
+            cache.add(r);
+        // Requests are matched by type and timestamp; of two alike, the older one.
+        cache.remove(request("?", 20, Type::dataSubmission));
+        cache.remove(request("?", 20, Type::consentSubmission));
+        cache.incrementRetryCount(request("?", 30));
+        cache.remove(request("?", 30));
         cache.incrementRetryCount(request("?", 10));
         cache.incrementRetryCount(request("?", 10));
     }
@@ -74,15 +50,21 @@ TEST_F(OfflineCacheTest, RestartReloadsRequestsInOrderWithTheirRetryCounts) {
     EXPECT_EQ(records[0].first, "com.tavrin.OfflineCache/00000000000000000000");
     EXPECT_EQ(platform::toString(std::get<Bytes>(records[0].second)),
               R"({"type":"dataSubmission","payload":"YQ==","timestamp":10.0,"retryCount":2})");
+    // Keys just outside the records' prefix are not the cache's to load (or delete).
+    for (const char* foreign : {"com.tavrin.OfflineCache", "com.tavrin.OfflineCache0"}) store->setString(foreign, "{}");
 
     OfflineCache reloaded(openStore());
-    EXPECT_EQ(bodies(reloaded.getCachedRequests()), (std::vector<std::string>{"a", "c"}));
-    EXPECT_EQ(reloaded.getCachedRequests()[0].retryCount, 2);
+    const auto requests = reloaded.getCachedRequests();
+    EXPECT_EQ(bodies(requests), (std::vector<std::string>{"a", "c2"}));
+    EXPECT_EQ(requests.at(0).retryCount, 2);
+    EXPECT_EQ(requests.at(1).retryCount, 0);
+    EXPECT_TRUE(log.sink->messages(platform::LogType::error).empty());
     // A request added after the restart goes after the others, also on disk.
     reloaded.add(request("d", 40));
     reloaded.drain();
-    EXPECT_EQ(store->values(kPrefix).back().first, OfflineCache::recordKey(3));
-    EXPECT_EQ(bodies(OfflineCache(openStore()).getCachedRequests()), (std::vector<std::string>{"a", "c", "d"}));
+    EXPECT_EQ(store->values(kPrefix).back().first, OfflineCache::recordKey(4));
+    EXPECT_EQ(bodies(OfflineCache(openStore()).getCachedRequests()), (std::vector<std::string>{"a", "c2", "d"}));
+    EXPECT_EQ(store->values("com.tavrin.OfflineCache").size(), 5u);
 }
 
 TEST_F(OfflineCacheTest, FullCacheDropsTheOldestRequestForEachNewOne) {

@@ -46,22 +46,19 @@ TEST_F(ServiceTest, OnlyStatusesFrom200To299Succeed) {
     LoopbackServer server;
     configure(trackConfig(hostPort(server.port()), "http", false, ""));
     for (int status : {200, 299, 300, 404}) {
-        SCOPED_TRACE(status);
+        server.respondWith({.status = status, .headers = {}, .body = ""});
         log.sink->clear();
-        server.respondWith({.status = status, .headers = {{"X-Reason", "test"}}, .body = ""});
         auto sent = Service::shared()->sendConsentSubmission(sampleConsent());
         if (status <= 299) {
-            EXPECT_NO_THROW(sent.get());
-            EXPECT_EQ(server.requests().back().header("Authorization"), std::nullopt) << "no token, no header";
-            continue;
+            EXPECT_NO_THROW(sent.get()) << status;
+        } else {
+            EXPECT_EQ(serviceErrorOf(std::move(sent)), Code::invalidResponse) << status;
+            // The host's only sign that the server refused the record.
+            EXPECT_TRUE(log.sink->messages(platform::LogType::error).at(0).starts_with(
+                "Received invalid HTTP response:\n- Status Code: " + std::to_string(status)));
         }
-        EXPECT_EQ(serviceErrorOf(std::move(sent)), Code::invalidResponse);
-        // The host's only sign that the server refused the record.
-        const auto errors = log.sink->messages(platform::LogType::error);
-        ASSERT_FALSE(errors.empty());
-        EXPECT_TRUE(errors[0].starts_with("Received invalid HTTP response:\n- Status Code: " + std::to_string(status)))
-            << errors[0];
     }
+    EXPECT_EQ(server.requests().at(0).header("Authorization"), std::nullopt) << "no token, no header";
     // An interim status the server ends the exchange with stands as its answer.
     RawTcpServer interim("HTTP/1.1 199 Odd\r\n\r\n");
     configure(trackConfig(interim.baseUrl().substr(7), "http", false));
@@ -75,29 +72,6 @@ TEST_F(ServiceTest, DomainThatIsNoUrlFailsBeforeCachingOrSending) {
     EXPECT_EQ(serviceErrorOf(Service::shared()->sendConsentSubmission(sampleConsent())), Code::invalidURL);
     EXPECT_EQ(serviceErrorOf(Service::shared()->resendCachedDataSubmission(platform::toBytes("{}"))), Code::invalidURL);
     EXPECT_TRUE(log.sink->contains("Invalid URL: https://bad host"));
-    EXPECT_TRUE(cached().empty());
-}
-
-TEST_F(ServiceTest, OfflineSendsAreCachedUnsent) {
-    LoopbackServer server;
-    monitorPath(platform::PathStatus::unsatisfied);
-    configure(trackConfig(hostPort(server.port())));
-    Service::shared()->sendDataSubmission(sampleSubmission()).get();
-    Service::shared()->sendConsentSubmission(sampleConsent()).get();
-    const auto requests = cached();
-    ASSERT_EQ(requests.size(), 2u);
-    EXPECT_EQ(requests[0].type, OfflineCache::RequestType::dataSubmission);
-    EXPECT_EQ(platform::toString(requests[0].payload), encodeJsonText(sampleSubmission()));
-    EXPECT_EQ(requests[1].type, OfflineCache::RequestType::consentSubmission);
-    EXPECT_EQ(platform::toString(requests[1].payload), encodeJsonText(sampleConsent()));
-    EXPECT_TRUE(server.requests().empty());
-}
-
-TEST_F(ServiceTest, WithoutOfflineTrackingATransportErrorReachesTheCaller) {
-    RefusingPort refusing;
-    monitorPath(platform::PathStatus::unsatisfied);
-    configure(trackConfig(hostPort(refusing.port()), "http", false));
-    EXPECT_THROW(Service::shared()->sendDataSubmission(sampleSubmission()).get(), platform::UrlError);
     EXPECT_TRUE(cached().empty());
 }
 
@@ -124,10 +98,8 @@ TEST_F(ServiceTest, LiveSendMarksTheVariablesAndResendMarksTheTopLevel) {
 TEST_F(ServiceTest, CachedBodyThatIsNoJsonObjectIsDroppedUnsent) {
     LoopbackServer server;
     configure(trackConfig(hostPort(server.port())));
-    for (const char* payload : {"[1,2]", "not json"}) {
-        EXPECT_EQ(serviceErrorOf(Service::shared()->resendCachedDataSubmission(platform::toBytes(payload))),
-                  Code::invalidRequestBody);
-    }
+    for (const char* payload : {"[1,2]", "not json"})
+        EXPECT_EQ(serviceErrorOf(Service::shared()->resendCachedDataSubmission(platform::toBytes(payload))), Code::invalidRequestBody);
     EXPECT_TRUE(server.requests().empty());
     EXPECT_EQ(log.sink->count("Failed to parse cached payload as JSON"), 2u);
 }
