@@ -66,9 +66,10 @@ inline Json tag(const std::string& id, const std::string& name, std::int64_t tim
     return tag;
 }
 
-inline Json monitorReport(Json tags = Json::array({tag("AI01", "T-SDK: [INIT] - [AI01] SDK initialised", kNow),
-                                                   tag("AD01", "T-SDK: [TAVRIN DL] - [AD01] Push: pageview", kNow + 5),
-                                                   tag("AS01", "T-SDK: [STATE] - [AS01] State executed: tvr_push_submit", kNow + 9)})) {
+inline Json monitorReport(Json tags = Json::array(
+                              {tag("AI01", "T-SDK: [INIT] - [AI01] SDK initialised", kNow),
+                               tag("AD01", "T-SDK: [TAVRIN DL] - [AD01] Push: pageview", kNow + 5),
+                               tag("AS01", "T-SDK: [STATE] - [AS01] State executed: tvr_push_submit", kNow + 9)})) {
     return {{"debugid", "dbg-42"}, {"consent", Json::object()}, {"docs", Json::object()},
             {"state", ""},         {"eventDocumentId", ""},     {"tags", std::move(tags)}};
 }

@@ -15,7 +15,10 @@ using testing::decodeFailure;
 ConsentModel sampleModel() {
     return ConsentModel{
         .version = "3",
-        .system = {.type = "sdk-ios", .timestamp = 1731667200123, .navigatorUserAgent = "Agent/1.0", .initiator = "tvr_push_submit"},
+        .system = {.type = "sdk-ios",
+                   .timestamp = 1731667200123,
+                   .navigatorUserAgent = "Agent/1.0",
+                   .initiator = "tvr_push_submit"},
         .configuration = {.container = "shop-app", .environment = "live", .version = "7", .debugcode = "dbg"},
         .data = {.identifier = {.user = {.id = "4821731667200123077", .action = "update"},
                                 .consent = {.id = "0f0e-consent", .action = "new"}},

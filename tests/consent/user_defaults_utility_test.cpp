@@ -3,7 +3,6 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
-#include <cmath>
 #include <thread>
 #include <vector>
 
@@ -78,17 +77,6 @@ TEST_F(UserDefaultsUtilityTest, RacingReadsNeverLeaveAStaleValueCached) {
         if (cached != stored || cached == "before") stale.push_back(key + " cached " + cached.value_or("<none>"));
     }
     EXPECT_TRUE(stale.empty()) << stale.size() << " of 30 rounds, first " << stale.front();
-}
-
-TEST_F(UserDefaultsUtilityTest, UnencodableValueIsReportedAndWritesNothing) {
-    auto store = countReads();
-    UserDefaultsUtility::save(minimalConfig(std::nan("")), "cfg");
-    UserDefaultsUtility::save(std::string("\xff"), "bad");  // not UTF-8: no JSON either
-    EXPECT_EQ(store->writes, 0);
-    const auto lines = log.sink->messages(platform::LogType::info);
-    ASSERT_EQ(lines.size(), 2u);
-    EXPECT_TRUE(lines[0].starts_with("❌ UserDefaultsUtility: Failed to encode and save data for key cfg - ")) << lines[0];
-    EXPECT_TRUE(lines[1].starts_with("❌ UserDefaultsUtility: Failed to encode and save data for key bad - ")) << lines[1];
 }
 
 }  // namespace

@@ -123,7 +123,8 @@ TEST(UserAgentUtilityTest, FixedShapeWithFallbacksForMissingOrNonUtf8Facts) {
     DeviceInfoUtility::reset();
     struct utsname u {};
     ASSERT_EQ(uname(&u), 0);
-    EXPECT_TRUE(UserAgentUtility::userAgent("TavrinSDK", "1.0", "18").ends_with(std::string("; ") + u.machine + " [TavrinSDK/v.1.0.18]"));
+    const auto agent = UserAgentUtility::userAgent("TavrinSDK", "1.0", "18");
+    EXPECT_TRUE(agent.ends_with(std::string("; ") + u.machine + " [TavrinSDK/v.1.0.18]")) << agent;
 }
 
 TEST(TimestampUtilityTest, MillisecondsAreTruncatedTowardZero) {

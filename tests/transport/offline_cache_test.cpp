@@ -34,7 +34,8 @@ TEST_F(OfflineCacheTest, ChangesToRequestsSurviveARestart) {
     auto store = openStore();
     {
         OfflineCache cache(store);
-        for (const auto& r : {request("a", 10), request("b", 20, Type::consentSubmission), request("c", 30), request("c2", 30)})
+        for (const auto& r :
+             {request("a", 10), request("b", 20, Type::consentSubmission), request("c", 30), request("c2", 30)})
             cache.add(r);
         // Requests are matched by type and timestamp; of two alike, the older one.
         cache.remove(request("?", 20, Type::dataSubmission));
