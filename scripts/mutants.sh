@@ -147,7 +147,7 @@ PY
   restore
   printf '%s\t%s\n' "$verdict" "$name" | tee -a "$build/results.txt"
   if [ -n "${TAVRIN_MUTANTS_ALL:-}" ]; then
-    printf '%s\t%s\n' "$name" "$(sed -n 's/^[[:space:]]*[0-9]* - \([^ ]*\) (.*/\1/p' "$build/ctest.log" | tr '\n' ' ')" \
+    printf '%s\t%s\n' "$name" "$(sed -n '/tests FAILED:/,$ s/^[[:space:]]*[0-9]* - \([^ ]*\) (.*/\1/p' "$build/ctest.log" | tr '\n' ' ')" \
       >>"$build/kills.tsv"
   fi
   echo "    ($((SECONDS - start)) s)"
