@@ -8,7 +8,6 @@
 #include <fcntl.h>
 #include <poll.h>
 #include <sched.h>
-#include <spawn.h>
 #include <sys/mount.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -52,13 +51,13 @@ public:
         ::close(fds[1]);
         variables.push_back("TAVRIN_REPORT_FD=" + std::to_string(childEnd));
         SelfInvocation self(filter, std::move(variables));
-        if (!readOnly) {
-            if (::posix_spawn(&pid_, self.program.c_str(), nullptr, nullptr, self.argv, self.envp.data()) != 0) pid_ = -1;
-        } else if (const std::string target = readOnly->string(); (pid_ = ::fork()) == 0) {
+        const std::string target = readOnly.value_or("").string();
+        if ((pid_ = ::fork()) == 0) {
             // Only system calls from here to exec; unshare needs the single-threaded child.
-            if (::unshare(CLONE_NEWNS) != 0 || ::mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
-                ::mount(target.c_str(), target.c_str(), nullptr, MS_BIND, nullptr) != 0 ||
-                ::mount(nullptr, target.c_str(), nullptr, MS_BIND | MS_REMOUNT | MS_RDONLY, nullptr) != 0)
+            if (!target.empty() &&
+                (::unshare(CLONE_NEWNS) != 0 || ::mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
+                 ::mount(target.c_str(), target.c_str(), nullptr, MS_BIND, nullptr) != 0 ||
+                 ::mount(nullptr, target.c_str(), nullptr, MS_BIND | MS_REMOUNT | MS_RDONLY, nullptr) != 0))
                 ::_exit(kCannotMountReadOnly);
             ::execve(self.program.c_str(), self.argv, self.envp.data());
             ::_exit(127);
@@ -72,7 +71,6 @@ public:
     ChildProcess(const ChildProcess&) = delete;
     ChildProcess& operator=(const ChildProcess&) = delete;
 
-    bool started() const { return pid_ > 0; }
     void killNow() {
         if (pid_ > 0 && !reaped_) ::kill(pid_, SIGKILL);
     }
@@ -81,40 +79,37 @@ public:
     // or killed) or after `timeout`.
     std::optional<std::string> readLine(std::chrono::milliseconds timeout) {
         const auto deadline = std::chrono::steady_clock::now() + timeout;
-        for (;;) {
-            if (const auto end = buffer_.find('\n'); end != std::string::npos) {
-                std::string line = buffer_.substr(0, end);
-                buffer_.erase(0, end + 1);
-                return line;
-            }
+        for (auto end = buffer_.find('\n'); end == std::string::npos; end = buffer_.find('\n')) {
             const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
-            if (left.count() <= 0 || readFd_ < 0) return std::nullopt;
             pollfd ready{readFd_, POLLIN, 0};
+            if (left.count() <= 0 || readFd_ < 0) return std::nullopt;
             if (::poll(&ready, 1, static_cast<int>(left.count())) <= 0) continue;
             char chunk[4096];
             const ssize_t n = ::read(readFd_, chunk, sizeof chunk);
             if (n <= 0) return std::nullopt;
             buffer_.append(chunk, static_cast<std::size_t>(n));
         }
+        const auto end = buffer_.find('\n');
+        std::string line = buffer_.substr(0, end);
+        buffer_.erase(0, end + 1);
+        return line;
     }
 
     // The exit code, or 128 + the signal that ended it; -1 when it was still
     // running after `limit` (it is killed then).
     int wait(std::chrono::milliseconds limit) {
+        if (pid_ <= 0) return -2;
         const auto deadline = std::chrono::steady_clock::now() + limit;
-        while (pid_ > 0 && !reaped_) {
-            if (::waitpid(pid_, &status_, WNOHANG) == pid_) {
-                reaped_ = true;
-            } else if (std::chrono::steady_clock::now() >= deadline) {
+        while (pid_ > 0 && !reaped_ && ::waitpid(pid_, &status_, WNOHANG) != pid_) {
+            if (std::chrono::steady_clock::now() >= deadline) {
                 ::kill(pid_, SIGKILL);
                 ::waitpid(pid_, &status_, 0);
                 reaped_ = true;
                 return -1;
-            } else {
-                std::this_thread::sleep_for(5ms);
             }
+            std::this_thread::sleep_for(5ms);
         }
-        if (!reaped_) return -2;
+        reaped_ = true;
         return WIFEXITED(status_) ? WEXITSTATUS(status_) : 128 + WTERMSIG(status_);
     }
 

@@ -1,22 +1,18 @@
-// Server storms: a host application submits data and consent decisions while
-// its collector answers 503 to everything, then accepts connections and never
+// Server storms: a host submits data and consent decisions while its
+// collector answers 503 to everything, then accepts connections and never
 // answers, then resets every connection, and finally recovers. The host is
-// never blocked, every future ends within the request timeout, each cached
-// request is given up on at its fourth failed attempt or delivered once,
-// memory does not grow, and once the server is back submissions are delivered.
+// never held, every future ends within the request timeout, each cached
+// request is delivered once or given up on at its fourth failed attempt,
+// memory does not grow, and once the server is back submissions arrive.
 //
-// Cached requests are sent again by resend walks, which the SDK starts when
-// the network path comes back: the scenario flips the scripted path monitor
-// the SDK was given offline and online (as the rtnetlink monitor reports a
-// returning link), and what the host submits while offline is what it caches.
-// Walks send one request at a time and run alone, except in the hang phase:
-// there the host's calls run beside the walk, in two waves of fourteen, more
-// than the six connections the HTTP client keeps to one host, so a request
-// may wait for a connection until its own timeout fails it unsent.
-//
-// What timing decides is not asserted: which host calls a phase holds, how
-// many of them, and whether a queued attempt in the hang phase reached the
-// server.
+// Cached requests are sent again by the resend walk the SDK starts when the
+// path comes back: the scenario flips the scripted path monitor offline and
+// online, and what the host submits while offline is what gets cached. Walks
+// send one request at a time and run alone, except in the hang phase: there
+// the host's calls run beside the walk, in two waves of fourteen, more than
+// the six connections the HTTP client keeps to one host, so a request may
+// wait for a connection until its own timeout fails it unsent. Which calls
+// each phase makes and how many is left to timing, and not asserted.
 
 #include <set>
 
@@ -35,25 +31,24 @@ constexpr auto kTimeoutMargin = 10s;
 
 // ---- what each call must end as, stated once
 
-// The host's own calls in each phase: delivered once, or failed with the
-// error in the future (none of them is cached: the path is online).
+// The host's own calls, by phase: delivered once, or failed with the error in
+// the future (the path is online, so none of them is cached).
 enum class Live { delivered, fails };
 const std::map<std::string, Live> kLiveOutcome{{"warm-up", Live::delivered}, {"warm-up 503", Live::fails},
                                                {"503", Live::fails},         {"hang", Live::fails},
                                                {"reset", Live::fails},       {"recovery", Live::delivered}};
 
 // Requests cached while offline: the server's mode in each walk they meet
-// (one attempt per walk), and how they end.
-enum class End { delivered, discarded };
+// (one attempt per walk) and how they end.
 struct Cohort {
     std::string name;
     int data, consents;  // times the scale
     std::vector<M> walks;
-    End end;
+    bool discarded;
     std::vector<std::string> ids{};
 };
 
-// The answers a cached request got, against the walks it met: each attempt
+// The answers a cached request got fit the walks it met: each attempt
 // arrived, except that one in the hang phase may have timed out queued.
 bool answersFit(const std::vector<M>& answers, const std::vector<M>& walks) {
     std::size_t next = 0;
@@ -66,57 +61,33 @@ bool answersFit(const std::vector<M>& answers, const std::vector<M>& walks) {
     return next == answers.size();
 }
 
-std::string text(const std::vector<M>& modes) {
-    std::string out;
-    for (M mode : modes) out += std::to_string(static_cast<int>(mode)) + " ";
-    return out + "(0 = 200, 1 = 503, 2 = hang, 3 = reset)";
-}
-
-class TavrinServiceServerStormTest : public ::testing::Test {
+class TavrinServiceServerStormTest : public EndToEndTest {
 protected:
     void SetUp() override {
-        useDirectoryWithPath();
+        EndToEndTest::SetUp();
+        platform::PathMonitor::setFactory([path = path]() -> std::shared_ptr<platform::PathMonitor> { return path; });
         platform::SystemLog::setSink(logWatch);
-        LoggerUtility::resetShared();
         LoggerUtility::shared().setLogLevel(LogLevel::info);
     }
-    void TearDown() override {
-        TavrinService::shutdown(5s);
-        platform::PathMonitor::setFactory({});
-        platform::KeyValueStore::setStandard(nullptr);
-        platform::KeyValueStore::setDataDirectory(std::nullopt);
-        LoggerUtility::resetShared();
-        platform::SystemLog::setSink(nullptr);
-    }
-    void useDirectoryWithPath() {
-        platform::KeyValueStore::setDataDirectory(dir.path().string());
-        platform::KeyValueStore::setStandard(nullptr);
-        UserDefaultsUtility::resetCacheForTesting();
-        platform::PathMonitor::setFactory([path = path]() -> std::shared_ptr<platform::PathMonitor> { return path; });
-    }
 
-    // ---- the host's calls, timed on the caller's thread
-
+    // A host call, timed on the caller's thread.
     std::string call(bool consent, const std::string& phase, bool live) {
         const std::string id = consent ? stormId('C', nextConsent++) : stormId('D', nextData++);
-        const auto started = FaultClock::now();
+        const FutureWatch::Call record{.id = id, .phase = phase, .live = live, .started = FaultClock::now()};
         if (consent) {
-            auto future = tracking->setConsents({{id, ConsentStatus::allow}});
-            longestCall = std::max(longestCall, FaultClock::now() - started);
-            watch.add({.id = id, .phase = phase, .live = live, .started = started}, std::move(future));
+            watch.add(record, tracking->setConsents({{id, ConsentStatus::allow}}));
         } else {
             tracking->push({{"storm_id", id}});
-            auto future = tracking->submit();
-            longestCall = std::max(longestCall, FaultClock::now() - started);
-            watch.add({.id = id, .phase = phase, .live = live, .started = started}, std::move(future));
+            watch.add(record, tracking->submit());
         }
+        longestCall = std::max(longestCall, FaultClock::now() - record.started);
         ++calls;
         return id;
     }
 
-    // The host submitting (every fifth call a consent decision) until `stop`,
-    // never more than `maxOutstanding` calls at once; then waits until every
-    // call has ended, so each was sent (or not) before the path changes.
+    // The host calling (every fifth a consent decision) until `stop`, never
+    // more than `maxOutstanding` at once; then waits until every call has
+    // ended, so each was sent (or not) before the path changes.
     void hostCalls(const std::string& phase, milliseconds interval, std::size_t maxOutstanding,
                    const std::function<bool(int)>& stop) {
         for (int made = 0; !stop(made); std::this_thread::sleep_for(interval))
@@ -127,8 +98,6 @@ protected:
         const auto until = FaultClock::now() + duration;
         hostCalls(phase, 40ms, 16, [&](int) { return FaultClock::now() >= until; });
     }
-
-    // ---- the network path
 
     void goOffline() {
         path->setStatus(platform::PathStatus::unsatisfied);
@@ -141,9 +110,9 @@ protected:
         ASSERT_TRUE(logWatch->waitForWalks(before + 1, limit)) << "resend walk did not end";
         ++walks;
     }
-    // Submissions made while offline: each is cached, its future done once durable.
-    Cohort& cache(const std::string& name) {
-        Cohort& cohort = *std::find_if(cohorts.begin(), cohorts.end(), [&](const Cohort& c) { return c.name == name; });
+    // A cohort submitted offline: each cached, its future done once durable.
+    const Cohort& cache(const std::string& name) {
+        auto& cohort = *std::find_if(cohorts.begin(), cohorts.end(), [&](const Cohort& c) { return c.name == name; });
         goOffline();
         for (int i = 0; i < (cohort.data + cohort.consents) * scale; ++i)
             cohort.ids.push_back(call(i >= cohort.data * scale, name, false));
@@ -160,14 +129,13 @@ protected:
 
     const int scale = reliabilityScale();
     std::vector<Cohort> cohorts{
-        {"warm-up cached", 30, 6, {M::ok}, End::delivered},
-        {"warm-up retried", 3, 1, {M::unavailable, M::ok}, End::delivered},
-        {"A", 30, 6, {M::unavailable, M::unavailable, M::unavailable, M::unavailable}, End::discarded},
-        {"B", 1, 1, {M::unavailable, M::unavailable, M::hang, M::reset}, End::discarded},
-        {"C", 10, 2, {M::reset, M::reset, M::reset, M::ok}, End::delivered},
-        {"D", 5, 1, {M::ok}, End::delivered},
+        {"warm-up cached", 30, 6, {M::ok}, false},
+        {"warm-up retried", 3, 1, {M::unavailable, M::ok}, false},
+        {"A", 30, 6, {M::unavailable, M::unavailable, M::unavailable, M::unavailable}, true},
+        {"B", 1, 1, {M::unavailable, M::unavailable, M::hang, M::reset}, true},
+        {"C", 10, 2, {M::reset, M::reset, M::reset, M::ok}, false},
+        {"D", 5, 1, {M::ok}, false},
     };
-    TempDir dir;
     StormServer server;
     std::shared_ptr<StormLogWatch> logWatch = std::make_shared<StormLogWatch>();
     std::shared_ptr<ScriptedPathMonitor> path = std::make_shared<ScriptedPathMonitor>(platform::PathStatus::satisfied);
@@ -180,20 +148,16 @@ protected:
 TEST_F(TavrinServiceServerStormTest, HostCallsAndCachedRequestsEndWithinTheirLimits) {
     const auto phaseTime = milliseconds(2500 * scale);
     const auto started = FaultClock::now();
-    TavrinService::configure(trackConfig(hostPort(server.port())));
-    tracking = TrackingService::shared();
+    tracking = start(trackConfig(hostPort(server.port())));
     ASSERT_TRUE(logWatch->waitForWalks(1, 10s)) << "launch walk";
 
     // Warm-up: everything the storm does once, with the server well, so the
-    // allocator's growth for the first requests is not counted. Without a
-    // debug code the SDK keeps debug tags up to the tag cache's capacity
-    // (about 1.5 MiB): filled now, that bounded growth is not taken for a leak.
+    // allocator's growth for the first requests is not counted; and the tag
+    // cache filled to its capacity (the debug tags kept without a debug code,
+    // about 1.5 MiB), so that bounded growth is not taken for a leak.
     const auto tagsFull = [](int) { return TagCache::shared().tags().size() >= TagCache::capacity; };
     hostCalls("warm-up", 1ms, 16, tagsFull);
-    ASSERT_TRUE(tagsFull(0));
-    // As many cached at once as in the storm: the store's page cache grows
-    // with the largest offline cache it has held.
-    cache("warm-up cached");
+    cache("warm-up cached");  // as many at once as in the storm: the store's page cache grows with them
     goOnlineAndWalk();
     server.setMode(M::unavailable);
     hostCallsFor("warm-up 503", 500ms);
@@ -217,21 +181,18 @@ TEST_F(TavrinServiceServerStormTest, HostCallsAndCachedRequestsEndWithinTheirLim
         const auto counts = cachedRetryCounts();
         for (const auto& id : a.ids) {
             const auto found = counts.find(id);
-            if (walk < 4)
-                EXPECT_TRUE(found != counts.end() && found->second == walk) << id << " after walk " << walk;
-            else
-                EXPECT_TRUE(found == counts.end()) << id << " still cached after its fourth failure";
+            EXPECT_TRUE(walk < 4 ? found != counts.end() && found->second == walk : found == counts.end())
+                << id << " after walk " << walk << ": discarded only after its fourth failure";
         }
         hostCallsFor("503", phaseTime / 4);
     }
 
-    // Hang: the server accepts and never answers. Only B is cached (each
-    // request cached now costs a request timeout); the host's calls run beside
-    // the walk, whose first request holds a connection before they start.
+    // Hang: the server accepts and never answers; only B is cached (each
+    // request cached now costs a request timeout). The walk's first request
+    // holds a connection before the host's calls start.
     std::set<std::string> pending;
     for (const auto& [id, count] : cachedRetryCounts()) pending.insert(id);
-    const auto& b = cohorts[3].ids;
-    ASSERT_EQ(pending, std::set<std::string>(b.begin(), b.end()));
+    ASSERT_EQ(pending, std::set<std::string>(cohorts[3].ids.begin(), cohorts[3].ids.end()));
     server.setMode(M::hang);
     goOffline();
     const int walksBeforeHang = logWatch->walksDone();
@@ -265,33 +226,27 @@ TEST_F(TavrinServiceServerStormTest, HostCallsAndCachedRequestsEndWithinTheirLim
     const std::size_t memoryAfter = memoryInUse();
 
     // ---- what the server saw and the host was told
-    std::map<std::string, std::vector<Arrival>> arrivals;
-    for (auto& arrival : server.arrivals()) arrivals[arrival.id].push_back(arrival);
+    std::map<std::string, std::vector<M>> answers;
+    std::map<std::string, int> resends;
+    for (const auto& arrival : server.arrivals()) {
+        answers[arrival.id].push_back(arrival.answer);
+        resends[arrival.id] += arrival.resend;
+    }
     const auto all = watch.calls();
-    std::map<std::string, const FutureWatch::Call*> byId;
-    for (const auto& c : all) byId[c.id] = &c;
 
-    // Cached requests: cached once each (and nothing else was), each attempt
-    // seen as its walk's answer, discarded after the fourth or delivered once.
+    // Cached requests: each cached once (and nothing else was), each attempt
+    // answered as its walk was, discarded after the fourth or delivered once.
     std::multiset<std::string> cachedExpected, cachedLogged;
     int discarded = 0, delivered = 0;
-    std::map<M, int> failedAttempts;
     for (const auto& cohort : cohorts) {
         for (const auto& id : cohort.ids) {
             cachedExpected.insert(id);
-            std::vector<M> answers;
-            for (const auto& arrival : arrivals[id]) {
-                answers.push_back(arrival.answer);
-                EXPECT_TRUE(arrival.resend || id[5] == 'C') << id << " cached, yet sent live";
-            }
-            EXPECT_TRUE(answersFit(answers, cohort.walks)) << cohort.name << " " << id << ": " << text(answers);
-            EXPECT_FALSE(byId.at(id)->error) << id << ": " << describe(byId.at(id)->error);
-            if (cohort.end == End::discarded) {
-                ++discarded;
-                for (M answer : answers) ++failedAttempts[answer];
-            } else {
-                ++delivered;
-            }
+            std::string seen;
+            for (M answer : answers[id]) seen += std::to_string(static_cast<int>(answer));
+            EXPECT_TRUE(answersFit(answers[id], cohort.walks)) << cohort.name << " " << id << " answered " << seen
+                                                               << " (0 = 200, 1 = 503, 2 = hang, 3 = reset)";
+            EXPECT_TRUE(id[5] != 'D' || resends[id] == int(answers[id].size())) << id << " cached, yet sent live";
+            (cohort.discarded ? discarded : delivered) += 1;
         }
     }
     for (const auto& id : logWatch->cachedIds()) cachedLogged.insert(id);
@@ -299,53 +254,37 @@ TEST_F(TavrinServiceServerStormTest, HostCallsAndCachedRequestsEndWithinTheirLim
     EXPECT_EQ(logWatch->discards(), discarded);
     EXPECT_TRUE(cachedRetryCounts().empty()) << "offline cache not empty at the end";
 
-    // The host's calls: never held, each future ended within the request
-    // timeout; a live call reached the server at most once, as it must end.
-    int liveDelivered = 0, liveFailed = 0;
-    FaultClock::duration longestFuture{}, longestHang{};
+    // Every future ended within the request timeout; a live call reached the
+    // server at most once, and ended as its phase says.
+    int liveDelivered = 0;
+    milliseconds longestFuture{0};
     for (const auto& c : all) {
         ASSERT_GE(c.took.count(), 0) << c.id << " never completed";
-        longestFuture = std::max<FaultClock::duration>(longestFuture, c.took);
+        longestFuture = std::max(longestFuture, c.took);
+        EXPECT_EQ(bool(c.error), c.live && kLiveOutcome.at(c.phase) == Live::fails) << c.id << ": " << describe(c.error);
         if (!c.live) continue;
-        const auto& seen = arrivals[c.id];
-        EXPECT_LE(seen.size(), 1u) << c.id;
-        for (const auto& arrival : seen) EXPECT_FALSE(arrival.resend) << c.id;
-        if (kLiveOutcome.at(c.phase) == Live::delivered) {
-            EXPECT_FALSE(c.error) << c.id << " in " << c.phase << ": " << describe(c.error);
-            EXPECT_TRUE(seen.size() == 1 && seen[0].answer == M::ok) << c.id << " in " << c.phase;
-            liveDelivered += c.phase == "recovery";
-        } else {
-            EXPECT_TRUE(c.error) << c.id << " in " << c.phase;
-            ++liveFailed;
-        }
-        // Without an answer a call can only end by its own timeout.
-        if (c.phase == "hang") {
-            EXPECT_GE(c.took, kRequestTimeout - 1s) << c.id << " did not wait for the server";
-            longestHang = std::max<FaultClock::duration>(longestHang, c.took);
-        }
+        EXPECT_LE(answers[c.id].size(), 1u) << c.id;
+        EXPECT_EQ(resends[c.id], 0) << c.id;
+        EXPECT_TRUE(kLiveOutcome.at(c.phase) == Live::fails || answers[c.id] == std::vector<M>{M::ok}) << c.id << " not delivered";
+        liveDelivered += c.phase == "recovery";
+        // Without an answer a call can end only by its own timeout.
+        EXPECT_TRUE(c.phase != "hang" || c.took >= kRequestTimeout - 1s) << c.id << " did not wait for the server";
     }
     EXPECT_LE(longestFuture, kRequestTimeout + kTimeoutMargin);
-    // A call that waited for the server would take a whole request timeout.
-    EXPECT_LT(longestCall, kRequestTimeout / 3);
+    EXPECT_LT(longestCall, kRequestTimeout / 3) << "a call that waits for the server takes a request timeout";
     EXPECT_GT(liveDelivered, 0);
     const double growth = (static_cast<double>(memoryAfter) - static_cast<double>(memoryBefore)) / static_cast<double>(memoryBefore);
     EXPECT_LE(growth, 0.10) << memoryBefore << " -> " << memoryAfter << " bytes";
 
-    const auto seconds = [](auto d) { return std::chrono::duration<double>(d).count(); };
-    char figure[768];
-    std::snprintf(figure, sizeof figure,
-                  "server storm: %d host calls (%d live failed in the storm); longest call %.3f ms; longest future %.1f s "
-                  "(limit %.0f s; hang-phase calls ended after at most %.1f s); %d cached requests discarded after 4 "
-                  "failed attempts (%d answered 503, %d hung, %d reset; an attempt queued in the hang phase may end "
-                  "unsent), %d delivered, %d recovery submissions delivered, cache empty; %d resend walks; %s %.2f -> "
-                  "%.2f MiB (%+.1f%%); storm %.0f s, test %.0f s, scale %d",
-                  calls, liveFailed, seconds(longestCall) * 1000, seconds(longestFuture),
-                  seconds(kRequestTimeout + kTimeoutMargin), seconds(longestHang), discarded,
-                  failedAttempts[M::unavailable], failedAttempts[M::hang], failedAttempts[M::reset], delivered,
-                  liveDelivered, walks, measuresResidentMemory() ? "resident memory" : "heap in use (sanitizer build)",
-                  memoryBefore / 1048576.0, memoryAfter / 1048576.0, growth * 100, seconds(stormTook),
-                  seconds(FaultClock::now() - started), scale);
-    printFigure(figure);
+    const auto seconds = [](auto d) { return std::to_string(std::chrono::duration<double>(d).count()).substr(0, 5); };
+    printFigure("server storm: " + std::to_string(calls) + " host calls, longest " + seconds(longestCall * 1000) +
+                " ms; longest future " + seconds(longestFuture) + " s (limit 40 s); " + std::to_string(discarded) +
+                " cached requests discarded after 4 failed attempts, " + std::to_string(delivered) + " delivered, " +
+                std::to_string(liveDelivered) + " recovery submissions delivered, cache empty; " + std::to_string(walks) +
+                " resend walks; memory in use (resident, or heap under a sanitizer) " + std::to_string(memoryBefore >> 10) +
+                " -> " + std::to_string(memoryAfter >> 10) + " KiB (" + std::to_string(growth * 100).substr(0, 4) +
+                "%); storm " + seconds(stormTook) + " s, test " + seconds(FaultClock::now() - started) + " s, scale " +
+                std::to_string(scale));
 }
 
 }  // namespace

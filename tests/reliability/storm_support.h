@@ -1,21 +1,13 @@
 #pragma once
-// Pieces of the server-storm scenario:
-// - StormServer: one loopback port whose behaviour is switched while clients
-//   use it: answer 200, answer 503, accept and never answer, or reset the
-//   connection. It records which submission each request carried and what it
-//   was answered, and closes every connection after its one request, so one
-//   send is one arrival here.
-// - StormLogWatch: a log sink that keeps only what the scenario counts, so the
-//   log does not grow the memory being measured.
-// - memory probes.
-//
+// Pieces of the server-storm scenario: a server whose behaviour is switched
+// while clients use it, a log sink that keeps only what the scenario counts
+// (so the log does not grow the memory being measured), and memory probes.
 // Submissions carry their id in their body: a data submission a custom
 // property "stormD<number>", a consent report a vendor "stormC<number>" (a
 // data submission may carry the stored vendors too, so its own id wins).
 
 #include <netinet/in.h>
 #include <poll.h>
-#include <sys/eventfd.h>
 #include <sys/socket.h>
 
 #include <atomic>
@@ -55,29 +47,28 @@ struct Arrival {
     StormMode answer = StormMode::ok;
 };
 
+// One loopback port answering 200 or 503, accepting and never answering, or
+// resetting the connection. It closes every connection after its one request,
+// so a client never retries on a reused connection: one send, one arrival.
 class StormServer {
 public:
     StormServer() {
         sockaddr_in address{.sin_family = AF_INET, .sin_port = 0, .sin_addr = {htonl(INADDR_LOOPBACK)}, .sin_zero = {}};
         socklen_t length = sizeof address;
         listenFd_ = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
-        if (listenFd_ < 0 || ::bind(listenFd_, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0 ||
+        if (::bind(listenFd_, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0 ||
             ::getsockname(listenFd_, reinterpret_cast<sockaddr*>(&address), &length) != 0 || ::listen(listenFd_, 256) != 0)
             throw std::runtime_error("storm server could not listen");
         port_ = ntohs(address.sin_port);
-        wakeFd_ = ::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
-        arrivals_.resize(kCapacity);  // touched now, so recording adds no resident memory later
+        arrivals_.resize(20000);  // touched now, so recording adds no resident memory later
         arrivals_.clear();
         thread_ = std::thread([this] { run(); });
     }
     ~StormServer() {
         stopping_ = true;
-        const std::uint64_t one = 1;
-        (void)!::write(wakeFd_, &one, sizeof one);
         thread_.join();
         for (const auto& connection : connections_) ::close(connection.fd);
         ::close(listenFd_);
-        ::close(wakeFd_);
     }
 
     int port() const { return port_; }
@@ -93,76 +84,67 @@ private:
         std::string received;
         bool answered = false;  // hung: only read until the client gives up
     };
-    static constexpr std::size_t kCapacity = 20000;
 
     void run() {
         std::vector<pollfd> polled;
         while (!stopping_) {
-            polled.assign({{wakeFd_, POLLIN, 0}, {listenFd_, POLLIN, 0}});
+            polled.assign({{listenFd_, POLLIN, 0}});
             for (const auto& connection : connections_) polled.push_back({connection.fd, POLLIN, 0});
-            if (::poll(polled.data(), polled.size(), 200) < 0) continue;
+            if (::poll(polled.data(), polled.size(), 50) < 0) continue;
             std::vector<Connection> kept;
             for (std::size_t i = 0; i < connections_.size(); ++i) {
-                if (polled[i + 2].revents && !serve(connections_[i]))
+                if (polled[i + 1].revents && !serve(connections_[i]))
                     ::close(connections_[i].fd);
                 else
                     kept.push_back(std::move(connections_[i]));
             }
             connections_.swap(kept);
-            if (polled[0].revents) {
-                std::uint64_t count;
-                (void)!::read(wakeFd_, &count, sizeof count);
-            }
-            if (polled[1].revents)
-                for (int fd; (fd = ::accept4(listenFd_, nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK)) >= 0;)
-                    connections_.push_back({fd, {}});
+            for (int fd; (fd = ::accept4(listenFd_, nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK)) >= 0;)
+                connections_.push_back({fd, {}});
         }
     }
 
     // Reads what arrived; false when the connection is finished with.
     bool serve(Connection& connection) {
         char buffer[16384];
-        for (;;) {
-            const ssize_t n = ::read(connection.fd, buffer, sizeof buffer);
-            if (n == 0) return false;
+        for (ssize_t n; (n = ::read(connection.fd, buffer, sizeof buffer)) != 0;) {
             if (n < 0) return errno == EAGAIN || errno == EINTR;
             if (connection.answered) continue;
-            connection.received.append(buffer, static_cast<std::size_t>(n));
-            const auto headEnd = connection.received.find("\r\n\r\n");
-            if (headEnd == std::string::npos) continue;
-            std::string head = connection.received.substr(0, headEnd);
+            std::string& received = connection.received;
+            received.append(buffer, static_cast<std::size_t>(n));
+            std::string head = received.substr(0, received.find("\r\n\r\n"));
+            if (head.size() == received.size()) continue;
             for (auto& c : head) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
             const auto at = head.find("\r\ncontent-length:");
-            const std::size_t length = at == std::string::npos ? 0 : std::strtoul(head.c_str() + at + 17, nullptr, 10);
-            if (connection.received.size() - headEnd - 4 < length) continue;
+            if (received.size() - head.size() - 4 < (at == std::string::npos ? 0 : std::stoul(head.substr(at + 17)))) continue;
             connection.answered = true;
-            return answer(connection, connection.received.substr(headEnd + 4));
+            return answer(connection.fd, received.substr(head.size() + 4));
         }
+        return false;
     }
 
-    bool answer(Connection& connection, const std::string& body) {
+    bool answer(int fd, const std::string& body) {
         const StormMode mode = mode_;
         {
             std::lock_guard lock(mutex_);
-            if (arrivals_.size() == kCapacity) throw std::length_error("more arrivals than the storm server holds");
+            if (arrivals_.size() == arrivals_.capacity()) throw std::length_error("more arrivals than the server holds");
             arrivals_.push_back({stormIdIn(body), body.find("\"app_offline_resend_timestamp\"") != std::string::npos, mode});
         }
-        connection.received = std::string();
         if (mode == StormMode::hang) return true;
         if (mode == StormMode::reset) {
             const linger abort{1, 0};  // close with RST instead of FIN
-            ::setsockopt(connection.fd, SOL_SOCKET, SO_LINGER, &abort, sizeof abort);
+            ::setsockopt(fd, SOL_SOCKET, SO_LINGER, &abort, sizeof abort);
             return false;
         }
         const std::string_view reply = mode == StormMode::ok
             ? "HTTP/1.1 200 OK\r\nContent-Length: 0\r\nConnection: close\r\n\r\n"
             : "HTTP/1.1 503 Service Unavailable\r\nContent-Length: 0\r\nRetry-After: 1\r\nConnection: close\r\n\r\n";
-        (void)!::send(connection.fd, reply.data(), reply.size(), MSG_NOSIGNAL);
-        ::shutdown(connection.fd, SHUT_WR);
-        return true;  // closed once the client has read the answer and closes its end
+        (void)!::send(fd, reply.data(), reply.size(), MSG_NOSIGNAL);
+        ::shutdown(fd, SHUT_WR);
+        return true;  // closed once the client has read the answer and closed its end
     }
 
-    int listenFd_ = -1, wakeFd_ = -1, port_ = 0;
+    int listenFd_ = -1, port_ = 0;
     std::atomic<StormMode> mode_{StormMode::ok};
     std::atomic<bool> stopping_{false};
     std::vector<Connection> connections_;  // the server thread's
@@ -171,37 +153,35 @@ private:
     std::thread thread_;
 };
 
-// Counts the log lines the scenario follows; everything else is dropped.
+// Follows which submissions were cached, finished resend walks and discards.
 class StormLogWatch final : public platform::LogSink {
 public:
     StormLogWatch() {
-        cachedIds_.resize(kCapacity);  // as the server's arrivals
+        cachedIds_.resize(5000);  // as the server's arrivals
         cachedIds_.clear();
     }
-
     bool isEnabled(platform::LogType type) const override { return type != platform::LogType::debug; }
     void write(const platform::LogRecord& record) override {
         const std::string_view message = record.message;
         std::lock_guard lock(mutex_);
-        if (message.starts_with("Caching request payload: ") && cachedIds_.size() < kCapacity)
+        if (message.starts_with("Caching request payload: ") && cachedIds_.size() < cachedIds_.capacity())
             cachedIds_.push_back(stormIdIn(message));
         walksDone_ += message == "Cached requests successfully resent after regaining network connectivity." ||
                       message == "Cached requests successfully resent.";
         discards_ += message.find("exceeded maximum retries and will be discarded.") != std::string_view::npos;
         changed_.notify_all();
     }
-
     std::vector<std::string> cachedIds() const {
         std::lock_guard lock(mutex_);
         return cachedIds_;
     }
-    int walksDone() const {
-        std::lock_guard lock(mutex_);
-        return walksDone_;
-    }
     int discards() const {
         std::lock_guard lock(mutex_);
         return discards_;
+    }
+    int walksDone() const {
+        std::lock_guard lock(mutex_);
+        return walksDone_;
     }
     bool waitForWalks(int count, std::chrono::milliseconds timeout) const {
         std::unique_lock lock(mutex_);
@@ -209,7 +189,6 @@ public:
     }
 
 private:
-    static constexpr std::size_t kCapacity = 5000;
     mutable std::mutex mutex_;
     mutable std::condition_variable changed_;
     std::vector<std::string> cachedIds_;
@@ -217,16 +196,7 @@ private:
 };
 
 // Under a sanitizer the resident size is mostly shadow memory and freed
-// blocks held back on purpose, so the heap in use is what can show growth;
-// without one it is the resident size.
-inline bool measuresResidentMemory() {
-#ifdef TAVRIN_STORM_SANITIZED
-    return false;
-#else
-    return true;
-#endif
-}
-
+// blocks held back on purpose, so the heap in use is what can show growth.
 inline std::size_t memoryInUse() {
 #ifdef TAVRIN_STORM_SANITIZED
     return __sanitizer_get_current_allocated_bytes();
