@@ -12,7 +12,7 @@
 #include <unistd.h>
 
 #include <chrono>
-#include <condition_variable>
+#include <atomic>
 #include <cstdio>
 #include <cstring>
 #include <exception>
@@ -30,6 +30,7 @@
 #include "tests/reliability/reliability_scale.h"
 #include "tests/support/loopback_server.h"
 #include "tests/support/network_namespace.h"
+#include "tests/support/wait_until.h"
 
 namespace tavrin::testing {
 
@@ -45,27 +46,24 @@ class FutureWatch {
 public:
     struct Call {
         std::string id{}, phase{};  // up to 15 characters: kept inside the strings
-        bool live = false;      // made by the host's own loop, not by the driver
+        bool live = false;          // made by the host's own loop, not by the driver
         FaultClock::time_point started{};
         std::chrono::milliseconds took{-1};  // until the future was ready; -1 while it is not
         std::exception_ptr error{};
     };
-    using Done = std::function<void(const Call&)>;
 
-    // Room for `capacity` calls is made (and touched) now, so watching adds no
-    // memory later.
-    explicit FutureWatch(std::size_t capacity, Done done = {}) : done_(std::move(done)) {
-        calls_.resize(capacity);
+    explicit FutureWatch(std::size_t capacity, std::function<void(const Call&)> done = {}) : done_(std::move(done)) {
+        calls_.resize(capacity);  // touched now, so watching adds no memory later
         calls_.clear();
-        pending_.reserve(capacity);
-        thread_ = std::thread([this] { run(); });
+        thread_ = std::thread([this] {
+            for (; !stopping_; std::this_thread::sleep_for(std::chrono::milliseconds(2))) {
+                std::lock_guard lock(mutex_);
+                std::erase_if(pending_, [&](auto& p) { return std::visit([&](auto& f) { return ended(p.first, f); }, p.second); });
+            }
+        });
     }
     ~FutureWatch() {
-        {
-            std::lock_guard lock(mutex_);
-            stopping_ = true;
-        }
-        changed_.notify_all();
+        stopping_ = true;
         thread_.join();
     }
 
@@ -74,15 +72,14 @@ public:
         std::lock_guard lock(mutex_);
         if (calls_.size() == calls_.capacity()) throw std::length_error("more calls than the watch holds");
         calls_.push_back(std::move(call));
-        pending_.push_back({calls_.size() - 1, std::move(future)});
+        pending_.emplace_back(calls_.size() - 1, std::move(future));
     }
     std::size_t outstanding() const {
         std::lock_guard lock(mutex_);
         return pending_.size();
     }
     bool waitAllDone(std::chrono::milliseconds timeout) const {
-        std::unique_lock lock(mutex_);
-        return changed_.wait_for(lock, timeout, [&] { return pending_.empty(); });
+        return waitUntil([&] { return outstanding() == 0; }, timeout);
     }
     std::vector<Call> calls() const {
         std::lock_guard lock(mutex_);
@@ -90,41 +87,25 @@ public:
     }
 
 private:
-    struct Pending {
-        std::size_t index;
-        std::variant<std::future<void>, std::future<bool>> future;
-    };
-
-    void run() {
-        std::unique_lock lock(mutex_);
-        while (!stopping_) {
-            std::erase_if(pending_, [&](Pending& pending) {
-                return std::visit(
-                    [&](auto& future) {
-                        if (future.wait_for(std::chrono::seconds(0)) != std::future_status::ready) return false;
-                        Call& call = calls_[pending.index];
-                        call.took = std::chrono::duration_cast<std::chrono::milliseconds>(FaultClock::now() - call.started);
-                        try {
-                            future.get();
-                        } catch (...) {
-                            call.error = std::current_exception();
-                        }
-                        if (done_) done_(call);
-                        return true;
-                    },
-                    pending.future);
-            });
-            changed_.notify_all();
-            changed_.wait_for(lock, std::chrono::milliseconds(2), [&] { return stopping_; });
+    template <class T>
+    bool ended(std::size_t index, std::future<T>& future) {
+        if (future.wait_for(std::chrono::seconds(0)) != std::future_status::ready) return false;
+        Call& call = calls_[index];
+        call.took = std::chrono::duration_cast<std::chrono::milliseconds>(FaultClock::now() - call.started);
+        try {
+            future.get();
+        } catch (...) {
+            call.error = std::current_exception();
         }
+        if (done_) done_(call);
+        return true;
     }
 
-    Done done_;
+    std::function<void(const Call&)> done_;
     mutable std::mutex mutex_;
-    mutable std::condition_variable changed_;
     std::vector<Call> calls_;
-    std::vector<Pending> pending_;
-    bool stopping_ = false;
+    std::vector<std::pair<std::size_t, std::variant<std::future<void>, std::future<bool>>>> pending_;
+    std::atomic<bool> stopping_{false};
     std::thread thread_;
 };
 
@@ -181,23 +162,18 @@ struct Deliveries {
 
     explicit Deliveries(const LoopbackServer& server) {
         for (const auto& request : server.requests()) {
-            if (request.path == "/monitor") continue;
             const auto body = platform::parseJson(request.body);
-            const Json* data = body && body->is_object() && body->contains("data") ? &(*body)["data"] : nullptr;
-            if (data && data->contains("consent"))
-                for (const auto& item : (*data)["consent"]["vendors"].items()) ++times[item.key()];
-            else if (data && data->contains("variables") && (*data)["variables"].contains("uid"))
-                ++times[(*data)["variables"]["uid"].get<std::string>()];
+            if (request.path == "/monitor") continue;
+            const Json data = body && body->is_object() ? body->value("data", Json::object()) : Json::object();
+            if (data.contains("consent"))
+                for (const auto& item : data["consent"]["vendors"].items()) ++times[item.key()];
             else
-                ++times["<without id>"];
+                ++times[data.value("variables", Json::object()).value("uid", "<without id>")];
             ++total;
-            resent += body && body->value("app_offline_cached_data", "") == "true";
+            resent += body && body->is_object() && body->value("app_offline_cached_data", "") == "true";
         }
     }
-    int count(const std::string& id) const {
-        const auto found = times.find(id);
-        return found == times.end() ? 0 : found->second;
-    }
+    int count(const std::string& id) const { return times.contains(id) ? times.at(id) : 0; }
     std::vector<std::string> duplicated() const {
         std::vector<std::string> out;
         for (const auto& [id, n] : times)
