@@ -11,7 +11,9 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
+#include <cstdlib>
 #include <atomic>
 #include <cstdio>
 #include <cstring>
@@ -27,7 +29,6 @@
 #include <vector>
 
 #include "tavrin/platform/internal/json.h"
-#include "tests/reliability/reliability_scale.h"
 #include "tests/support/loopback_server.h"
 #include "tests/support/network_namespace.h"
 #include "tests/support/wait_until.h"
@@ -35,6 +36,14 @@
 namespace tavrin::testing {
 
 using FaultClock = std::chrono::steady_clock;
+
+// Rounds and counts of the fault scenarios are multiplied by
+// TAVRIN_RELIABILITY_SCALE (a positive whole number, default 1) for longer runs.
+inline int reliabilityScale() {
+    const char* text = std::getenv("TAVRIN_RELIABILITY_SCALE");
+    return std::max(1, text ? std::atoi(text) : 1);
+}
+inline int scaled(int base) { return base * reliabilityScale(); }
 
 // A call's failure is kept as its exception_ptr for as long as the watch
 // lives. The exception object of a failed send is shared with the HTTP

@@ -1,8 +1,5 @@
 #pragma once
-// Pieces of the server-storm scenario: a server whose behaviour is switched
-// while clients use it, a log sink that keeps only what the scenario counts
-// (so the log does not grow the memory being measured), and memory probes.
-// Submissions carry their id in their body: a data submission a custom
+// Pieces of the server-storm scenario. Submissions carry their id in their body: a data submission a custom
 // property "stormD<number>", a consent report a vendor "stormC<number>" (a
 // data submission may carry the stored vendors too, so its own id wins).
 
@@ -153,46 +150,22 @@ private:
     std::thread thread_;
 };
 
-// Follows which submissions were cached, finished resend walks and discards.
+// Counts finished resend walks and discards; drops everything else, so the
+// log does not grow the memory being measured.
 class StormLogWatch final : public platform::LogSink {
 public:
-    StormLogWatch() {
-        cachedIds_.resize(5000);  // as the server's arrivals
-        cachedIds_.clear();
-    }
     bool isEnabled(platform::LogType type) const override { return type != platform::LogType::debug; }
     void write(const platform::LogRecord& record) override {
         const std::string_view message = record.message;
-        std::lock_guard lock(mutex_);
-        if (message.starts_with("Caching request payload: ") && cachedIds_.size() < cachedIds_.capacity())
-            cachedIds_.push_back(stormIdIn(message));
         walksDone_ += message == "Cached requests successfully resent after regaining network connectivity." ||
                       message == "Cached requests successfully resent.";
         discards_ += message.find("exceeded maximum retries and will be discarded.") != std::string_view::npos;
-        changed_.notify_all();
     }
-    std::vector<std::string> cachedIds() const {
-        std::lock_guard lock(mutex_);
-        return cachedIds_;
-    }
-    int discards() const {
-        std::lock_guard lock(mutex_);
-        return discards_;
-    }
-    int walksDone() const {
-        std::lock_guard lock(mutex_);
-        return walksDone_;
-    }
-    bool waitForWalks(int count, std::chrono::milliseconds timeout) const {
-        std::unique_lock lock(mutex_);
-        return changed_.wait_for(lock, timeout, [&] { return walksDone_ >= count; });
-    }
+    int walksDone() const { return walksDone_; }
+    int discards() const { return discards_; }
 
 private:
-    mutable std::mutex mutex_;
-    mutable std::condition_variable changed_;
-    std::vector<std::string> cachedIds_;
-    int walksDone_ = 0, discards_ = 0;
+    std::atomic<int> walksDone_{0}, discards_{0};
 };
 
 // Under a sanitizer the resident size is mostly shadow memory and freed
