@@ -9,24 +9,11 @@
 
 #include <sched.h>
 #include <sys/syscall.h>
-#include <unistd.h>
 
-#include <algorithm>
-#include <chrono>
-#include <cstdlib>
 #include <atomic>
-#include <cstdio>
-#include <cstring>
-#include <exception>
-#include <functional>
 #include <future>
 #include <map>
-#include <memory>
-#include <mutex>
-#include <string>
-#include <thread>
 #include <variant>
-#include <vector>
 
 #include "tavrin/platform/internal/json.h"
 #include "tests/support/loopback_server.h"
@@ -119,15 +106,13 @@ private:
 };
 
 // The text of a failure, for messages.
-inline std::string describe(const std::exception_ptr& error) {
-    if (!error) return "no error";
-    try {
-        std::rethrow_exception(error);
-    } catch (const std::exception& e) {
-        return e.what();
-    } catch (...) {
-        return "unknown error";
-    }
+inline std::string describe(const std::exception_ptr& error) try {
+    if (error) std::rethrow_exception(error);
+    return "no error";
+} catch (const std::exception& e) {
+    return e.what();
+} catch (...) {
+    return "unknown error";
 }
 
 // client namespace                          server namespace
