@@ -4,6 +4,7 @@
 #include <regex>
 
 #include "tavrin/monitor/internal/tag_cache.h"
+#include "tavrin/platform/key_value_store.h"
 #include "tests/end_to_end/end_to_end_fixture.h"
 #include "tests/support/test_certificates.h"
 
@@ -74,6 +75,8 @@ TEST_F(TavrinServiceEndToEndTest, ConsentReportCarriesTheChangedVendorsOnly) {
 
     const auto reports = consentReports();
     ASSERT_EQ(reports.size(), 3u);
+    EXPECT_EQ(reports[0]["system"]["type"], "sdk-ios");
+    EXPECT_EQ(reports[0]["system"]["initiator"], "tvr_push_submit");
     const auto& first = reports[0]["data"];
     EXPECT_EQ(first["identifier"]["user"]["action"], "new");
     EXPECT_EQ(first["identifier"]["consent"]["action"], "new");
@@ -86,6 +89,10 @@ TEST_F(TavrinServiceEndToEndTest, ConsentReportCarriesTheChangedVendorsOnly) {
     EXPECT_EQ(same["consent"]["vendorsChanged"], PlainJson::object());
     EXPECT_EQ(reports[2]["data"]["consent"]["vendors"], PlainJson::parse(R"({"vendorA":"ncm"})"));
     EXPECT_EQ(reports[2]["data"]["consent"]["vendorsChanged"], PlainJson::parse(R"({"vendorA":"ncm"})"));
+    // The time of the last decision is kept beside it, as sent.
+    const auto lastupdate = platform::KeyValueStore::standard()->value("VendorConsents_lastupdate");
+    ASSERT_TRUE(lastupdate && std::holds_alternative<std::int64_t>(*lastupdate));
+    EXPECT_EQ(std::get<std::int64_t>(*lastupdate), reports[2]["data"]["consent"]["lastupdate"].get<std::int64_t>());
     // The data submission carries the stored decision, without the dropped vendor.
     const auto sent = submissions();
     ASSERT_EQ(sent.size(), 1u);

@@ -24,6 +24,27 @@ Json body(const RecordedRequest& request) { return Json::parse(request.body); }
 
 class ServiceTest : public TransportTest {};
 
+// Records what a send asks of the HTTP client and answers 200 at once.
+class RecordingHttpClient : public platform::HttpClient {
+public:
+    using platform::HttpClient::send;
+    void send(platform::HttpRequest request, Completion completion) override {
+        sent.push_back(std::move(request));
+        completion(platform::HttpResult{platform::HttpResponse{.statusCode = 200, .headers = {}, .body = {}}, nullptr});
+    }
+    std::vector<platform::HttpRequest> sent;
+};
+
+TEST_F(ServiceTest, EachSendGetsThirtySecondsNotTheClientsDefault) {
+    auto recording = std::make_shared<RecordingHttpClient>();
+    platform::HttpClient::setShared(recording);
+    configure(trackConfig("collect.example.com"));
+    Service::shared()->sendDataSubmission(sampleSubmission()).get();
+    Service::shared()->sendConsentSubmission(sampleConsent()).get();
+    ASSERT_EQ(recording->sent.size(), 2u);
+    for (const auto& request : recording->sent) EXPECT_EQ(request.timeoutSeconds, 30);
+}
+
 TEST_F(ServiceTest, PostsTheEncodedRecordToTheDomainRootOverHttpsByDefault) {
     const auto certificates = makeTestCertificates(dir.path(), {"IP:127.0.0.1"});
     LoopbackServer server(certificates.servers[0]);
