@@ -16,7 +16,7 @@ using platform::LogType;
 using testing::CapturingSink;
 using testing::LogCapture;
 
-TEST(LoggerUtilityTest, WritesOnlyMessagesAtOrAboveTheLevelWithWarningsAsErrors) {
+TEST(LoggerUtilityTest, WritesOnlyMessagesAtOrAboveTheLevel) {
     LogCapture capture;
     auto& log = LoggerUtility::shared();
     // Row i is written from level i + 1 down; "none" and the levels above error write nothing.

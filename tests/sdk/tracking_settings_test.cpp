@@ -32,7 +32,7 @@ TEST(TrackConfigTest, EncodesMembersInFieldOrderWithoutAbsentOptionals) {
               R"("enableOfflineTracking":false,"offlineTrackingTimeout":0.25})");
 }
 
-TEST(TrackConfigTest, DecodingRoundTripsAndReadsNullOptionalsAsAbsent) {
+TEST(TrackConfigTest, DecodingReadsNullOptionalsAsAbsent) {
     EXPECT_EQ(decodeJson<TrackConfig>(encodeJsonText(fullConfig())), fullConfig());
     Json doc = encodeJson(minimalConfig());
     for (const char* key : {"version", "debugCode", "sessionTimeoutInSeconds", "customProtocol"}) doc[key] = nullptr;
@@ -87,7 +87,7 @@ TEST_F(TrackingSettingsTest, LoadInstallsWhatAnEarlierLaunchPersisted) {
     EXPECT_EQ(TrackingSettings::shared()->config(), fullConfig("a"));
 }
 
-TEST_F(TrackingSettingsTest, LoadOfNothingReadableWarnsAndKeepsTheInstance) {
+TEST_F(TrackingSettingsTest, LoadOfNothingReadableKeepsTheInstance) {
     TrackingSettings::configure(fullConfig("a"));
     const auto before = TrackingSettings::shared();
     // A text row where data belongs, a record missing members, nothing at all.
@@ -108,7 +108,7 @@ TEST_F(TrackingSettingsTest, LoadOfNothingReadableWarnsAndKeepsTheInstance) {
     }
 }
 
-TEST_F(TrackingSettingsDeathTest, ClearRemovesTheStoredValueAndTheInstance) {
+TEST_F(TrackingSettingsDeathTest, ClearForgetsTheConfiguration) {
     TrackingSettings::configure(fullConfig("a"));
     TrackingSettings::clearConfigFromUserDefaults();
     EXPECT_EQ(openFile()->value(kKey), std::nullopt);
@@ -117,7 +117,7 @@ TEST_F(TrackingSettingsDeathTest, ClearRemovesTheStoredValueAndTheInstance) {
     EXPECT_DEATH(TrackingSettings::shared(), kNotInitialized);
 }
 
-TEST_F(TrackingSettingsDeathTest, SharedBeforeConfigureLogsThenStops) {
+TEST_F(TrackingSettingsDeathTest, SharedBeforeConfigureStopsAfterAnErrorLine) {
     GTEST_FLAG_SET(death_test_style, "threadsafe");
     // The error line (through a stderr sink) comes first, then the stop message.
     platform::SystemLog::setSink(std::make_shared<platform::StderrSink>());

@@ -140,7 +140,7 @@ TEST(JsonCodingTest, ByteBuffersAreBase64InAnyContainer) {
     EXPECT_EQ(encodeJsonText(std::vector<std::int64_t>{1, 2}), "[1,2]");  // other integers stay numbers
 }
 
-TEST(JsonStringifyTest, ReturnsCompactJsonOrTheConversionFailureWithoutALogLine) {
+TEST(JsonStringifyTest, EncodableValueGivesCompactJsonOrTheConversionFailureText) {
     testing::LogCapture capture;
     EXPECT_EQ(jsonString(std::map<std::string, std::vector<std::string>>{{"k", {"caf\xC3\xA9", "a"}}}),
               "{\"k\":[\"caf\xC3\xA9\",\"a\"]}");
@@ -150,7 +150,7 @@ TEST(JsonStringifyTest, ReturnsCompactJsonOrTheConversionFailureWithoutALogLine)
     EXPECT_TRUE(capture.sink->records().empty());
 }
 
-TEST(JsonStringifyTest, EncodingFailureIsReturnedAndLoggedOnce) {
+TEST(JsonStringifyTest, EncodingFailureBecomesTheTextWithOneErrorLine) {
     testing::LogCapture capture;
     const std::string result = jsonString(CV::decimalNumber(std::numeric_limits<double>::infinity()));
     const std::string prefix = "Error: JSON encoding failed. ";

@@ -50,7 +50,7 @@ TEST(DataSubmissionModelTest, EncodesEveryMemberUnderItsWireNameInOrder) {
     EXPECT_EQ(decodeJson<DataSubmissionModel>(kFullText), fullModel());
 }
 
-TEST(DataSubmissionModelTest, AbsentOptionalsAreLeftOutAndEmptyContainersWritten) {
+TEST(DataSubmissionModelTest, OnlyAbsentOptionalMembersAreLeftOut) {
     auto model = fullModel();
     model.configuration.version.reset();
     model.configuration.debugcode.reset();

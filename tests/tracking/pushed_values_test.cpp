@@ -94,7 +94,7 @@ TEST(AnyValueTest, JsonTextMatchesTheJsonLibrarysDumpByteForByte) {
         check("k", integer, integer);
 }
 
-TEST(CustomPropertiesTest, ValuesKeepTheirKindAndArraysOneLevelOfScalars) {
+TEST(CustomPropertiesTest, EachValueKeepsItsKindDownToOneArrayLevel) {
     LogCapture log;
     const AnyValue::Array mixed{1, "a", AnyValue::Array{2, 3}, AnyValue::Dictionary{{"k", "v"}}, 2.5, nullptr,
                                 std::chrono::system_clock::now(), false};

@@ -104,7 +104,7 @@ protected:
     std::shared_ptr<testing::RecordingService> transport = std::make_shared<testing::RecordingService>();
 };
 
-TEST_F(TrackingServiceTest, SharedAfterAResetLogsAndThrowsNotInitialized) {
+TEST_F(TrackingServiceTest, SharedAfterAResetFailsWithNotInitialized) {
     const auto service = start();
     EXPECT_EQ(TrackingService::shared(), service);
     TrackingService::resetInstance();
@@ -149,7 +149,7 @@ TEST_F(TrackingServiceTest, PushAddsATagShowingTheDictionaryAsPushed) {
     EXPECT_GT(tags[0].timestamp, 1'600'000'000'000);
 }
 
-TEST_F(TrackingServiceTest, ProductPushesBuildParallelArraysAndStoreOnlyDeviceFacts) {
+TEST_F(TrackingServiceTest, ProductPushesGoIntoParallelArraysInsteadOfTheirPayload) {
     const auto service = start();
     service->push({{"track", "product"}, {"type", "addtocart"}, {"sku", "A"}, {"price", 1.5}});
     service->push({{"track", "product"}, {"sku", "B"}, {"qty", 2}});
