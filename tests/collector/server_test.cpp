@@ -79,7 +79,7 @@ private:
     pid_t pid_ = -1;
 };
 
-TEST(CollectorServerTest, AnswersBadInputWithAClear4xxAndStoresIt) {
+TEST(CollectorServerTest, AnswersBadInputWithAClear4xx) {
     REQUIRE_COLLECTOR();
     TempDir dir;
     Collector collector({"--port", "0", "--data-dir", dir.path().string(), "--max-body", "300000"});
@@ -109,7 +109,7 @@ TEST(CollectorServerTest, AnswersBadInputWithAClear4xxAndStoresIt) {
     EXPECT_EQ(stored[3]["body"], "{\"version\": ");
 }
 
-TEST(CollectorServerTest, RefusesSubmissionsWithoutTheTokenAndNeverStoresIt) {
+TEST(CollectorServerTest, ChecksTheBearerTokenWithoutStoringIt) {
     REQUIRE_COLLECTOR();
     TempDir dir;
     Collector collector({"--port", "0", "--data-dir", dir.path().string(), "--token", "s3cret-token"});

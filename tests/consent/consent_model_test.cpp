@@ -28,7 +28,7 @@ ConsentModel sampleModel() {
                              .vendorsChanged = {{"vendorB", VendorValue::string("ncm")}}}}};
 }
 
-TEST(ConsentStatusTest, StoredAsItsNameAndSentAsABooleanOrNcm) {
+TEST(ConsentStatusTest, StoredAsItsNameSentAsTrueFalseOrNcm) {
     const VendorConsents decision{{"a", ConsentStatus::allow}, {"b", ConsentStatus::deny}, {"c", ConsentStatus::ncm}};
     EXPECT_EQ(encodeJsonText(decision), R"({"a":"allow","b":"deny","c":"ncm"})");
     EXPECT_EQ(decodeJson<VendorConsents>(encodeJsonText(decision)), decision);

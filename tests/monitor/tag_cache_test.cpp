@@ -41,7 +41,7 @@ protected:
 };
 
 // The start-up ("AI01") and stored-consent ("AC03") tags are kept once, the newest last.
-TEST_F(TagCacheTest, StartUpAndStoredConsentTagsAreReplacedOthersAccumulate) {
+TEST_F(TagCacheTest, StartUpTagsAreReplacedWhileOthersAccumulate) {
     add({{"AI01", "init 1"}, {"AC03", "consent 1"}, {"AD01", "push 1"}, {"AC04", "c4"}, {"AI01", "init 2"},
          {"AD01", "push 2"}, {"AC03", "consent 2"}, {"AC04", "c4"}});
     EXPECT_EQ(names(), (std::vector<std::string>{"push 1", "c4", "init 2", "push 2", "consent 2", "c4"}));
@@ -96,7 +96,6 @@ TEST_F(TagCacheTest, NonFiniteNumbersAreDroppedOnTheWayIn) {
     EXPECT_TRUE(stored[0].trigger.conditions == (Tag::Array{AnyCodable(1.5), AnyCodable(Tag::Array{"x"})}));
     EXPECT_TRUE(stored[0].functions.empty());
 }
-
 
 class MemoryCacheUtilityTest : public ::testing::Test {
 protected:

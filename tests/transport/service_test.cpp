@@ -97,7 +97,7 @@ TEST_F(ServiceTest, DomainThatIsNoUrlFailsBeforeCachingOrSending) {
 }
 
 // The server tells a live send from a resend by where the marker is.
-TEST_F(ServiceTest, LiveSendMarksTheVariablesAndResendMarksTheTopLevel) {
+TEST_F(ServiceTest, OfflineMarkerTellsAResendFromALiveSend) {
     LoopbackServer server;
     monitorPath(platform::PathStatus::satisfied);
     configure(trackConfig(hostPort(server.port())));
