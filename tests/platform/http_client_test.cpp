@@ -63,6 +63,12 @@ TEST(CurlHttpClientTest, ReportsTheFinalStatusWithItsOwnFields) {
     EXPECT_EQ(answered.headers, (HttpHeaders{{"X-Final", "2"}, {"Content-Length", "2"}}));
 }
 
+// Not taken for an answer that ended after its interim status.
+TEST(CurlHttpClientTest, FinalAnswerCutShortAfterAnInterimStatusIsAFailure) {
+    RawTcpServer cutShort("HTTP/1.1 199 Odd\r\n\r\nHTTP/1.1 200 OK\r\nContent-Length: 10\r\n\r\nok");
+    EXPECT_EQ(awaitError(CurlHttpClient().get(cutShort.baseUrl() + "/")).code(), UrlError::Code::networkConnectionLost);
+}
+
 TEST(CurlHttpClientTest, HeadersAndBodyBytesTravelExactly) {
     LoopbackServer server;
     const std::string answer("\x00\x01binary\xff\x80 tail", 14);

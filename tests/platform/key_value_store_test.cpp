@@ -132,9 +132,11 @@ TEST_F(SqliteKeyValueStoreTest, UnusableFileIsMovedAsideAndReplaced) {
         SqliteKeyValueStore store(file);
         for (int i = 0; i < 40; ++i) ASSERT_TRUE(store.setData("k" + std::to_string(i), Bytes(1500, 0x5a)));
     }
-    std::string damaged = readFile(file);  // interior pages clobbered, header intact
+    // SQLite header intact: interior pages clobbered, or the schema on the first page.
+    std::string damaged = readFile(file), noSchema = damaged;
     ASSERT_GT(damaged.size(), 40000u);
     for (std::size_t i = 8192; i < 24576; ++i) damaged[i] = static_cast<char>(i * 31);
+    for (std::size_t i = 100; i < 1000; ++i) noSchema[i] = static_cast<char>(i * 31);
     std::string foreign;
     {
         TempDir other;
@@ -144,8 +146,9 @@ TEST_F(SqliteKeyValueStoreTest, UnusableFileIsMovedAsideAndReplaced) {
         foreign = readFile(other / "shop.db");
     }
 
-    for (const auto& [what, original] : std::map<std::string, std::string>{
-             {"text", "user=alice\nconsent=allow\n"}, {"damaged", damaged}, {"foreign", foreign}}) {
+    const std::map<std::string, std::string> files = {
+        {"text", "user=alice\nconsent=allow\n"}, {"damaged", damaged}, {"no schema", noSchema}, {"foreign", foreign}};
+    for (const auto& [what, original] : files) {
         SCOPED_TRACE(what);
         TempDir place;
         const auto path = place / "tavrin.sqlite";
