@@ -18,15 +18,25 @@ bool isUuid(const PlainJson& value, bool upper) {
     return value.is_string() && std::regex_match(value.get<std::string>(), upper ? upperCase : lowerCase);
 }
 
-// How a future ended: the exception it carried, kept alive by the caller.
+// How a future ended: the exception it carried, kept alive by the caller
+// while it is read (the HTTP client's thread may hold the last other copy).
 template <class T>
-std::exception_ptr failureOf(std::future<T> future) {
-    try {
-        future.get();
-    } catch (...) {
-        return std::current_exception();
-    }
+std::exception_ptr failureOf(std::future<T> future) try {
+    future.get();
     return nullptr;
+} catch (...) {
+    return std::current_exception();
+}
+
+template <class E>
+bool isError(const std::exception_ptr& error, typename E::Code code) {
+    try {
+        if (error) std::rethrow_exception(error);
+    } catch (const E& e) {
+        return e.code() == code;
+    } catch (...) {
+    }
+    return false;
 }
 
 using TavrinServiceEndToEndTest = EndToEndTest;
@@ -98,7 +108,8 @@ TEST_F(TavrinServiceEndToEndTest, EnrichmentIsSentUntilASubmissionSucceeds) {
     auto tracking = start(trackConfig(hostPort(server.port()), "http", /*offline=*/false));
     tracking->addCustomEnrichment("geo", {{"city", CodableValue::string("Berlin")}}, {"region"});
     server.respondWith({.status = 500, .headers = {}, .body = ""});
-    EXPECT_TRUE(failureOf(tracking->submit()));
+    const auto failed = failureOf(tracking->submit());
+    EXPECT_TRUE(isError<Service::ServiceError>(failed, Service::ServiceError::Code::invalidResponse));
     server.respondWith({.status = 200, .headers = {}, .body = ""});
     tracking->submit().get();
     tracking->submit().get();
@@ -114,7 +125,8 @@ TEST_F(TavrinServiceEndToEndTest, EnrichmentIsSentUntilASubmissionSucceeds) {
 TEST_F(TavrinServiceEndToEndTest, ConsentDecisionIsStoredEvenWhenItsReportFails) {
     auto tracking = start(trackConfig(hostPort(server.port()), "http", /*offline=*/false));
     server.respondWith({.status = 500, .headers = {}, .body = ""});
-    EXPECT_TRUE(failureOf(tracking->setConsents({{"vendorA", ConsentStatus::allow}})));
+    const auto failed = failureOf(tracking->setConsents({{"vendorA", ConsentStatus::allow}}));
+    EXPECT_TRUE(isError<TrackingServiceError>(failed, TrackingServiceError::Code::submissionFailed));
     server.respondWith({.status = 200, .headers = {}, .body = ""});
     EXPECT_TRUE(tracking->setConsents({{"vendorA", ConsentStatus::allow}}).get());
     const auto reports = consentReports();
