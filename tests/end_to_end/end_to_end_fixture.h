@@ -17,23 +17,20 @@ using PlainJson = Json;
 
 class EndToEndTest : public ::testing::Test {
 protected:
-    void SetUp() override { useDirectory(dir.path().string()); }
-
-    void TearDown() override {
-        TavrinService::shutdown(5s);
-        platform::PathMonitor::setFactory({});
-        platform::KeyValueStore::setStandard(nullptr);
-        platform::KeyValueStore::setDataDirectory(std::nullopt);
-    }
-
-    static void useDirectory(const std::string& directory) {
-        platform::KeyValueStore::setDataDirectory(directory);
+    void SetUp() override {
+        platform::KeyValueStore::setDataDirectory(dir.path().string());
         platform::KeyValueStore::setStandard(nullptr);
         UserDefaultsUtility::resetCacheForTesting();
         // A fresh monitor per manager: a monitor keeps the queue it started on.
         platform::PathMonitor::setFactory([]() -> std::shared_ptr<platform::PathMonitor> {
             return std::make_shared<ScriptedPathMonitor>(platform::PathStatus::satisfied);
         });
+    }
+    void TearDown() override {
+        TavrinService::shutdown(5s);
+        platform::PathMonitor::setFactory({});
+        platform::KeyValueStore::setStandard(nullptr);
+        platform::KeyValueStore::setDataDirectory(std::nullopt);
     }
 
     std::shared_ptr<TrackingService> start(const TrackConfig& config) {
