@@ -209,7 +209,7 @@ TEST_F(TrackingServiceTest, PushesStillQueuedWhenTheServiceIsDroppedAreDiscarded
     release.set_value();
 
     // The push under way completes; the waiting one finds its service gone.
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(5);
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(30);
     while (MemoryCacheUtility::shared().getPushPayloads().empty() && std::chrono::steady_clock::now() < deadline)
         std::this_thread::sleep_for(std::chrono::milliseconds(1));
     std::this_thread::sleep_for(std::chrono::milliseconds(100));
