@@ -12,8 +12,8 @@ std::shared_ptr<platform::KeyValueStore> store() { return platform::KeyValueStor
 }  // namespace
 
 platform::ObjectCache& UserDefaultsUtility::readCache() {
-    static platform::ObjectCache cache;
-    return cache;
+    static auto* cache = new platform::ObjectCache();
+    return *cache;
 }
 
 std::mutex& UserDefaultsUtility::storeMutex() {

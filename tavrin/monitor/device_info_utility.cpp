@@ -17,8 +17,8 @@ struct State {
 };
 
 State& state() {
-    static State s;
-    return s;
+    static auto* s = new State();
+    return *s;
 }
 
 std::string orUnknown(std::optional<std::string> value) { return value ? std::move(*value) : std::string(unknown); }

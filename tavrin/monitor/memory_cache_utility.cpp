@@ -8,8 +8,8 @@ namespace tavrin {
 MemoryCacheUtility::MemoryCacheUtility() : queue_("com.tavrin.cache") {}
 
 MemoryCacheUtility& MemoryCacheUtility::shared() {
-    static MemoryCacheUtility instance;
-    return instance;
+    static auto* instance = new MemoryCacheUtility();
+    return *instance;
 }
 
 void MemoryCacheUtility::resetShared() {

@@ -19,8 +19,8 @@ constexpr double kMonitorTimeoutSeconds = 60;
 using detail::describe;
 
 detail::SharedInstance<MonitorService>& sharedSlot() {
-    static detail::SharedInstance<MonitorService> slot;
-    return slot;
+    static auto* slot = new detail::SharedInstance<MonitorService>();
+    return *slot;
 }
 
 }  // namespace

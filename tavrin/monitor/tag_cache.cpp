@@ -60,8 +60,8 @@ std::vector<Tag> TagList::tags() const {
 TagCache::TagCache() : cache_(&MemoryCacheUtility::shared()) {}
 
 TagCache& TagCache::shared() {
-    static TagCache instance;
-    return instance;
+    static auto* instance = new TagCache();
+    return *instance;
 }
 
 void TagCache::addOrReplace(Tag tag) {

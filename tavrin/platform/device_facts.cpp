@@ -25,8 +25,8 @@ struct HostFacts {
 };
 
 HostFacts& host() {
-    static HostFacts h;
-    return h;
+    static auto* h = new HostFacts();
+    return *h;
 }
 
 std::string trim(std::string_view s) {
@@ -214,8 +214,8 @@ std::optional<std::string> readExecutableName() {
 
 std::optional<std::string> DeviceFacts::executableName() {
     // The running program's file does not change: read once.
-    static const std::optional<std::string> name = readExecutableName();
-    return name;
+    static const auto* name = new std::optional<std::string>(readExecutableName());
+    return *name;
 }
 
 LocaleCodes DeviceFacts::parseLocale(std::string_view name) {

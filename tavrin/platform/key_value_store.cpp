@@ -27,8 +27,8 @@ struct StandardState {
 };
 
 StandardState& standardState() {
-    static StandardState state;
-    return state;
+    static auto* state = new StandardState();
+    return *state;
 }
 
 std::optional<std::string> executableName() {

@@ -6,8 +6,8 @@
 namespace tavrin::platform {
 
 NotificationCenter& NotificationCenter::defaultCenter() {
-    static NotificationCenter center;
-    return center;
+    static auto* center = new NotificationCenter();
+    return *center;
 }
 
 NotificationCenter::Token NotificationCenter::addObserver(const std::string& name, Handler handler) {

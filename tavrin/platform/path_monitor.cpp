@@ -113,8 +113,8 @@ struct FactoryHolder {
 };
 
 FactoryHolder& factoryHolder() {
-    static FactoryHolder holder;
-    return holder;
+    static auto* holder = new FactoryHolder();
+    return *holder;
 }
 
 }  // namespace

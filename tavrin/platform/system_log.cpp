@@ -55,8 +55,8 @@ std::string header(LogType type) {
 }
 
 std::shared_ptr<LogSink>& sinkSlot() {
-    static std::shared_ptr<LogSink> slot = std::make_shared<SyslogSink>();
-    return slot;
+    static auto* slot = new std::shared_ptr<LogSink>(std::make_shared<SyslogSink>());
+    return *slot;
 }
 
 std::mutex& sinkMutex() {

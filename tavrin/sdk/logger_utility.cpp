@@ -29,9 +29,8 @@ const platform::SystemLog* handleForCurrentSubsystem() {
 LoggerUtility::LoggerUtility(const platform::SystemLog* logger) : logger_(logger) {}
 
 LoggerUtility& LoggerUtility::shared() {
-    // Function-local static: created once, thread-safely, and kept for the process.
-    static LoggerUtility instance(handleForCurrentSubsystem());
-    return instance;
+    static auto* instance = new LoggerUtility(handleForCurrentSubsystem());
+    return *instance;
 }
 
 void LoggerUtility::resetShared() {

@@ -60,12 +60,13 @@ void releaseAfterFork() {
     platform::processLock().unlock();
 }
 
-// A host may return from main with submissions in flight. Their blocks use
-// the shared objects (logger, tag and memory caches, session state, the
-// shared slots), which are function-local statics destroyed at exit in the
-// reverse order of their construction. Constructing them all here, before
-// the exit handler is registered, makes the handler run while they are all
-// still alive: it drains the work and stops every thread first.
+// A host may return from main with submissions in flight. The handler gives
+// them a grace period, then stops the HTTP client. Work that
+// outlasts it (a completion still writing its request to the cache on a busy
+// machine) runs on while exit destroys statics, which is why every shared
+// object it may reach is created on the heap and never destroyed. Creating
+// them here, before the handler is registered, also means nothing the
+// handler uses is built during exit.
 void registerExitHandler() {
     static std::once_flag once;
     std::call_once(once, [] {

@@ -21,8 +21,8 @@ struct Slot {
 };
 
 Slot& slot() {
-    static Slot s;
-    return s;
+    static auto* s = new Slot();
+    return *s;
 }
 
 void install(std::shared_ptr<TrackingSettings> instance) {

@@ -48,8 +48,8 @@ struct SessionState {
 };
 
 SessionState& state() {
-    static SessionState s;
-    return s;
+    static auto* s = new SessionState();
+    return *s;
 }
 
 // Caller holds the mutex.

@@ -49,8 +49,8 @@ struct Slot {
 };
 
 Slot& slot() {
-    static Slot s;
-    return s;
+    static auto* s = new Slot();
+    return *s;
 }
 
 // Numbers the pushes of the whole process. Atomic although pushes are

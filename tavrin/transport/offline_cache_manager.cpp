@@ -27,8 +27,8 @@ LoggerUtility& log() { return LoggerUtility::shared(); }
 using detail::describe;
 
 detail::SharedInstance<OfflineCacheManager>& sharedSlot() {
-    static detail::SharedInstance<OfflineCacheManager> slot;
-    return slot;
+    static auto* slot = new detail::SharedInstance<OfflineCacheManager>();
+    return *slot;
 }
 
 }  // namespace

@@ -60,8 +60,8 @@ void complete(const ServiceProtocol::Completion& completion, std::exception_ptr 
 }
 
 detail::SharedInstance<Service>& sharedSlot() {
-    static detail::SharedInstance<Service> slot;
-    return slot;
+    static auto* slot = new detail::SharedInstance<Service>();
+    return *slot;
 }
 
 }  // namespace

@@ -88,7 +88,7 @@ unsigned modeOf(const std::string& path) {
     return ::stat(path.c_str(), &info) == 0 ? info.st_mode & 0777 : 0;
 }
 
-TEST(CollectorHardening, RefusesWhatItCannotBoundOrTrustAndKeepsItsDataPrivate) {
+TEST(CollectorHardeningTest, RefusesWhatItCannotBoundOrTrustAndKeepsItsDataPrivate) {
     if (std::string(TAVRIN_COLLECTOR_BIN).empty()) GTEST_SKIP() << "tavrin-collector was not built";
     tavrin::testing::TempDir dir;
     const std::string data = (dir / "data").string();
@@ -143,7 +143,7 @@ TEST(CollectorHardening, RefusesWhatItCannotBoundOrTrustAndKeepsItsDataPrivate) 
     EXPECT_EQ(nlohmann::json::parse(collector.send(list).second).size(), 1000u);
 }
 
-TEST(CollectorHardening, RefusesADataDirectoryOthersCanOpen) {
+TEST(CollectorHardeningTest, RefusesADataDirectoryOthersCanOpen) {
     if (std::string(TAVRIN_COLLECTOR_BIN).empty()) GTEST_SKIP() << "tavrin-collector was not built";
     tavrin::testing::TempDir dir;
     const auto shared = dir / "shared";
