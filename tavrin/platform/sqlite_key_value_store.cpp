@@ -1,7 +1,10 @@
 #include "tavrin/platform/internal/sqlite_key_value_store.h"
 
+#include <grp.h>
+#include <pwd.h>
 #include <sqlite3.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <cctype>
 #include <cerrno>
@@ -81,6 +84,63 @@ std::optional<std::string> makeDirectories(const std::filesystem::path& director
     if (!std::filesystem::is_directory(directory, ec))
         return "cannot create directory " + directory.string() + ": a file of that name is in the way";
     return std::nullopt;
+}
+
+// Whether `group` is the user's own private group: named after the user, with
+// no member listed (a user's primary group needs no listing).
+bool isPrivateGroup(gid_t group) {
+    const long size = std::max(sysconf(_SC_GETPW_R_SIZE_MAX), sysconf(_SC_GETGR_R_SIZE_MAX));
+    std::vector<char> userBuffer(size > 0 ? static_cast<std::size_t>(size) : 16384), groupBuffer(userBuffer.size());
+    passwd user{};
+    passwd* foundUser = nullptr;
+    ::group entry{};
+    ::group* foundGroup = nullptr;
+    if (getpwuid_r(::geteuid(), &user, userBuffer.data(), userBuffer.size(), &foundUser) != 0 || !foundUser ||
+        getgrgid_r(group, &entry, groupBuffer.data(), groupBuffer.size(), &foundGroup) != 0 || !foundGroup)
+        return false;
+    const bool noOtherMember = !foundGroup->gr_mem || !foundGroup->gr_mem[0] ||
+                               (std::strcmp(foundGroup->gr_mem[0], foundUser->pw_name) == 0 && !foundGroup->gr_mem[1]);
+    return std::strcmp(foundGroup->gr_name, foundUser->pw_name) == 0 && noOtherMember;
+}
+
+// Why the location of `file` must not be used, or nothing: anyone but the
+// user who could write the directory or own the files could read the stored
+// values or plant some that the SDK would then trust and send.
+std::optional<std::string> unsafeLocation(const std::filesystem::path& file) {
+    const std::filesystem::path directory = file.has_parent_path() ? file.parent_path() : ".";
+    struct stat info {};
+    if (::lstat(directory.c_str(), &info) != 0)
+        return "cannot inspect the directory " + directory.string() + ": " + std::strerror(errno);
+    const std::string where = "the directory " + directory.string();
+    if (S_ISLNK(info.st_mode)) return where + " is a symbolic link";
+    if (!S_ISDIR(info.st_mode)) return where + " is not a directory";
+    if (info.st_uid != ::geteuid()) return where + " is owned by another user (uid " + std::to_string(info.st_uid) + ")";
+    if (info.st_mode & S_IWOTH) return where + " is writable by other users";
+    if ((info.st_mode & S_IWGRP) && !isPrivateGroup(info.st_gid)) return where + " is writable by its group";
+    for (const char* suffix : {"", "-wal", "-shm", "-journal"}) {
+        const std::string path = file.string() + suffix;
+        if (::lstat(path.c_str(), &info) != 0) continue;  // not there yet
+        if (S_ISLNK(info.st_mode)) return "the file " + path + " is a symbolic link";
+        if (!S_ISREG(info.st_mode)) return "the file " + path + " is not a regular file";
+        if (info.st_uid != ::geteuid())
+            return "the file " + path + " is owned by another user (uid " + std::to_string(info.st_uid) + ")";
+    }
+    return std::nullopt;
+}
+
+// Takes away what others may do with the database and its journal files: a
+// new file, or one an earlier version left readable (SQLite gives its journal
+// files the database's mode when it creates them). Runs right after the
+// opening, before anything is written. By path, not by opening the file,
+// which would drop this process's locks on it when closed.
+void keepPrivate(const std::filesystem::path& file) {
+    for (const char* suffix : {"", "-wal", "-shm"}) {
+        const std::string path = file.string() + suffix;
+        struct stat info {};
+        if (::lstat(path.c_str(), &info) == 0 && S_ISREG(info.st_mode) && info.st_uid == ::geteuid() &&
+            (info.st_mode & 077) != 0)
+            (void)::chmod(path.c_str(), info.st_mode & 0700);
+    }
 }
 
 // A file that has content but not the database header is someone else's:
@@ -215,7 +275,8 @@ SqliteKeyValueStore::Outcome SqliteKeyValueStore::openAt(Access access, Deadline
     const bool inMemory = access == Access::memory;
     const bool readOnly = access == Access::readOnly || access == Access::immutable;
     std::string location = path_.string();
-    int flags = SQLITE_OPEN_NOMUTEX;  // our own mutex serialises every use
+    // Our own mutex serialises every use; a symbolic link is never followed.
+    int flags = SQLITE_OPEN_NOMUTEX | (inMemory ? 0 : SQLITE_OPEN_NOFOLLOW);
     if (inMemory) {
         location = ":memory:";
         flags |= SQLITE_OPEN_READWRITE;
@@ -236,6 +297,7 @@ SqliteKeyValueStore::Outcome SqliteKeyValueStore::openAt(Access access, Deadline
         return failure;
     }
     sqlite3_extended_result_codes(db_, 1);
+    if (access == Access::readWrite) keepPrivate(path_);
 
     // Reading the header and every page catches a file that is not a database
     // or is damaged now, rather than on some later write; the shape is checked
@@ -245,6 +307,9 @@ SqliteKeyValueStore::Outcome SqliteKeyValueStore::openAt(Access access, Deadline
     if (!failure && !inMemory) failure = checkShape(deadline);
     if (!failure && !readOnly) failure = execute("PRAGMA journal_mode = WAL", deadline);
     if (!failure && !readOnly) failure = execute("PRAGMA synchronous = FULL", deadline);
+    // What is overwritten or removed (an old value, a sent request) does not
+    // linger in the file's free space.
+    if (!failure) failure = execute("PRAGMA secure_delete = ON", deadline);
     if (!failure && !readOnly) failure = execute(kCreateTable, deadline);
     if (!failure && options_.readOnly && inMemory) failure = execute("PRAGMA query_only = ON", deadline);
     if (!failure) failure = prepareStatements(deadline);
@@ -336,6 +401,10 @@ void SqliteKeyValueStore::open() {
     const Deadline deadline = SteadyClock::now() + std::chrono::milliseconds(options_.busyTimeoutMilliseconds);
     if (auto failure = makeDirectories(path_.parent_path())) {
         openInMemory(*failure);
+        return;
+    }
+    if (auto unsafe = unsafeLocation(path_)) {
+        openInMemory(*unsafe);
         return;
     }
     Outcome failure;

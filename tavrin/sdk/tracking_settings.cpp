@@ -49,8 +49,12 @@ std::shared_ptr<TrackingSettings> TrackingSettings::shared() {
 
 void TrackingSettings::configure(const TrackConfig& config) {
     install(std::make_shared<TrackingSettings>(config));
-    // A failed save logs its own line; the configuration is in place regardless.
-    UserDefaultsUtility::save(config, userDefaultsKey);
+    // The token is a secret and never stored: the saved configuration has an
+    // empty one (and replaces one an earlier version stored with it). A failed
+    // save logs its own line; the configuration is in place regardless.
+    TrackConfig stored = config;
+    stored.authorizationToken.clear();
+    UserDefaultsUtility::save(stored, userDefaultsKey);
     LoggerUtility::shared().info("TrackConfig saved to UserDefaults.");
     LoggerUtility::shared().info("TrackingSettings configured successfully.");
 }

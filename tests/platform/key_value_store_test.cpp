@@ -10,6 +10,9 @@
 
 #include <csignal>
 #include <fstream>
+#include <functional>
+#include <iostream>
+#include <tuple>
 #include <map>
 #include <sstream>
 #include <thread>
@@ -217,6 +220,75 @@ TEST_F(SqliteKeyValueStoreTest, UnwritableLocationFailsWritesAndTheProcessGoesOn
         });
         if (report == "skip") GTEST_SKIP() << "no private mount namespace (needs root or CAP_SYS_ADMIN)";
         EXPECT_EQ(report, "stopped=1 logged=1 id=kept earlier=1") << (fullDisk ? "full disk" : "read-only mount");
+    }
+}
+
+unsigned modeOf(const fs::path& path) {
+    struct stat info {};
+    return ::lstat(path.c_str(), &info) == 0 ? info.st_mode & 07777 : 0;
+}
+
+// The file and its journals are for the user alone, also one an earlier version left readable.
+TEST_F(SqliteKeyValueStoreTest, FilesAreKeptPrivate) {
+    {
+        SqliteKeyValueStore store(file);
+        ASSERT_TRUE(store.setString("k", "v"));
+        for (const char* suffix : {"", "-wal", "-shm"}) EXPECT_EQ(modeOf(file.string() + suffix), 0600u) << suffix;
+    }
+    ASSERT_EQ(::chmod(file.c_str(), 0644), 0);
+    SqliteKeyValueStore reopened(file);
+    EXPECT_EQ(reopened.string("k"), "v");
+    EXPECT_EQ(modeOf(file), 0600u);
+}
+
+// Where someone else could read the values or plant some for the SDK to trust
+// and send, the store keeps its values in memory for the run instead.
+TEST_F(SqliteKeyValueStoreTest, LocationOthersControlIsRefused) {
+    // Each prepares `data` (holding a store with "k" = "planted") and may change the path to open.
+    const std::vector<std::tuple<const char*, std::function<bool(const fs::path&, fs::path&)>, const char*>> cases{
+        {"directory is a symbolic link",
+         [](const fs::path& data, fs::path& open) {
+             fs::create_directory_symlink(data, data.string() + "-link");
+             open = fs::path(data.string() + "-link") / open.filename();
+             return true;
+         },
+         "is a symbolic link"},
+        {"directory writable by others", [](const fs::path& data, fs::path&) { return ::chmod(data.c_str(), 0703) == 0; },
+         "writable by other users"},
+        {"directory writable by another group",
+         [](const fs::path& data, fs::path&) { return ::chown(data.c_str(), -1, 65534) == 0 && ::chmod(data.c_str(), 0770) == 0; },
+         "writable by its group"},
+        {"directory owned by another user",
+         [](const fs::path& data, fs::path&) { return ::chown(data.c_str(), 65534, 65534) == 0; }, "owned by another user"},
+        {"database file is a symbolic link",
+         [](const fs::path& data, fs::path& open) {
+             fs::rename(open, data / "elsewhere.sqlite");
+             fs::create_symlink(data / "elsewhere.sqlite", open);
+             return true;
+         },
+         "is a symbolic link"},
+        {"database file owned by another user",
+         [](const fs::path&, fs::path& open) { return ::chown(open.c_str(), 65534, 65534) == 0; }, "owned by another user"},
+    };
+    int index = 0;
+    for (const auto& [name, prepare, logged] : cases) {
+        SCOPED_TRACE(name);
+        const fs::path data = dir / std::to_string(++index) / "data";
+        fs::path open = data / "tavrin.sqlite";
+        ASSERT_TRUE(SqliteKeyValueStore(open).setString("k", "planted"));
+        if (!prepare(data, open)) {
+            ASSERT_NE(::geteuid(), 0u) << std::strerror(errno);
+            std::cout << name << ": skipped, only root can give files away\n";
+            continue;
+        }
+        LogCapture log;
+        SqliteKeyValueStore store(open);
+        EXPECT_FALSE(store.isPersistent());
+        EXPECT_EQ(store.string("k"), std::nullopt) << "read what someone else could have planted";
+        EXPECT_FALSE(store.setString("k", "mine"));  // kept for this run only
+        EXPECT_EQ(store.string("k"), "mine");
+        EXPECT_TRUE(loggedError(log, logged));
+        EXPECT_TRUE(loggedError(log, "kept in memory for this run only"));
     }
 }
 

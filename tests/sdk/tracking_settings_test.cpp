@@ -4,6 +4,8 @@
 #include <gtest/gtest.h>
 
 #include <cmath>
+#include <fstream>
+#include <iterator>
 #include <functional>
 #include <tuple>
 #include <vector>
@@ -68,10 +70,28 @@ TEST(TrackConfigTest, WrongValueFailsAtTheFirstBadKeyInFieldOrder) {
 using TrackingSettingsTest = testing::StoreTest;
 using TrackingSettingsDeathTest = testing::StoreTest;
 
-TEST_F(TrackingSettingsTest, ConfigurePersistsTheConfiguration) {
-    TrackingSettings::configure(fullConfig("a"));
-    EXPECT_EQ(platform::toString(openFile()->data(kKey).value_or(Bytes{})), encodeJsonText(fullConfig("a")));
-    EXPECT_EQ(TrackingSettings::shared()->config(), fullConfig("a"));
+TrackConfig withoutToken(TrackConfig config) {
+    config.authorizationToken.clear();
+    return config;
+}
+
+// The token is a secret: what is stored is the configuration without it, and a
+// value an earlier version stored with it is replaced, to the last byte of the files.
+TEST_F(TrackingSettingsTest, ConfigurePersistsTheConfigurationWithoutItsToken) {
+    auto config = fullConfig("a");
+    config.authorizationToken = "earlier-secret-token";
+    UserDefaultsUtility::save(config, TrackingSettings::userDefaultsKey);  // as earlier versions stored it
+    config.authorizationToken = "current-secret-token";
+    TrackingSettings::configure(config);
+    EXPECT_EQ(platform::toString(openFile()->data(kKey).value_or(Bytes{})), encodeJsonText(withoutToken(config)));
+    EXPECT_EQ(TrackingSettings::shared()->config(), config);
+
+    forgetProcessState();  // closes the store, its journal folded into the file
+    for (const auto& entry : std::filesystem::directory_iterator(dir.path())) {
+        std::ifstream file(entry.path(), std::ios::binary);
+        EXPECT_EQ(std::string(std::istreambuf_iterator<char>(file), {}).find("secret-token"), std::string::npos)
+            << entry.path();
+    }
 }
 
 TEST_F(TrackingSettingsTest, ConfigurationThatCannotBeSavedIsStillInstalled) {
@@ -84,7 +104,7 @@ TEST_F(TrackingSettingsTest, LoadInstallsWhatAnEarlierLaunchPersisted) {
     TrackingSettings::configure(fullConfig("a"));
     forgetProcessState();
     TrackingSettings::loadConfigFromUserDefaults();
-    EXPECT_EQ(TrackingSettings::shared()->config(), fullConfig("a"));
+    EXPECT_EQ(TrackingSettings::shared()->config(), withoutToken(fullConfig("a")));  // configure gives the token
 }
 
 TEST_F(TrackingSettingsTest, LoadOfNothingReadableKeepsTheInstance) {

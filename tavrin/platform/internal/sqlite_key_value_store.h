@@ -13,7 +13,13 @@
 // - a file that exists but cannot be written (read-only file system, no write
 //   access, locked by another connection for longer than the wait) is opened
 //   read-only: stored values stay readable, writes fail;
-// - a location that cannot be used at all gives an in-memory store for this run.
+// - a location that cannot be used at all gives an in-memory store for this run,
+//   and so does one someone else could read or plant values in: a directory
+//   that is a symbolic link, belongs to another user, or is writable by others
+//   (or by a group other than the user's own private group), and a database
+//   or journal file that is a symbolic link or belongs to another user.
+// Missing directories are created 0700, the database file is kept 0600 (its
+// journal files follow it), and symbolic links are never followed.
 // A store that cannot write durably says so: isPersistent() and synchronize()
 // are false.
 

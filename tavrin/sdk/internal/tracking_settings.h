@@ -24,10 +24,12 @@ public:
     // The shared instance (logged at debug). Without one: error log, then a
     // fatal stop naming configure.
     static std::shared_ptr<TrackingSettings> shared();
-    // Installs a new shared instance holding `config`, then persists it.
+    // Installs a new shared instance holding `config`, then persists it
+    // without the authorization token, which is never stored.
     static void configure(const TrackConfig& config);
-    // Installs the persisted configuration when one decodes; otherwise warns
-    // and leaves the shared instance as it is.
+    // Installs the persisted configuration when one decodes (with an empty
+    // token: configure gives it again); otherwise warns and leaves the shared
+    // instance as it is.
     static void loadConfigFromUserDefaults();
     // Removes the persisted configuration and empties the shared slot.
     static void clearConfigFromUserDefaults();
