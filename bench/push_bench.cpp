@@ -4,7 +4,10 @@
 #include <algorithm>
 #include <chrono>
 #include <cstdlib>
+#include <cstring>
 #include <filesystem>
+#include <fstream>
+#include <string>
 #include <memory>
 #include <vector>
 
@@ -181,5 +184,34 @@ void BM_PushThroughQueue(benchmark::State& state) {
     state.SetItemsProcessed(state.iterations() * kBatch);
 }
 BENCHMARK(BM_PushThroughQueue)->UseRealTime()->Unit(benchmark::kMillisecond);
+
+
+// Kilobytes of /proc/self/status's `field` ("VmRSS", "VmHWM").
+long statusKb(const char* field) {
+    std::ifstream status("/proc/self/status");
+    for (std::string line; std::getline(status, line);)
+        if (line.rfind(field, 0) == 0) return std::atol(line.c_str() + std::strlen(field) + 1);
+    return -1;
+}
+
+// A host that pushes 200,000 times 1 KB and never submits: the push limits
+// bound what waits and what is kept. rss_growth_MB is the peak resident size
+// during the run over the size before it (budget: under 64 MB).
+void BM_PushWithoutSubmitMemory(benchmark::State& state) {
+    const auto s = service();
+    drainStores(*s);
+    const std::string kilobyte(1000, 'k');
+    for (auto _ : state) {
+        std::ofstream("/proc/self/clear_refs") << "5";  // the peak starts from here
+        const long before = statusKb("VmRSS");
+        for (int i = 0; i < 200'000; ++i) s->push({{"track", "pageview"}, {"i", i}, {"blob", kilobyte}});
+        Internals::waitForPendingPushes(*s);
+        state.counters["rss_growth_MB"] = static_cast<double>(statusKb("VmHWM") - before) / 1024;
+        state.counters["kept"] = static_cast<double>(tavrin::MemoryCacheUtility::shared().getPushPayloads().size());
+        state.counters["dropped"] = static_cast<double>(TrackingService::droppedPushCount());
+        drainStores(*s);
+    }
+}
+BENCHMARK(BM_PushWithoutSubmitMemory)->Iterations(1)->UseRealTime()->Unit(benchmark::kMillisecond);
 
 }  // namespace

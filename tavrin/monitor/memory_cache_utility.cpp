@@ -1,6 +1,7 @@
 #include "tavrin/monitor/internal/memory_cache_utility.h"
 
 #include <algorithm>
+#include <atomic>
 #include <unordered_set>
 
 namespace tavrin {
@@ -46,18 +47,39 @@ void MemoryCacheUtility::remove(const std::string& key) {
     queue_.barrier([this, key] { cache_.removeObject(key); });
 }
 
-void MemoryCacheUtility::appendPushPayload(PushPayload payload) {
-    queue_.barrier([this, payload = std::move(payload)]() mutable { pushPayloads_.push_back(std::move(payload)); });
+std::size_t MemoryCacheUtility::appendPushPayload(PushPayload payload, std::size_t bytes, std::size_t maxPushes,
+                                                  std::size_t maxBytes) {
+    // Shared: inside a read of this cache the write runs later, and counts nothing here.
+    auto dropped = std::make_shared<std::atomic<std::size_t>>(0);
+    queue_.barrier([this, payload = std::move(payload), bytes, maxPushes, maxBytes, dropped]() mutable {
+        pushPayloads_.push_back({std::move(payload), bytes});
+        pushPayloadBytes_ += bytes;
+        while (pushPayloads_.size() > 1 && (pushPayloads_.size() > maxPushes || pushPayloadBytes_ > maxBytes)) {
+            pushPayloadBytes_ -= pushPayloads_.front().bytes;
+            pushPayloads_.pop_front();
+            dropped->fetch_add(1, std::memory_order_relaxed);
+        }
+    });
+    return dropped->load(std::memory_order_relaxed);
 }
 
 std::vector<PushPayload> MemoryCacheUtility::getPushPayloads() const {
-    return queue_.sync([&] { return pushPayloads_; });
+    return queue_.sync([&] {
+        std::vector<PushPayload> payloads;
+        payloads.reserve(pushPayloads_.size());
+        for (const auto& kept : pushPayloads_) payloads.push_back(kept.payload);
+        return payloads;
+    });
 }
 
 void MemoryCacheUtility::removePushPayloads(std::vector<std::string> ids) {
     queue_.barrier([this, ids = std::move(ids)] {
         const std::unordered_set<std::string> drop(ids.begin(), ids.end());
-        std::erase_if(pushPayloads_, [&](const PushPayload& p) { return drop.contains(p.id); });
+        std::erase_if(pushPayloads_, [&](const KeptPayload& kept) {
+            if (!drop.contains(kept.payload.id)) return false;
+            pushPayloadBytes_ -= kept.bytes;
+            return true;
+        });
     });
 }
 
@@ -65,6 +87,7 @@ void MemoryCacheUtility::clear() {
     queue_.barrier([this] {
         cache_.removeAllObjects();
         pushPayloads_.clear();
+        pushPayloadBytes_ = 0;
     });
 }
 

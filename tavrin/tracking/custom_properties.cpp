@@ -5,6 +5,7 @@
 #include <cmath>
 #include <optional>
 #include <string_view>
+#include <vector>
 
 #include "tavrin/platform/internal/json.h"
 #include "tavrin/sdk/internal/logger_utility.h"
@@ -241,6 +242,53 @@ std::map<std::string, CodableValue> validatedCustomProperties(const AnyValue::Di
         }
     }
     return result;
+}
+
+// What one map entry costs besides its key and text: the node, its links and
+// the value's own storage.
+constexpr std::size_t kEntryBytes = 96;
+
+std::size_t approximateBytes(const AnyValue::Dictionary& values) {
+    std::size_t bytes = 0;
+    std::vector<const AnyValue*> containers;  // only arrays and dictionaries wait here
+    const auto add = [&](const AnyValue& value) {
+        if (const std::string* text = value.textIf()) bytes += text->size();
+        else if (value.kind() == AnyValue::Kind::array || value.kind() == AnyValue::Kind::dictionary) containers.push_back(&value);
+    };
+    for (const auto& [key, value] : values) {
+        bytes += kEntryBytes + key.size();
+        add(value);
+    }
+    while (!containers.empty()) {
+        const AnyValue& container = *containers.back();
+        containers.pop_back();
+        if (container.kind() == AnyValue::Kind::array) {
+            for (const auto& element : container.asArray()) {
+                bytes += sizeof(AnyValue);
+                add(element);
+            }
+        } else {
+            for (const auto& [key, member] : container.asDictionary()) {
+                bytes += kEntryBytes + key.size();
+                add(member);
+            }
+        }
+    }
+    return bytes;
+}
+
+std::size_t approximateBytes(const PushPayload& payload) {
+    std::size_t bytes = sizeof(PushPayload) + payload.track.size() + payload.type.size() + payload.id.size();
+    for (const auto& [key, value] : payload.customProperties) {
+        bytes += kEntryBytes + key.size();
+        if (value.kind() == CodableValue::Kind::string) bytes += value.asString().size();
+        if (value.kind() != CodableValue::Kind::array) continue;
+        for (const auto& element : value.asArray()) {
+            bytes += sizeof(CodableValue);
+            if (element.kind() == CodableValue::Kind::string) bytes += element.asString().size();
+        }
+    }
+    return bytes;
 }
 
 }  // namespace tavrin

@@ -93,6 +93,7 @@ std::future<void> TrackingService::submitData(std::optional<std::string> state, 
         ids.reserve(payloads.size());
         for (const auto& payload : payloads) ids.push_back(payload.id);
         cache.removePushPayloads(std::move(ids));
+        endDropEpisode();
         productData = cache.get<ProductData>(kProductDataKey).value_or(ProductData{});
         cache.remove(kProductDataKey);
     });

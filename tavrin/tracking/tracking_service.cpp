@@ -1,5 +1,6 @@
 #include "tavrin/tracking/tracking_service.h"
 
+#include <algorithm>
 #include <atomic>
 #include <exception>
 #include <iterator>
@@ -67,7 +68,27 @@ std::int64_t nextPushOrder() {
     return current + 1;
 }
 
-constexpr std::size_t kNoTextLimit = std::numeric_limits<std::size_t>::max();
+// The push limits, read by every push; each member on its own is enough.
+struct Limits {
+    std::atomic<std::size_t> maxPushes{PushLimits{}.maxPushes};
+    std::atomic<std::size_t> maxBytes{PushLimits{}.maxBytes};
+    std::atomic<std::size_t> maxTextBytes{PushLimits{}.maxTextBytes};
+} limits;
+std::atomic<std::uint64_t> droppedPushes{0};
+// Set by the first drop after a submit: one warning per episode.
+std::atomic<bool> droppingPushes{false};
+
+void noteDroppedPushes(std::size_t count) {
+    if (count == 0) return;
+    droppedPushes.fetch_add(count, std::memory_order_relaxed);
+    if (droppingPushes.exchange(true, std::memory_order_relaxed)) return;
+    LoggerUtility::shared().warning([] {
+        return "Warning: More pushes are kept than the push limits allow (" +
+               std::to_string(limits.maxPushes.load(std::memory_order_relaxed)) + " pushes, " +
+               std::to_string(limits.maxBytes.load(std::memory_order_relaxed)) +
+               " bytes): the oldest are dropped until the next submit. Submit more often or raise the limits.";
+    });
+}
 
 const std::string* textMember(const AnyValue::Dictionary& data, const char* key) {
     const auto found = data.find(key);
@@ -160,31 +181,78 @@ TrackingService::~TrackingService() = default;
 
 // ---- push
 
+void TrackingService::setPushLimits(PushLimits given) {
+    limits.maxPushes.store(std::max<std::size_t>(given.maxPushes, 1), std::memory_order_relaxed);
+    limits.maxBytes.store(std::max<std::size_t>(given.maxBytes, 1), std::memory_order_relaxed);
+    limits.maxTextBytes.store(std::max<std::size_t>(given.maxTextBytes, 1), std::memory_order_relaxed);
+}
+
+PushLimits TrackingService::pushLimits() {
+    return {limits.maxPushes.load(std::memory_order_relaxed), limits.maxBytes.load(std::memory_order_relaxed),
+            limits.maxTextBytes.load(std::memory_order_relaxed)};
+}
+
+std::uint64_t TrackingService::droppedPushCount() { return droppedPushes.load(std::memory_order_relaxed); }
+
+void TrackingService::endDropEpisode() { droppingPushes.store(false, std::memory_order_relaxed); }
+
 void TrackingService::push(AnyValue::Dictionary data) {
     if (isForeign()) {  // never fails its caller: the error is only logged
         notInitializedAfterFork();
         return;
     }
     try {
-        processingQueue.async([weak = weak_from_this(), data = std::move(data)]() mutable {
+        // A host pushing faster than the queue works keeps only the newest
+        // within the limits: the queue's backlog is bounded too.
+        const std::size_t bytes = approximateBytes(data);
+        std::size_t dropped = 0;
+        {
+            std::lock_guard lock(waitingMutex);
+            waitingPushes.push_back({std::move(data), bytes});
+            waitingBytes += bytes;
+            const std::size_t maxPushes = limits.maxPushes.load(std::memory_order_relaxed);
+            const std::size_t maxBytes = limits.maxBytes.load(std::memory_order_relaxed);
+            while (waitingPushes.size() > 1 && (waitingPushes.size() > maxPushes || waitingBytes > maxBytes)) {
+                waitingBytes -= waitingPushes.front().bytes;
+                waitingPushes.pop_front();
+                ++dropped;
+            }
+        }
+        noteDroppedPushes(dropped);
+        // One task per push, in push order: once a push's task has run, that
+        // push is processed (or was dropped).
+        processingQueue.async([weak = weak_from_this()] {
             const auto self = weak.lock();
             if (!self) return;  // reset since: the push is dropped with its service
-            try {
-                self->processPush(std::move(data));
-            } catch (const std::exception& error) {
-                LoggerUtility::shared().error([&] { return std::string("Failed to process push: ") + error.what(); });
-            }
+            self->processNextPush();
         });
     } catch (const std::exception& error) {
         LoggerUtility::shared().error([&] { return std::string("Failed to enqueue push: ") + error.what(); });
     }
 }
 
+void TrackingService::processNextPush() {
+    AnyValue::Dictionary data;
+    {
+        std::lock_guard lock(waitingMutex);
+        if (waitingPushes.empty()) return;
+        data = std::move(waitingPushes.front().data);
+        waitingBytes -= waitingPushes.front().bytes;
+        waitingPushes.pop_front();
+    }
+    try {
+        processPush(std::move(data));
+    } catch (const std::exception& error) {
+        LoggerUtility::shared().error([&] { return std::string("Failed to process push: ") + error.what(); });
+    }
+}
+
 void TrackingService::processPush(AnyValue::Dictionary data) {
     auto& logger = LoggerUtility::shared();
-    // Values nested past what JSON carries are dropped here, before any walk
-    // over them (conversion, the tag's JSON text, log lines).
-    if (auto within = withinHostValueLimits(data, kNoTextLimit, "custom property")) data = std::move(*within);
+    // Values nested past what JSON carries and over-long texts are dropped
+    // here, before any walk over them (conversion, the tag's JSON text, log lines).
+    const std::size_t maxText = limits.maxTextBytes.load(std::memory_order_relaxed);
+    if (auto within = withinHostValueLimits(data, maxText, "custom property")) data = std::move(*within);
     const std::string* pushedTrack = textMember(data, "track");
     const std::string* pushedType = textMember(data, "type");
     const std::string track = pushedTrack ? *pushedTrack : trackCommand;
@@ -200,8 +268,11 @@ void TrackingService::processPush(AnyValue::Dictionary data) {
     }
     mergeDeviceInfo(properties, DeviceInfoUtility::collectDeviceInfo());
 
-    MemoryCacheUtility::shared().appendPushPayload(
-        PushPayload(track, type, std::move(properties), nextPushOrder(), platform::Uuid::make()));
+    PushPayload payload(track, type, std::move(properties), nextPushOrder(), platform::Uuid::make());
+    const std::size_t bytes = approximateBytes(payload);
+    noteDroppedPushes(MemoryCacheUtility::shared().appendPushPayload(
+        std::move(payload), bytes, limits.maxPushes.load(std::memory_order_relaxed),
+        limits.maxBytes.load(std::memory_order_relaxed)));
     logger.info([&] { return "Pushing data with track: " + track; });
 
     // The debug tag shows the dictionary as pushed, before any conversion.
@@ -244,7 +315,7 @@ void TrackingService::waitForPendingPushes() const {
 void TrackingService::addEnrichment(std::optional<std::string> pluginId, AnyValue::Dictionary arguments,
                                     std::vector<std::string> variables) {
     if (isForeign()) throw notInitializedAfterFork();
-    if (auto within = withinHostValueLimits(arguments, kNoTextLimit, "enrichment argument"))
+    if (auto within = withinHostValueLimits(arguments, limits.maxTextBytes.load(std::memory_order_relaxed), "enrichment argument"))
         arguments = std::move(*within);
     waitForPendingPushes();
     auto& cache = MemoryCacheUtility::shared();
@@ -272,7 +343,7 @@ void TrackingService::addCustomEnrichment(std::optional<std::string> pluginId,
         if (!settings->config()) detail::fatalError("TrackConfig is not available.");
         pluginId = settings->container();
     }
-    if (auto within = withinHostValueLimits(arguments, kNoTextLimit, "enrichment argument"))
+    if (auto within = withinHostValueLimits(arguments, limits.maxTextBytes.load(std::memory_order_relaxed), "enrichment argument"))
         arguments = std::move(*within);
     storeEnrichment(*pluginId, Enrichment{std::move(arguments), std::move(variables)});
     LoggerUtility::shared().info([&] { return "Added custom enrichment with pluginId: " + *pluginId; });

@@ -9,7 +9,9 @@
 //     tracking->submit().get();                           // throws the transport's error
 //     bool accepted = tracking->setConsents({{"vendorA", tavrin::ConsentStatus::allow}}).get();
 
+#include <cstddef>
 #include <cstdint>
+#include <deque>
 #include <future>
 #include <functional>
 #include <map>
@@ -38,6 +40,19 @@ struct TrackingServiceInternals;
 class OrderedBlocks;
 }
 
+// What pushes may keep in memory between submissions, for the whole process.
+// Past `maxPushes` pushes or `maxBytes` bytes of their values (waiting to be
+// processed, or processed and waiting for the next submit) the oldest are
+// dropped, with one warning until the next submit; a text longer than
+// `maxTextBytes` (keys too) is left out of its push or enrichment with a debug
+// line. The defaults are far above what an app submitting now and then keeps.
+struct PushLimits {
+    std::size_t maxPushes = 10'000;
+    std::size_t maxBytes = 16u << 20;
+    std::size_t maxTextBytes = 64u << 10;
+    friend bool operator==(const PushLimits&, const PushLimits&) = default;
+};
+
 class TrackingService : public std::enable_shared_from_this<TrackingService> {
     struct ConstructionKey {
         explicit ConstructionKey() = default;
@@ -60,6 +75,12 @@ public:
     ~TrackingService();
     TrackingService(const TrackingService&) = delete;
     TrackingService& operator=(const TrackingService&) = delete;
+
+    // The limits of every instance, from the next push on (zeros count as one).
+    static void setPushLimits(PushLimits limits);
+    static PushLimits pushLimits();
+    // How many pushes this process dropped because of the limits.
+    static std::uint64_t droppedPushCount();
 
     // Returns at once and never throws: the dictionary is handed to the
     // processing queue, where it becomes a stored push with the device's
@@ -122,6 +143,11 @@ private:
     void sendConsents(const std::map<std::string, ConsentStatus>& consents,
                       std::function<void(std::exception_ptr)> done);
 
+    // A submit took the kept pushes: a later drop warns again.
+    static void endDropEpisode();
+    // Runs on processingQueue: the oldest waiting push (there is none when
+    // the limits dropped it).
+    void processNextPush();
     // Runs on processingQueue.
     void processPush(AnyValue::Dictionary data);
     void addToProductData(const std::string& track, const std::string& type,
@@ -145,6 +171,15 @@ private:
     const std::string vendorConsentsLastUpdateKey = "VendorConsents_lastupdate";
     // Serialises push work: pushes are processed and numbered in call order.
     mutable platform::SerialQueue processingQueue{"com.tavrin.processing"};
+    // Pushes handed over and not yet processed, oldest first, with their
+    // approximate size; each has its task on processingQueue.
+    struct WaitingPush {
+        AnyValue::Dictionary data;
+        std::size_t bytes;
+    };
+    std::deque<WaitingPush> waitingPushes;
+    std::size_t waitingBytes = 0;
+    std::mutex waitingMutex;
     // setConsents calls, one at a time in call order.
     const std::shared_ptr<detail::OrderedBlocks> consentOrder;
     // Guarded by enrichmentsMutex alone: callers on any thread add, the

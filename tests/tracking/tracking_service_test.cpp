@@ -33,6 +33,12 @@ constexpr const char* kNotInitialized = "TrackingService is not initialized. Cal
 
 CodableValue str(const char* text) { return CodableValue::string(text); }
 
+// Push limits for one test (they are the process's), the defaults again after it.
+struct PushLimitsFor {
+    explicit PushLimitsFor(PushLimits limits) { TrackingService::setPushLimits(limits); }
+    ~PushLimitsFor() { TrackingService::setPushLimits({}); }
+};
+
 DeviceFactsSource fixedDeviceFacts() {
     const auto text = [](const char* value) { return [value] { return std::optional<std::string>(value); }; };
     DeviceFactsSource source{.model = text("Test Model"), .systemName = text("Linux"),
@@ -222,6 +228,7 @@ TEST_F(TrackingServiceTest, PushesStillQueuedWhenTheServiceIsDroppedAreDiscarded
 
 TEST_F(TrackingServiceTest, ConcurrentPushesAreEachStoredOnceInGaplessOrder) {
     LoggerUtility::shared().setLogLevel(LogLevel::warning);  // 10,000 pushes' worth of lines would only slow it
+    PushLimitsFor limits({.maxPushes = 10'000, .maxBytes = 64u << 20});  // all of them are kept
     const auto service = start();
     constexpr int kThreads = 4, kPerThread = 2500;
     // The monitor empties the tag list now and then, as after each submission.
@@ -349,6 +356,7 @@ std::pair<int, Json> unwrap(Json value) {
 }
 
 TEST_F(TrackingServiceTest, ValuesNestedPastTheJsonLimitAreDroppedAndTheHostRunsOn) {
+    PushLimitsFor limits({.maxBytes = 256u << 20});  // 100,000 levels take megabytes
     auto service = start();
     AnyValue::Dictionary push{{"track", "deep"}, {"kept", 1}};
     push.emplace("arrays", nested(100'000, false));
@@ -391,5 +399,48 @@ TEST_F(TrackingServiceTest, ValuesNestedPastTheJsonLimitAreDroppedAndTheHostRuns
     EXPECT_EQ(log.sink->count("Warning: Values nested deeper than 512 levels dropped from custom property fits."), 0u);
 }
 
+
+// A host pushing without submitting keeps the newest pushes within the limits
+// (waiting or processed alike); the rest are counted, with one warning until a
+// submit. Over-long texts are left out of their push.
+TEST_F(TrackingServiceTest, PushesPastTheLimitsDropTheOldestWithACountAndOneWarningPerEpisode) {
+    PushLimitsFor limits({.maxPushes = 5, .maxBytes = 1u << 20, .maxTextBytes = 16});
+    const auto service = start();
+    const auto warnings = [&] {
+        std::size_t n = 0;
+        for (const auto& line : log.sink->messages(platform::LogType::error))
+            n += line.find("the oldest are dropped until the next submit") != std::string::npos;
+        return n;
+    };
+    const auto kept = [&] {
+        settle(*service);
+        std::vector<std::int64_t> numbers;
+        for (const auto& p : MemoryCacheUtility::shared().getPushPayloads())
+            numbers.push_back(p.customProperties.contains("n") ? p.customProperties.at("n").asInteger() : -1);
+        return numbers;
+    };
+    const auto dropped = TrackingService::droppedPushCount();
+
+    for (int n = 0; n < 20; ++n) service->push({{"n", n}, {"note", std::string(n == 19 ? 17 : 16, 'x')}});
+    EXPECT_EQ(kept(), (std::vector<std::int64_t>{15, 16, 17, 18, 19}));
+    EXPECT_EQ(TrackingService::droppedPushCount() - dropped, 15u);
+    EXPECT_EQ(warnings(), 1u);
+    const auto last = MemoryCacheUtility::shared().getPushPayloads().back().customProperties;
+    EXPECT_FALSE(last.contains("note"));
+    EXPECT_EQ(log.sink->count("Warning: Text longer than 16 bytes dropped from custom property note."), 1u);
+
+    // By bytes: 20 pushes of 1,000-byte texts within 10,000 bytes keep the newest few.
+    service->submit().get();
+    EXPECT_EQ(transport->submissions().size(), 1u);
+    TrackingService::setPushLimits({.maxPushes = 1000, .maxBytes = 10'000, .maxTextBytes = 1000});
+    for (int n = 0; n < 20; ++n) service->push({{"n", n}, {"note", std::string(1000, 'y')}});
+    const auto newest = kept();
+    ASSERT_FALSE(newest.empty());
+    EXPECT_LT(newest.size(), 10u);
+    EXPECT_EQ(newest.back(), 19);
+    EXPECT_EQ(newest.front(), 20 - static_cast<std::int64_t>(newest.size()));
+    EXPECT_EQ(TrackingService::droppedPushCount() - dropped, 15u + 20u - newest.size());
+    EXPECT_EQ(warnings(), 2u);  // a new episode after the submit
+}
 }  // namespace
 }  // namespace tavrin

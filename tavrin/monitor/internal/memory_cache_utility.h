@@ -6,6 +6,8 @@
 // data exclusively (writes are all in memory, so no caller waits long).
 
 #include <any>
+#include <cstddef>
+#include <deque>
 #include <functional>
 #include <memory>
 #include <optional>
@@ -70,7 +72,12 @@ public:
 
     // ---- pushed payloads, in push order
 
-    void appendPushPayload(PushPayload payload);
+    // Adds `payload` (about `bytes` in memory), then drops the oldest while
+    // more than `maxPushes` or more than `maxBytes` are kept (the newest one
+    // always stays). Returns how many were dropped.
+    std::size_t appendPushPayload(PushPayload payload, std::size_t bytes = 0,
+                                  std::size_t maxPushes = static_cast<std::size_t>(-1),
+                                  std::size_t maxBytes = static_cast<std::size_t>(-1));
     std::vector<PushPayload> getPushPayloads() const;
     // Drops every payload whose id is listed; the rest keep their order.
     void removePushPayloads(std::vector<std::string> ids);
@@ -94,7 +101,12 @@ private:
     void clear();
 
     platform::ObjectCache cache_;
-    std::vector<PushPayload> pushPayloads_;
+    struct KeptPayload {
+        PushPayload payload;
+        std::size_t bytes;
+    };
+    std::deque<KeptPayload> pushPayloads_;  // the oldest are dropped from the front
+    std::size_t pushPayloadBytes_ = 0;
     // Reads take the queue's shared side; sync/drain do not change what is stored.
     // Declared last so it is destroyed first: at exit its thread runs the
     // writes still queued (a tag added just before) while the cache and the

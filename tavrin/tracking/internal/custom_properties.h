@@ -8,6 +8,7 @@
 
 #include "tavrin/tracking/any_value.h"
 #include "tavrin/tracking/codable_value.h"
+#include "tavrin/tracking/internal/push_payload.h"
 
 namespace tavrin {
 
@@ -29,5 +30,11 @@ std::optional<AnyValue::Dictionary> withinHostValueLimits(const AnyValue::Dictio
                                                           const char* what);
 std::optional<std::map<std::string, CodableValue>> withinHostValueLimits(
     const std::map<std::string, CodableValue>& values, std::size_t maxTextBytes, const char* what);
+
+// About the memory a host's values take (text, keys and a fixed amount per
+// entry), for the push limits: walked without recursion, at any depth.
+std::size_t approximateBytes(const AnyValue::Dictionary& values);
+// The same for a push as it waits for the next submission.
+std::size_t approximateBytes(const PushPayload& payload);
 
 }  // namespace tavrin
