@@ -6,11 +6,6 @@
 
 #include "tests/end_to_end/end_to_end_fixture.h"
 
-#if defined(__SANITIZE_THREAD__)
-// The children start threads of their own after forking a process with
-// threads, which the SDK supports; ThreadSanitizer stops them by default.
-extern "C" const char* __tsan_default_options() { return "die_after_fork=0"; }
-#endif
 
 namespace tavrin::testing {
 namespace {
@@ -78,6 +73,11 @@ std::string failsFast(const char* what, const std::function<void()>& call) {
 using ForkTest = EndToEndTest;
 
 TEST_F(ForkTest, ChildLeavesCleanlyFailsFastUntilItConfiguresThenWorks) {
+#if defined(__SANITIZE_THREAD__)
+    // Its thread registry still holds the parent's threads in the child, and
+    // a thread the child starts may get one of their ids ("dup thread").
+    GTEST_SKIP() << "ThreadSanitizer cannot follow threads started in a forked child of a threaded process";
+#endif
     auto tracking = start();
     tracking->push({{"track", "parent"}});
     tracking->submit().get();

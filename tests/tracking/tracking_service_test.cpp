@@ -363,7 +363,11 @@ TEST_F(TrackingServiceTest, ValuesNestedPastTheJsonLimitAreDroppedAndTheHostRuns
     push.emplace("dictionaries", nested(100'000, true));
     push.emplace("fits", nested(511, false));  // with the push itself 512 levels, the most JSON carries
     service->push(std::move(push));
-    service->addCustomEnrichment("plugin", {{"deep", nestedArrays(100'000)}, {"flat", CodableValue::string("x")}}, {});
+    // Moved in, not copied from an initializer list: a copy of 100,000 levels is the test's own deep recursion.
+    std::map<std::string, CodableValue> deepArguments;
+    deepArguments.emplace("deep", nestedArrays(100'000));
+    deepArguments.emplace("flat", CodableValue::string("x"));
+    service->addCustomEnrichment("plugin", std::move(deepArguments), {});
     AnyValue::Dictionary product{{"sku", "A1"}};
     product.emplace("deep", nested(100'000, true));
     service->addToCart(std::move(product)).get();
