@@ -41,12 +41,11 @@ void shutdownAtExit() {
 }
 
 // A host may return from main with submissions in flight. The handler gives
-// them a grace period, then stops the HTTP client. Work that
-// outlasts it (a completion still writing its request to the cache on a busy
-// machine) runs on while exit destroys statics, which is why every shared
-// object it may reach is created on the heap and never destroyed. Creating
-// them here, before the handler is registered, also means nothing the
-// handler uses is built during exit.
+// them a grace period, then stops the HTTP client. Work that outlasts it (a
+// completion still caching its request on a busy machine) runs on while exit
+// destroys statics, which is why every shared object it may reach lives on
+// the heap and is never destroyed. Creating them here, before the handler is
+// registered, also means nothing the handler uses is built during exit.
 void registerExitHandler() {
     static std::once_flag once;
     std::call_once(once, [] {
