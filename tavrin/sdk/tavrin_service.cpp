@@ -16,6 +16,8 @@
 #include "tavrin/monitor/internal/timestamp_utility.h"
 #include "tavrin/platform/dispatch.h"
 #include "tavrin/platform/http_client.h"
+#include "tavrin/platform/internal/sqlite_key_value_store.h"
+#include "tavrin/platform/key_value_store.h"
 #include "tavrin/sdk/internal/logger_utility.h"
 #include "tavrin/sdk/internal/tracking_settings.h"
 #include "tavrin/session/session_manager.h"
@@ -61,12 +63,11 @@ void releaseAfterFork() {
 }
 
 // A host may return from main with submissions in flight. The handler gives
-// them a grace period, then stops the HTTP client. Work that
-// outlasts it (a completion still writing its request to the cache on a busy
-// machine) runs on while exit destroys statics, which is why every shared
-// object it may reach is created on the heap and never destroyed. Creating
-// them here, before the handler is registered, also means nothing the
-// handler uses is built during exit.
+// them a grace period, then stops the HTTP client. Work that outlasts it (a
+// completion still caching its request on a busy machine) runs on while exit
+// destroys statics, which is why every shared object it may reach lives on
+// the heap and is never destroyed. Creating them here, before the handler is
+// registered, also means nothing the handler uses is built during exit.
 void registerExitHandler() {
     static std::once_flag once;
     std::call_once(once, [] {
@@ -188,7 +189,7 @@ bool TavrinService::shutdown(std::chrono::milliseconds timeout) {
     const bool finished = flush(timeout);
 
     std::lock_guard startup(platform::processLock());
-    configuredIn.store(-1);
+    const bool wasConfigured = configuredIn.exchange(-1) >= 0;
     const auto remaining = std::max(std::chrono::milliseconds(0),
                                     std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now()));
     // Requests the walk has not sent stay cached for the next launch.
@@ -203,6 +204,12 @@ bool TavrinService::shutdown(std::chrono::milliseconds timeout) {
     detail::InFlightOperations::shared().waitIdle(Clock::now() + std::chrono::milliseconds(500));
 
     TrackingService::resetInstance();
+    // The shared store is never closed (late work may still write to it), so
+    // its log is folded into the database file here instead.
+    if (wasConfigured) {
+        if (auto* sqlite = dynamic_cast<platform::SqliteKeyValueStore*>(platform::KeyValueStore::standard().get()))
+            sqlite->checkpoint();
+    }
     LoggerUtility::shared().info(finished ? "TavrinService shut down." : "TavrinService shut down before all work finished.");
     return finished;
 }
