@@ -13,6 +13,7 @@
 #include "tavrin/monitor/internal/timestamp_utility.h"
 #include "tavrin/platform/dispatch.h"
 #include "tavrin/platform/http_client.h"
+#include "tavrin/platform/internal/http_fields.h"
 #include "tavrin/sdk/internal/logger_utility.h"
 #include "tavrin/sdk/internal/tracking_settings.h"
 #include "tavrin/session/session_manager.h"
@@ -79,12 +80,24 @@ void TavrinService::setLogLevel(LogLevel level) {
     logger.info([&] { return std::string("Log level set to: ") + description(level); });
 }
 
+void TavrinService::setOfflineCacheLimits(std::size_t maxTotalBytes, std::size_t maxRequestBytes) {
+    OfflineCache::setLimits(maxTotalBytes, maxRequestBytes);
+    LoggerUtility::shared().info([&] {
+        return "Offline cache limits set to " + std::to_string(OfflineCache::maxTotalBytes()) + " bytes in total, " +
+               std::to_string(OfflineCache::maxRequestBytes()) + " bytes per request.";
+    });
+}
+
 void TavrinService::configure(const TrackConfig& config) {
     std::lock_guard startup(platform::processLock());
     auto& logger = LoggerUtility::shared();
     logger.info([&] { return "Configuring TavrinService with trackDomain: " + config.trackDomain; });
 
     TrackingSettings::configure(config);
+    if (!config.authorizationToken.empty() && config.customProtocol &&
+        platform::detail::equalsIgnoringCase(*config.customProtocol, "http"))
+        logger.warning("The authorization token is sent in plain text: customProtocol is \"http\". Use https outside "
+                       "local testing.");
 
     const auto offlineCacheManager = OfflineCacheManager::shared();
     offlineCacheManager->configure(config.enableOfflineTracking, config.offlineTrackingTimeout);

@@ -137,16 +137,17 @@ TEST_F(SubmissionTest, EnrichmentGoesOnceAndStaysAfterAFailure) {
     auto tracking = start();
     tracking->addCustomEnrichment("geo", {{"city", CodableValue::string("Berlin")}}, {"region"});
 
-    server.respondWith({.status = 500, .headers = {}, .body = ""});
+    // Refused (400): a server failure would keep the submission for a retry instead.
+    server.respondWith({.status = 400, .headers = {}, .body = ""});
     try {
         tracking->submit().get();
-        FAIL() << "a 500 answer did not fail the submission";
+        FAIL() << "a 400 answer did not fail the submission";
     } catch (const Service::ServiceError& error) {
         EXPECT_EQ(error.code(), Service::ServiceError::Code::invalidResponse);
     }
     try {
         tracking->setConsents({{"vendorA", ConsentStatus::allow}}).get();
-        FAIL() << "a 500 answer did not fail the consent report";
+        FAIL() << "a 400 answer did not fail the consent report";
     } catch (const TrackingServiceError& error) {
         EXPECT_EQ(error.code(), TrackingServiceError::Code::submissionFailed);
         EXPECT_EQ(std::string(error.what()).rfind("Data submission failed: ", 0), 0u) << error.what();

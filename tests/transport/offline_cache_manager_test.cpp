@@ -156,6 +156,7 @@ TEST_F(OfflineCacheManagerTest, OnlyOneWalkRunsAndWalksAskedMeanwhileRunOnceAfte
     for (auto& f : more) f.get();
     std::vector<std::string> marks;
     for (const auto& request : server.requests()) marks.push_back(markOf(request));
+    std::sort(marks.begin(), marks.end());  // resends of data may overlap
     EXPECT_EQ(marks, (std::vector<std::string>{"a", "b", "c"}));
     EXPECT_EQ(log.sink->count("0 expired requests removed from cache."), 2u) << "the three waiting walks ran as one";
     EXPECT_TRUE(cached().empty());

@@ -176,7 +176,7 @@ TEST_F(ServiceTest, BearerTokenAppearsInNoLogLineTagOrCachedBody) {
     TagCache::shared().addOrReplace(Tag::makeInfo("AD01", "T-SDK: [TAVRIN DL] - [AD01] push", 1, true));
 
     Service::shared()->sendDataSubmission(sampleSubmission("live")).get();
-    server.respondWith(ScriptedResponse{500, {}, ""});
+    server.respondWith(ScriptedResponse{400, {}, ""});  // refused: not kept for a retry
     EXPECT_THROW(Service::shared()->sendConsentSubmission(sampleConsent()).get(), Service::ServiceError);
     server.respondWith(ScriptedResponse{200, {}, ""});
     path->setStatus(platform::PathStatus::unsatisfied);
