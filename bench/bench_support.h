@@ -1,6 +1,7 @@
 #pragma once
 // What the benchmarks that reach a server share: a log sink that formats and
-// drops every line, and a minimal keep-alive HTTP/1.1 server answering 200.
+// drops every line, and a minimal keep-alive HTTP/1.1 server answering 200
+// (at once, or after a delay per answer, one thread per connection).
 
 #include <arpa/inet.h>
 #include <netinet/in.h>
@@ -8,6 +9,7 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <chrono>
 #include <mutex>
 #include <thread>
 #include <vector>
@@ -26,7 +28,7 @@ public:
 // Minimal keep-alive HTTP/1.1 server answering every request with 200.
 class OkServer {
 public:
-    OkServer() {
+    explicit OkServer(std::chrono::milliseconds delay = std::chrono::milliseconds(0)) : delay_(delay) {
         fd_ = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
         sockaddr_in address{};
         address.sin_family = AF_INET;
@@ -68,6 +70,7 @@ private:
                 if (at != std::string::npos && at < end) length = std::stoul(buffer.substr(at + 16));
                 if (buffer.size() >= end + 4 + length) {
                     buffer.erase(0, end + 4 + length);
+                    if (delay_.count() > 0) std::this_thread::sleep_for(delay_);
                     ++requests_;
                     static constexpr char kOk[] = "HTTP/1.1 200 OK\r\nContent-Length: 0\r\n\r\n";
                     if (::send(c, kOk, sizeof kOk - 1, MSG_NOSIGNAL) < 0) return;
@@ -80,6 +83,7 @@ private:
         }
     }
 
+    std::chrono::milliseconds delay_;
     int fd_ = -1;
     int port_ = 0;
     std::thread thread_;

@@ -3,13 +3,13 @@
 // tracking is on, and delivers them again once the network path is usable,
 // giving up on a request after its fourth failed attempt.
 //
-// A resend walk keeps a window of data submissions in flight (up to six,
-// growing from one as answers succeed) instead of awaiting each; a consent
-// report goes alone, once everything cached before it has completed and
-// before anything cached after it starts, so consent decisions reach the
-// server in the order they were made, and in their place among the data. No thread waits while a
-// request is out: each answer lets the walk go on. Removals of delivered
-// requests are written together, a window at a time.
+// A resend walk keeps a window of data submissions out (up to twelve, six of
+// them on the wire, growing from one as answers succeed) instead of awaiting
+// each; a consent report goes alone, once everything cached before it has
+// completed and before anything cached after it starts, so consent decisions
+// reach the server in the order they were made, and in their place among the
+// data. No thread waits while a request is out: each answer lets the walk go
+// on. Removals of delivered requests are written together, a window at a time.
 //
 // Only one walk runs at a time; walks asked for while one runs are run once
 // after it, so the start-up walk and a network-regained walk never send the
@@ -77,9 +77,11 @@ class OfflineCacheManager final : public OfflineCacheManaging,
                                   public std::enable_shared_from_this<OfflineCacheManager> {
 public:
     static constexpr std::int64_t maxRetries = 3;
-    // Requests a walk keeps in flight at most: the HTTP client's connections
-    // to one host.
-    static constexpr std::size_t walkWindow = 6;
+    // Resends a walk keeps out at most: enough to keep the HTTP client's six
+    // connections to a host busy, with six more waiting in the transport to
+    // go the moment a connection frees (handing over one by one from the walk
+    // left each connection idle for a moment after every answer).
+    static constexpr std::size_t walkWindow = 12;
 
     // cache: null uses the one cache of the standard store.
     explicit OfflineCacheManager(std::shared_ptr<OfflineCache> cache = nullptr);
