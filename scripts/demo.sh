@@ -21,7 +21,9 @@ mkdir -p "$build"
 launcher=()
 if command -v ccache >/dev/null; then
   launcher=(-DCMAKE_CXX_COMPILER_LAUNCHER=ccache)
-  export CCACHE_BASEDIR="${CCACHE_BASEDIR:-$PWD}" CCACHE_NOHASHDIR="${CCACHE_NOHASHDIR:-1}"
+  # Paths relative to this checkout, so a fresh clone reuses what another
+  # clone compiled (the suite runs this script in one).
+  export CCACHE_BASEDIR="$PWD" CCACHE_NOHASHDIR=1
 fi
 echo "=== building (Release) in $build"
 cmake -S . -B "$build" -DCMAKE_BUILD_TYPE=Release -DTAVRIN_BUILD_TESTS=OFF -DTAVRIN_BUILD_TOOLS=ON \

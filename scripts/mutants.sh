@@ -15,7 +15,7 @@ set -uo pipefail
 cd "$(dirname "$0")/.."
 
 list=scripts/mutants.txt
-build=${TAVRIN_MUTANTS_BUILD:-build/mutants}
+build=$(realpath -m "${TAVRIN_MUTANTS_BUILD:-build/mutants}")
 filter=""
 only_list=0
 for arg in "$@"; do
@@ -95,9 +95,13 @@ cmake -S . -B "$build" -DCMAKE_BUILD_TYPE=Release -DTAVRIN_BUILD_TOOLS=OFF -DTAV
 # only those folders' tests: what one folder's tests kill on their own.
 labels=()
 [ -n "${TAVRIN_MUTANTS_LABELS:-}" ] && labels=(-L "$TAVRIN_MUTANTS_LABELS")
+# TAVRIN_MUTANTS_ALL=1 runs every test under each mutant and writes the tests
+# that failed to $build/kills.tsv: which tests guard which fault.
+stop=(--stop-on-failure)
+[ -n "${TAVRIN_MUTANTS_ALL:-}" ] && stop=()
 suite() {
   # Stops at the first failure: a killed mutant costs less than a survivor.
-  (cd "$build" && ctest -LE 'reliability|browser|packaging' "${labels[@]}" --stop-on-failure -j "$jobs" \
+  (cd "$build" && ctest -LE 'reliability|browser|packaging' "${labels[@]}" "${stop[@]}" -j "$jobs" \
     --timeout 120 >"$build/ctest.log" 2>&1)
 }
 
@@ -120,6 +124,7 @@ restore() {
 }
 trap 'restore; rm -rf "$work"; exit 130' INT TERM
 : >"$build/results.txt"
+: >"$build/kills.tsv"
 killed=0 survived=0 stillborn=0
 for d in "$work"/*/; do
   name=$(cat "$d/name") file=$(cat "$d/file")
@@ -141,6 +146,10 @@ PY
   fi
   restore
   printf '%s\t%s\n' "$verdict" "$name" | tee -a "$build/results.txt"
+  if [ -n "${TAVRIN_MUTANTS_ALL:-}" ]; then
+    printf '%s\t%s\n' "$name" "$(sed -n '/tests FAILED:/,$ s/^[[:space:]]*[0-9]* - \([^ ]*\) (.*/\1/p' "$build/ctest.log" | tr '\n' ' ')" \
+      >>"$build/kills.tsv"
+  fi
   echo "    ($((SECONDS - start)) s)"
 done
 trap - INT TERM

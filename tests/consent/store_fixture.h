@@ -1,8 +1,6 @@
 #pragma once
-// Tests of the stores run against the real SQLite store in a fresh directory.
-// CountingStore wraps it to count the reads and writes that reach it (and can
-// linger after a read, to widen the window where a racing writer slips in).
-// The configurations are shared with the tests of TrackConfig itself.
+// Tests of the stores run against the real SQLite store in a fresh directory;
+// CountingStore counts what reaches it. Shared with the sdk and tracking tests.
 
 #include <gtest/gtest.h>
 
@@ -61,13 +59,12 @@ public:
         if (readPause.count() > 0) std::this_thread::sleep_for(readPause);
         return found;
     }
-    bool remove(const std::string& key) override { ++removals; return inner_->remove(key); }
+    bool remove(const std::string& key) override { return inner_->remove(key); }
     bool synchronize() override { ++flushes; return inner_->synchronize(); }
     platform::KeyValueStore& inner() { return *inner_; }
 
     mutable std::atomic<int> reads{0};
     std::atomic<int> writes{0};
-    std::atomic<int> removals{0};
     std::atomic<int> flushes{0};
     // How long a read lingers after reaching the store; set before any thread uses it.
     std::chrono::microseconds readPause{0};

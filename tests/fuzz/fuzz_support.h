@@ -78,11 +78,12 @@ inline bool hasNull(const Json& value) {
 // DecodingError (anything else escapes and is a finding). What decoded must
 // encode again (it came from JSON, so it has a JSON form), decode from that
 // text to an equal value, and encode to the same text a second time; its
-// encoding keeps what the input said (see Fidelity).
-// `encode` and `decode` name the record's own codec functions.
-template <class T, class Encode, class Decode>
-void checkRoundTrip(std::string_view text, Encode encode, Decode decode, Fidelity fidelity,
+// encoding keeps what the input said (see Fidelity). encodeJson and
+// JsonDecode<T> reach a record's own encode() and decode() as well.
+template <class T>
+void checkRoundTrip(std::string_view text, Fidelity fidelity = Fidelity::subset,
                     bool (*promised)(const Json&) = nullptr) {
+    const auto decode = [](const Decoder& d) { return JsonDecode<T>::decode(d); };
     std::optional<T> first;
     std::optional<Json> parsed;
     try {
@@ -93,7 +94,7 @@ void checkRoundTrip(std::string_view text, Encode encode, Decode decode, Fidelit
         if (promised && parsed && promised(*parsed)) fail(error.what(), text);
         return;
     }
-    const Json encodedJson = encode(*first);
+    const Json encodedJson = encodeJson(*first);
     const std::string encoded = platform::dumpJson(encodedJson);
     const Json& input = *parsed;
     const bool exact = fidelity == Fidelity::exact;
@@ -108,25 +109,7 @@ void checkRoundTrip(std::string_view text, Encode encode, Decode decode, Fidelit
         }
     }();
     require(second == *first, "the re-encoded text decodes to a different value", encoded);
-    require(platform::dumpJson(encode(second)) == encoded, "encoding is not stable", encoded);
-}
-
-// For records with member encode()/decode().
-template <class T>
-void checkRecordRoundTrip(std::string_view text, Fidelity fidelity = Fidelity::subset,
-                          bool (*promised)(const Json&) = nullptr) {
-    checkRoundTrip<T>(
-        text, [](const T& value) { return value.encode(); }, [](const Decoder& d) { return T::decode(d); }, fidelity,
-        promised);
-}
-
-// For public records with free encodeJson / JsonDecode<T>.
-template <class T>
-void checkCodedRoundTrip(std::string_view text, Fidelity fidelity = Fidelity::subset,
-                         bool (*promised)(const Json&) = nullptr) {
-    checkRoundTrip<T>(
-        text, [](const T& value) { return encodeJson(value); }, [](const Decoder& d) { return JsonDecode<T>::decode(d); },
-        fidelity, promised);
+    require(platform::dumpJson(encodeJson(second)) == encoded, "encoding is not stable", encoded);
 }
 
 }  // namespace tavrin::fuzz

@@ -1,14 +1,21 @@
+// What every push says about the device: its facts, the user agent built from
+// them and the time in milliseconds.
+
 #include "tavrin/monitor/internal/device_info_utility.h"
 
 #include <gtest/gtest.h>
+#include <sys/utsname.h>
 
-#include <atomic>
 #include <cmath>
 #include <cstdlib>
 #include <regex>
-#include <thread>
 #include <tuple>
+#include <utility>
 #include <vector>
+
+#include "tavrin/monitor/internal/timestamp_utility.h"
+#include "tavrin/monitor/internal/user_agent_utility.h"
+#include "tavrin/platform/clock.h"
 
 namespace tavrin {
 namespace {
@@ -28,139 +35,115 @@ protected:
         DeviceFacts::reset();
         DeviceInfoUtility::reset();
     }
-
-    // The system facts all present (each its own text) or all absent.
+    // The system facts all present or all absent.
     static DeviceFactsSource source(bool present) {
         auto fact = [present](const char* text) {
             return [=] { return present ? std::optional<std::string>(text) : std::nullopt; };
         };
-        DeviceFactsSource source;
-        source.model = fact("iPhone");
-        source.systemName = fact("iOS");
-        source.systemVersion = fact("17.2.1");
-        source.machine = fact("iPhone15,2");
-        return source;
+        return DeviceFactsSource{.model = fact("iPhone"), .systemName = fact("iOS"), .systemVersion = fact("17.2.1"),
+                                 .machine = fact("iPhone15,2")};
     }
 };
 
-TEST_F(DeviceInfoUtilityTest, SystemFactsConstantsAndAFreshCanonicalIdEachTime) {
+TEST_F(DeviceInfoUtilityTest, CollectsTheSystemFactsWithAFreshIdEachTime) {
     DeviceInfoUtility::setFactsSource(source(true));
     const auto info = DeviceInfoUtility::collectDeviceInfo();
     EXPECT_EQ(std::tuple(info.appDeviceBrand, info.appDeviceModel, info.appDeviceOS, info.appDeviceOSVersion,
                          info.appDeviceLanguage, info.appDeviceRegion, info.appDeviceNetworkType),
               std::tuple("Apple", "iPhone", "iOS", "17.2.1", "en", "US", "Unknown"));
-    EXPECT_EQ(info.appDeviceCarrier, std::optional<std::string>("Unknown"));
-
-    const std::regex canonical("[0-9A-F]{8}-[0-9A-F]{4}-[0-9A-F]{4}-[0-9A-F]{4}-[0-9A-F]{12}");
-    EXPECT_TRUE(std::regex_match(info.appDeviceId, canonical)) << info.appDeviceId;
+    EXPECT_TRUE(std::regex_match(info.appDeviceId, std::regex("[0-9A-F]{8}-([0-9A-F]{4}-){3}[0-9A-F]{12}")));
     auto next = DeviceInfoUtility::collectDeviceInfo();
     EXPECT_NE(next.appDeviceId, info.appDeviceId);
-    next.appDeviceId = info.appDeviceId;  // everything else is the same device
+    next.appDeviceId = info.appDeviceId;
     EXPECT_EQ(next, info);
 }
 
-TEST_F(DeviceInfoUtilityTest, ApplicationNameVersionAndBuildFromHostBundleKeys) {
-    // The display name comes before the bundle name; a missing key is "Unknown".
-    using Info = decltype(platform::ApplicationInfo::infoDictionary);
-    const std::vector<std::pair<Info, std::vector<std::string>>> cases{
-        {{{"CFBundleName", "Shop"}, {"CFBundleShortVersionString", "2.3"}}, {"Shop", "2.3", "Unknown"}},
-        {{{"CFBundleDisplayName", "Shop Plus"}, {"CFBundleName", "Shop"}, {"CFBundleVersion", "41"}},
-         {"Shop Plus", "Unknown", "41"}}};
-    for (const auto& [bundle, expected] : cases) {
-        DeviceFacts::setApplicationInfo({.bundleIdentifier = "com.example.shop", .infoDictionary = bundle});
-        const auto info = DeviceInfoUtility::collectDeviceInfo();
-        EXPECT_EQ((std::vector{info.appApplicationName, info.appApplicationVersion, info.appApplicationBuildNumber}),
-                  expected);
-    }
-}
-
-TEST_F(DeviceInfoUtilityTest, AbsentFactsFallBackToUnknown) {
+TEST_F(DeviceInfoUtilityTest, AbsentFactsReadAsUnknown) {
     auto absent = source(false);
     absent.infoDictionaryString = [](std::string_view) { return std::nullopt; };
     absent.currentLocale = [] { return platform::LocaleCodes{}; };
     absent.screenBounds = [] { return std::nullopt; };
     DeviceInfoUtility::setFactsSource(absent);
     const auto info = DeviceInfoUtility::collectDeviceInfo();
-    for (const auto* text : {&info.appDeviceModel, &info.appDeviceOS, &info.appDeviceOSVersion,
-                             &info.appDeviceLanguage, &info.appDeviceRegion, &info.appApplicationName,
-                             &info.appApplicationVersion, &info.appApplicationBuildNumber}) {
+    for (const auto* text : {&info.appDeviceModel, &info.appDeviceOS, &info.appDeviceOSVersion, &info.appDeviceLanguage,
+                             &info.appDeviceRegion, &info.appApplicationName, &info.appApplicationVersion,
+                             &info.appApplicationBuildNumber})
         EXPECT_EQ(*text, "Unknown");
-    }
-    EXPECT_EQ(info.appDeviceWidth, 0);
-    EXPECT_EQ(info.appDeviceHeight, 0);
+    EXPECT_EQ(info.appDeviceWidth + info.appDeviceHeight, 0);
 }
 
-TEST_F(DeviceInfoUtilityTest, LocaleAndScreenAreReadFreshOnEveryCollection) {
-    for (const auto& [lcAll, language, region] : std::vector<std::tuple<const char*, const char*, const char*>>{
-             {"de_AT.UTF-8", "de", "AT"}, {"fr", "fr", "Unknown"}, {"C", "Unknown", "Unknown"},
-             {"POSIX", "Unknown", "Unknown"}}) {
-        setenv("LC_ALL", lcAll, 1);
+// Points truncated toward zero; a size without an integer form reads as zero.
+TEST_F(DeviceInfoUtilityTest, ScreenSizeIsReadAsWholePoints) {
+    for (const auto& [bounds, width, height] : std::vector<std::tuple<ScreenBounds, std::int64_t, std::int64_t>>{
+             {{844.9, 390.99}, 844, 390}, {{std::nan(""), 844}, 0, 844}, {{INFINITY, 1e300}, 0, 0}}) {
+        DeviceInfoUtility::setFactsSource({.screenBounds = [bounds] { return std::optional<ScreenBounds>(bounds); }});
         const auto info = DeviceInfoUtility::collectDeviceInfo();
-        EXPECT_EQ(info.appDeviceLanguage, language) << lcAll;
-        EXPECT_EQ(info.appDeviceRegion, region) << lcAll;
-    }
-    // Points truncated toward zero; a rotated screen shows at once.
-    for (const auto& [bounds, width, height] : std::vector<std::tuple<std::optional<ScreenBounds>, int, int>>{
-             {ScreenBounds{390, 844}, 390, 844}, {ScreenBounds{844.9, 390.99}, 844, 390},
-             {ScreenBounds{0.5, 0}, 0, 0}, {std::nullopt, 0, 0}}) {
-        DeviceFacts::setScreenBounds(bounds);
-        const auto info = DeviceInfoUtility::collectDeviceInfo();
-        EXPECT_EQ(info.appDeviceWidth, width);
-        EXPECT_EQ(info.appDeviceHeight, height);
+        EXPECT_EQ(std::pair(info.appDeviceWidth, info.appDeviceHeight), std::pair(width, height));
     }
 }
 
-TEST_F(DeviceInfoUtilityTest, AnUnrepresentableScreenSizeFromTheSourceReadsAsZeroNotAStop) {
-    // The platform refuses such bounds when the host sets them; a source of its own is still not trusted.
-    for (const auto& bounds : {ScreenBounds{std::nan(""), 844}, ScreenBounds{INFINITY, 9223372036854775808.0}}) {
-        auto source = DeviceFactsSource{};
-        source.screenBounds = [bounds] { return std::optional<ScreenBounds>(bounds); };
-        DeviceInfoUtility::setFactsSource(source);
-        const auto info = DeviceInfoUtility::collectDeviceInfo();
-        EXPECT_EQ(info.appDeviceWidth, 0);
-        EXPECT_EQ(info.appDeviceHeight, bounds.height == 844 ? 844 : 0);
-    }
-}
-
-TEST_F(DeviceInfoUtilityTest, HostFactsSetAfterTheFirstCollectionShowInTheNext) {
-    DeviceInfoUtility::setFactsSource(source(true));
-    const auto before = DeviceInfoUtility::collectDeviceInfo();
-    EXPECT_EQ(before.appApplicationVersion, "Unknown");
-    EXPECT_EQ(before.appDeviceWidth, 0);
-
+// The host may set its bundle keys and screen at any time after start-up.
+TEST_F(DeviceInfoUtilityTest, HostFactsSetLaterShowInTheNextCollection) {
+    EXPECT_EQ(DeviceInfoUtility::collectDeviceInfo().appApplicationVersion, "Unknown");
     DeviceFacts::setApplicationInfo({.bundleIdentifier = "com.example.shop",
-                                     .infoDictionary = {{"CFBundleDisplayName", "Shop"},
-                                                        {"CFBundleShortVersionString", "2.0"},
-                                                        {"CFBundleVersion", "7"}}});
+                                     .infoDictionary = {{"CFBundleDisplayName", "Shop Plus"}, {"CFBundleName", "Shop"},
+                                                        {"CFBundleShortVersionString", "2.0"}, {"CFBundleVersion", "7"}}});
     DeviceFacts::setScreenBounds(ScreenBounds{390, 844});
-    auto after = DeviceInfoUtility::collectDeviceInfo();
-    EXPECT_EQ(std::tuple(after.appApplicationName, after.appApplicationVersion, after.appApplicationBuildNumber,
-                         after.appDeviceWidth, after.appDeviceHeight),
-              std::tuple("Shop", "2.0", "7", 390, 844));
-    DeviceFacts::setApplicationInfo({.bundleIdentifier = std::nullopt, .infoDictionary = {{"CFBundleVersion", "8"}}});
-    EXPECT_EQ(DeviceInfoUtility::collectDeviceInfo().appApplicationBuildNumber, "8");
+    const auto info = DeviceInfoUtility::collectDeviceInfo();
+    // The display name comes before the bundle name.
+    EXPECT_EQ(std::tuple(info.appApplicationName, info.appApplicationVersion, info.appApplicationBuildNumber,
+                         info.appDeviceWidth, info.appDeviceHeight),
+              std::tuple("Shop Plus", "2.0", "7", 390, 844));
+    DeviceFacts::setApplicationInfo({.bundleIdentifier = std::nullopt, .infoDictionary = {{"CFBundleName", "Shop"}}});
+    EXPECT_EQ(DeviceInfoUtility::collectDeviceInfo().appApplicationName, "Shop");
 }
 
-TEST_F(DeviceInfoUtilityTest, FixedFactsAreReadOnceUntilReset) {
-    auto calls = std::make_shared<std::atomic<int>>(0);
-    auto counted = source(true);
-    counted.model = [calls] { return std::optional<std::string>("Model " + std::to_string(++*calls)); };
-    DeviceInfoUtility::setFactsSource(counted);
+struct Case {
+    std::optional<std::string> systemVersion, machine;
+    const char *name, *version, *build, *expected;
+};
 
-    std::vector<std::thread> threads;
-    std::atomic<int> wrong{0};
-    for (int t = 0; t < 4; ++t) {
-        threads.emplace_back([&] {
-            for (int i = 0; i < 50; ++i) wrong += DeviceInfoUtility::collectDeviceInfo().appDeviceModel != "Model 1";
-        });
+// A machine name that is no UTF-8 would reach the server altered.
+TEST(UserAgentUtilityTest, FixedShapeWithFallbacksForMissingOrNonUtf8Facts) {
+    for (const auto& c : std::vector<Case>{
+             {"17.2.1", "iPhone15,2", "TavrinSDK", "1.0", "18", "iOS; iPhone OS 17_2_1; iPhone15,2 [TavrinSDK/v.1.0.18]"},
+             {"12", "x86_64", "N", "", "B", "iOS; iPhone OS 12; x86_64 [N/v..B]"},
+             {"16.0", "\xff\xfe", "S", "1", "2", "iOS; iPhone OS 16_0; unknown [S/v.1.2]"},
+             {"16.0", "\xed\xa0\x80", "S", "1", "2", "iOS; iPhone OS 16_0; unknown [S/v.1.2]"},
+             {"16.0", std::nullopt, "S", "1", "2", "iOS; iPhone OS 16_0; unknown [S/v.1.2]"},
+             {"16.0", "m\xc3\xa4" "chine", "S", "1", "2", "iOS; iPhone OS 16_0; m\xc3\xa4" "chine [S/v.1.2]"},
+             {std::nullopt, "arm64", "S", "1", "2", "iOS; iPhone OS Unknown; arm64 [S/v.1.2]"}}) {
+        DeviceFactsSource source;
+        source.systemVersion = [&c] { return c.systemVersion; };
+        source.machine = [&c] { return c.machine; };
+        DeviceInfoUtility::setFactsSource(source);
+        EXPECT_EQ(UserAgentUtility::userAgent(c.name, c.version, c.build), c.expected);
     }
-    for (auto& thread : threads) thread.join();
-    EXPECT_EQ(calls->load(), 1);
-    EXPECT_EQ(wrong.load(), 0);
+    // The platform's own source uses the uname machine.
+    DeviceInfoUtility::reset();
+    struct utsname u {};
+    ASSERT_EQ(uname(&u), 0);
+    const auto agent = UserAgentUtility::userAgent("TavrinSDK", "1.0", "18");
+    EXPECT_TRUE(agent.ends_with(std::string("; ") + u.machine + " [TavrinSDK/v.1.0.18]")) << agent;
+}
 
-    // A reset reads them again.
-    DeviceInfoUtility::setFactsSource(counted);
-    EXPECT_EQ(DeviceInfoUtility::collectDeviceInfo().appDeviceModel, "Model 2");
+TEST(TimestampUtilityTest, MillisecondsAreTruncatedTowardZero) {
+    for (const auto& [seconds, millis] : std::vector<std::pair<double, std::int64_t>>{
+             {1700000000.1234, 1700000000123}, {1700000000.1243, 1700000000124}, {0.0009, 0}, {-1.5009, -1500}}) {
+        platform::Clock::setFixed(seconds);
+        EXPECT_EQ(TimestampUtility::currentTimestampInMillis(), millis) << seconds;
+    }
+    platform::Clock::reset();
+}
+
+TEST(TimestampUtilityDeathTest, TimeOutsideTheSigned64BitRangeIsFatal) {
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    // 1e16 s is 1e19 ms, past the signed 64-bit range.
+    for (double seconds : {std::nan(""), HUGE_VAL, -HUGE_VAL, 1e16, -1e16}) {
+        platform::Clock::setFixed(seconds);
+        EXPECT_DEATH(TimestampUtility::currentTimestampInMillis(), "cannot be converted to a 64-bit integer") << seconds;
+    }
+    platform::Clock::reset();
 }
 
 }  // namespace

@@ -30,56 +30,43 @@ protected:
     std::unique_ptr<LoopbackServer> server;
 };
 
-TEST_F(MonitorServiceTest, WithoutDebugCodeNothingIsSentOrLogged) {
+TEST_F(MonitorServiceTest, WithoutDebugCodeNothingIsSent) {
     TagCache::shared().addOrReplace(Tag::makeInfo("AD01", "push", 1, true));
-    log.sink->clear();
     MonitorService::shared()->sendMonitorRequest().get();
     EXPECT_TRUE(server->requests().empty());
-    EXPECT_TRUE(log.sink->messages().empty());
     EXPECT_EQ(TagCache::shared().tags().size(), 1u);
 }
 
-TEST_F(MonitorServiceTest, PostsTheCachedTagsOverHttpsAndClearsThemOnlyOnSuccess) {
-    auto monitor = MonitorService::shared();
-    monitor->setDebugCode("dbg-1");
-    monitor->sendMonitorRequest().get();  // nothing cached: an empty list goes out
-    ASSERT_EQ(server->requests().size(), 1u);
-    EXPECT_EQ(server->requests()[0].body,
-              R"({"debugid":"dbg-1","consent":{},"docs":{},"state":"","eventDocumentId":"","tags":[]})");
-
+TEST_F(MonitorServiceTest, PostsTheCachedTagsOverHttpsWithoutTheToken) {
     const Tag first = Tag::makeInfo("AI01", "init", 1, true), second = Tag::makeInfo("AD01", "push", 2, true);
     TagCache::shared().addOrReplace(first);
     TagCache::shared().addOrReplace(second);
-    server->respondWith(ScriptedResponse{404, {}, ""});
-    log.sink->clear();
-    monitor->sendMonitorRequest().get();
-    EXPECT_EQ(log.sink->messages(platform::LogType::error),
-              std::vector<std::string>{std::string("Failed to send /monitor request: ") +
-                                       Service::ServiceError(Service::ServiceError::Code::invalidResponse).what()});
-    EXPECT_EQ(TagCache::shared().tags(), (std::vector<Tag>{first, second}));
-
-    server->respondWith(ScriptedResponse{200, {}, ""});
-    monitor->sendMonitorRequest().get();
-    EXPECT_TRUE(log.sink->contains("/monitor request sent successfully. Cache cleared."));
-    EXPECT_TRUE(TagCache::shared().tags().empty());
+    MonitorService::shared()->setDebugCode("dbg-1");
+    MonitorService::shared()->sendMonitorRequest().get();
     const auto requests = server->requests();
-    ASSERT_EQ(requests.size(), 3u);
-    const auto& sent = requests[2];
-    EXPECT_EQ(sent.method, "POST");
-    EXPECT_EQ(sent.target, "/monitor");
-    EXPECT_EQ(sent.header("Content-Type"), "application/json");
-    EXPECT_EQ(sent.header("Authorization"), std::nullopt);
-    const Json body = Json::parse(sent.body);
-    ASSERT_EQ(body["tags"].size(), 2u);
-    EXPECT_EQ(body["tags"][0], first.encode());
-    EXPECT_EQ(body["tags"][1], second.encode());
+    ASSERT_EQ(requests.size(), 1u);
+    EXPECT_EQ(requests[0].target, "/monitor");
+    EXPECT_EQ(requests[0].header("Content-Type"), "application/json");
+    EXPECT_EQ(requests[0].header("Authorization"), std::nullopt);
+    EXPECT_EQ(requests[0].body, R"({"debugid":"dbg-1","consent":{},"docs":{},"state":"","eventDocumentId":"","tags":[)" +
+                                    encodeJsonText(first) + "," + encodeJsonText(second) + "]}");
+    EXPECT_TRUE(TagCache::shared().tags().empty());
+}
 
-    // A transport failure keeps the tags too.
-    TagCache::shared().addOrReplace(first);
+// The tags wait for the next report when the server refuses this one or cannot be reached.
+TEST_F(MonitorServiceTest, FailedReportKeepsTheTags) {
     RefusingPort refusing;
-    configure(trackConfig(hostPort(refusing.port()), "https"));
-    monitor->sendMonitorRequest().get();
-    EXPECT_EQ(TagCache::shared().tags().size(), 1u);
+    MonitorService::shared()->setDebugCode("dbg-1");
+    for (int status : {404, 302, 0}) {
+        SCOPED_TRACE(status);
+        if (status == 0) configure(trackConfig(hostPort(refusing.port())));
+        server->respondWith(ScriptedResponse{status, {}, ""});
+        TagCache::shared().addOrReplace(Tag::makeInfo("AD01", "push", status, true));
+        log.sink->clear();
+        MonitorService::shared()->sendMonitorRequest().get();
+        EXPECT_EQ(TagCache::shared().tags().size(), status == 404 ? 1u : status == 302 ? 2u : 3u);
+        EXPECT_TRUE(log.sink->messages(platform::LogType::error).at(0).starts_with("Failed to send /monitor request: "));
+    }
 }
 
 }  // namespace

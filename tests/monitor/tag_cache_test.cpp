@@ -1,16 +1,26 @@
+// The in-memory caches of the monitor: the tag list and the pushed payloads.
+
 #include "tavrin/monitor/internal/tag_cache.h"
 
 #include <gtest/gtest.h>
 
 #include <cmath>
 #include <limits>
-#include <map>
-#include <thread>
-
-#include "tests/support/log_capture.h"
 
 namespace tavrin {
 namespace {
+
+// The form the collector reads in every monitor report.
+TEST(TagTest, InfoTagWritesEveryMemberWithItsExactKeyInOrder) {
+    EXPECT_EQ(platform::dumpJson(Tag::makeInfo("AC04", "T-SDK: [CONSENT] - [AC04] x", 1700000000123, true).encode()),
+              R"({"id":"AC04","name":"T-SDK: [CONSENT] - [AC04] x","source":"frontend","type":"info",)"
+              R"("timestamp":1700000000123,"trigger":{"id":"","executed":true,"conditions":[],"excludeTriggers":[]},)"
+              R"("http":{"general":{"requestUrl":"","requestMethod":"","requestStatus":200,"remoteAddress":""},)"
+              R"("payload":{},"requestHeaders":{},"queryStringParameters":{},)"
+              R"("response":{"status":200,"statusText":"","data":"","success":true,"headers":{}}},)"
+              R"("variables":{"frontend":{},"backend":{},"constant":{},"enrichment":{}},"functions":{}})");
+    EXPECT_FALSE(Tag::makeInfo("AI01", "n", 1, false).encode()["http"]["response"]["success"].get<bool>());
+}
 
 class TagCacheTest : public ::testing::Test {
 protected:
@@ -27,40 +37,28 @@ protected:
     }
     std::vector<std::string> names() const { return namesOf(cache.tags()); }
 
-    testing::LogCapture log{LogLevel::debug};
     TagCache& cache = TagCache::shared();
 };
 
-TEST_F(TagCacheTest, StartUpAndStoredConsentTagsStaySingleNewestLastOthersAccumulate) {
-    add({{"AI01", "init 1"}, {"AC03", "consent 1"}, {"AD01", "push 1"}, {"AS01", "state"}, {"AC04", "c4"},
-         {"AI01", "init 2"}, {"AD01", "push 2"}, {"AC03", "consent 2"}, {"AC04", "c4"}});
-    EXPECT_EQ(names(), (std::vector<std::string>{"push 1", "state", "c4", "init 2", "push 2", "consent 2", "c4"}));
-    EXPECT_EQ(log.sink->messages(platform::LogType::info).back(), "Added or replaced tag with id: c4");
+// The start-up ("AI01") and stored-consent ("AC03") tags are kept once, the newest last.
+TEST_F(TagCacheTest, StartUpTagsAreReplacedWhileOthersAccumulate) {
+    add({{"AI01", "init 1"}, {"AC03", "consent 1"}, {"AD01", "push 1"}, {"AC04", "c4"}, {"AI01", "init 2"},
+         {"AD01", "push 2"}, {"AC03", "consent 2"}, {"AC04", "c4"}});
+    EXPECT_EQ(names(), (std::vector<std::string>{"push 1", "c4", "init 2", "push 2", "consent 2", "c4"}));
 }
 
-TEST_F(TagCacheTest, RemovingTheEntryAfterASendStartsANewList) {
-    add({{"AD01", "one"}, {"AI01", "init"}});
-    MemoryCacheUtility::shared().remove(cache.userDefaultsKey);
-    EXPECT_TRUE(cache.tags().empty());
-    add({{"AD01", "after send"}});
-    EXPECT_EQ(names(), std::vector<std::string>{"after send"});
-}
-
-TEST_F(TagCacheTest, RemovingASnapshotKeepsTagsAddedSinceIt) {
-    EXPECT_TRUE(cache.snapshot().tags.empty());
-    cache.remove(cache.snapshot());  // nothing taken, nothing removed
+// Tags added while a report is on the wire stay for the next one.
+TEST_F(TagCacheTest, RemovingASentSnapshotKeepsTagsAddedSinceIt) {
     add({{"AI01", "init 1"}, {"AD01", "push 1"}, {"AS01", "state 1"}});
     const auto sent = cache.snapshot();
     EXPECT_EQ(namesOf(sent.tags), (std::vector<std::string>{"init 1", "push 1", "state 1"}));
-
-    // While the snapshot is on the wire: the start-up tag is replaced and more tags arrive.
     add({{"AD01", "push 2"}, {"AI01", "init 2"}});
     cache.remove(sent);
     EXPECT_EQ(names(), (std::vector<std::string>{"push 2", "init 2"}));
-    cache.remove(sent);  // a second removal of the same snapshot changes nothing
+    cache.remove(sent);
     EXPECT_EQ(names(), (std::vector<std::string>{"push 2", "init 2"}));
 
-    // A snapshot taken before the whole entry was removed never reaches tags added after that.
+    // A snapshot taken before the whole list was removed never reaches a later list.
     const auto stale = cache.snapshot();
     MemoryCacheUtility::shared().remove(cache.userDefaultsKey);
     add({{"AD01", "fresh"}});
@@ -73,55 +71,64 @@ TEST_F(TagCacheTest, HoldsAtMostOneThousandDroppingTheOldestButTheStartUpTags) {
     for (int i = 0; i < 1500; ++i) add({{"AD01", "push " + std::to_string(i)}});
     auto kept = names();
     ASSERT_EQ(kept.size(), TagCache::capacity);
-    // The two single tags survive however old they are; the rest is the newest 998 pushes.
-    EXPECT_EQ(kept[0], "init");
-    EXPECT_EQ(kept[1], "consent");
-    EXPECT_EQ(kept[2], "push 502");
-    EXPECT_EQ(kept.back(), "push 1499");
-
+    EXPECT_EQ((std::vector<std::string>{kept[0], kept[1], kept[2], kept.back()}),
+              (std::vector<std::string>{"init", "consent", "push 502", "push 1499"}));
     // Replacing a single tag at the cap keeps the size and moves it to the end.
     add({{"AI01", "init again"}});
     kept = names();
     ASSERT_EQ(kept.size(), TagCache::capacity);
-    EXPECT_EQ(kept[0], "consent");
-    EXPECT_EQ(kept[1], "push 502");
-    EXPECT_EQ(kept.back(), "init again");
+    EXPECT_EQ((std::vector<std::string>{kept[0], kept[1], kept.back()}),
+              (std::vector<std::string>{"consent", "push 502", "init again"}));
 }
 
-TEST_F(TagCacheTest, ConcurrentAddersLoseNoTag) {
-    constexpr int threads = 4, perThread = 200;
-    std::vector<std::thread> adders;
-    for (int t = 0; t < threads; ++t)
-        adders.emplace_back([&, t] {
-            for (int i = 0; i < perThread; ++i)
-                cache.addOrReplace(Tag::makeInfo("AD01", std::to_string(t) + ":" + std::to_string(i), i, true));
-        });
-    for (auto& a : adders) a.join();
-    const auto all = cache.tags();
-    ASSERT_EQ(all.size(), static_cast<std::size_t>(threads * perThread));
-    // Each thread's tags arrive complete and in its own order.
-    std::map<std::string, std::int64_t> next;
-    for (const auto& tag : all) EXPECT_EQ(tag.timestamp, next[tag.name.substr(0, tag.name.find(':'))]++) << tag.name;
-}
-
-TEST_F(TagCacheTest, NonFiniteNumbersAreDroppedOnTheWayInSoTheListStaysEncodable) {
+// A non-finite number would make the whole report unencodable.
+TEST_F(TagCacheTest, NonFiniteNumbersAreDroppedOnTheWayIn) {
     const double nan = std::nan(""), inf = std::numeric_limits<double>::infinity();
     Tag tag = Tag::makeInfo("AD01", "push", 1, true);
     tag.variables.frontend = {{"price", 9.5}, {"bad", nan}, {"nested", Tag::Dictionary{{"deep", -inf}, {"ok", 1}}}};
     tag.trigger.conditions = {AnyCodable(1.5), AnyCodable(inf), AnyCodable(Tag::Array{AnyCodable(nan), "x"})};
     tag.functions = {{"f", AnyCodable(static_cast<float>(nan))}};
     cache.addOrReplace(tag);
-
     const auto stored = cache.tags();
     ASSERT_EQ(stored.size(), 1u);
     EXPECT_NO_THROW(stored[0].encode());
-    EXPECT_TRUE(stored[0].variables.frontend ==
-                (Tag::Dictionary{{"price", 9.5}, {"nested", Tag::Dictionary{{"ok", 1}}}}));
+    EXPECT_TRUE(stored[0].variables.frontend == (Tag::Dictionary{{"price", 9.5}, {"nested", Tag::Dictionary{{"ok", 1}}}}));
     EXPECT_TRUE(stored[0].trigger.conditions == (Tag::Array{AnyCodable(1.5), AnyCodable(Tag::Array{"x"})}));
     EXPECT_TRUE(stored[0].functions.empty());
-    const auto debug = log.sink->messages(platform::LogType::debug);
-    ASSERT_EQ(debug.size(), 5u);
-    EXPECT_EQ(debug[0], "Warning: Non-finite number dropped from tag AD01 at trigger.conditions.Index 1.");
+}
+
+class MemoryCacheUtilityTest : public ::testing::Test {
+protected:
+    void SetUp() override { MemoryCacheUtility::resetShared(); }
+    void TearDown() override { MemoryCacheUtility::resetShared(); }
+    MemoryCacheUtility& cache = MemoryCacheUtility::shared();
+};
+
+std::vector<std::string> idsOf(const std::vector<PushPayload>& payloads) {
+    std::vector<std::string> ids;
+    for (const auto& p : payloads) ids.push_back(p.id);
+    return ids;
+}
+
+TEST_F(MemoryCacheUtilityTest, KeyedValueIsReadOnlyAsTheTypeItWasStoredAs) {
+    cache.set("k", std::string("text"));
+    EXPECT_EQ(cache.get<std::string>("k"), "text");
+    EXPECT_FALSE(cache.get<int>("k"));
+    cache.set("k", 7);
+    EXPECT_EQ(cache.get<int>("k"), 7);
+    cache.remove("k");
+    EXPECT_FALSE(cache.getAny("k").has_value());
+}
+
+// Payloads appended after a snapshot survive the removal of that snapshot.
+TEST_F(MemoryCacheUtilityTest, RemovingPushPayloadsByIdKeepsTheRestInOrder) {
+    for (int i = 0; i < 5; ++i) cache.appendPushPayload(PushPayload("pageview", "", {}, i, "P" + std::to_string(i)));
+    cache.removePushPayloads({"P3", "P0", "unknown"});
+    const auto snapshot = cache.getPushPayloads();
+    EXPECT_EQ(idsOf(snapshot), (std::vector<std::string>{"P1", "P2", "P4"}));
+    cache.appendPushPayload(PushPayload("pageview", "", {}, 5, "P5"));
+    cache.removePushPayloads(idsOf(snapshot));
+    EXPECT_EQ(idsOf(cache.getPushPayloads()), std::vector<std::string>{"P5"});
 }
 
 }  // namespace

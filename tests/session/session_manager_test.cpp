@@ -27,141 +27,119 @@ protected:
         SessionManager::resetForTesting();
         Clock::reset();
     }
-
-    Lines lines(LogType type) const { return log.sink->messages(type); }
+    static void post(const char* notification) { NotificationCenter::defaultCenter().post(notification); }
+    // Lifecycle events judged against a 60 s timeout; returns the running session.
+    static std::string observeWithSession() {
+        SessionManager::setSessionTimeout(60);
+        SessionManager::startObservingAppLifecycle();
+        return SessionManager::startOrResumeSession().first;
+    }
 
     testing::LogCapture log{LogLevel::debug};
 };
 
-const std::regex kUpperCaseUuid("[0-9A-F]{8}-[0-9A-F]{4}-[0-9A-F]{4}-[0-9A-F]{4}-[0-9A-F]{12}");
-
-TEST(Action, RawValuesBothWays) {
-    for (auto action : {Action::new_, Action::update}) EXPECT_EQ(actionFromRawValue(rawValue(action)), action);
-    EXPECT_STREQ(rawValue(Action::new_), "new");
-    EXPECT_STREQ(rawValue(Action::update), "update");
-    EXPECT_FALSE(actionFromRawValue("New") || actionFromRawValue(""));
+TEST_F(SessionManagerTest, TimeoutIsHalfAnHourUntilSet) {
+    EXPECT_EQ(SessionManager::getSessionTimeout(), 1800.0);
+    SessionManager::setSessionTimeout(0.1);
+    EXPECT_EQ(SessionManager::getSessionTimeout(), 0.1);
 }
 
-TEST_F(SessionManagerTest, TimeoutDefaultsTo1800AndIsLoggedWithAFraction) {
-    EXPECT_DOUBLE_EQ(SessionManager::getSessionTimeout(), 1800.0);
+// The shortest exact decimal, always with a fractional part.
+TEST_F(SessionManagerTest, NewTimeoutIsLoggedAsItsShortestDecimal) {
     Lines expected;
     for (const auto& [seconds, text] : std::vector<std::pair<double, std::string>>{
-             {1800, "1800.0"}, {10.5, "10.5"}, {0, "0.0"}, {-3, "-3.0"}, {100000, "100000.0"},
-             {1e6, "1000000.0"}, {0.0001, "0.0001"}, {2e15, "2000000000000000.0"}, {123456.789, "123456.789"},
-             {9007199254740991, "9007199254740991.0"},
-             // Beyond exact integers and below a ten-thousandth, digits in exponent form.
-             {9007199254740992, "9.007199254740992e+15"}, {1e300, "1e+300"}, {1e-7, "1e-07"},
-             {0.1, "0.1"}}) {
+             {1800, "1800.0"}, {-3, "-3.0"}, {0.0001, "0.0001"}, {123456.789, "123456.789"},
+             {9007199254740991, "9007199254740991.0"}, {9007199254740992, "9.007199254740992e+15"},
+             {1e300, "1e+300"}, {1e-7, "1e-07"}}) {
         SessionManager::setSessionTimeout(seconds);
         expected.push_back("Session timeout set to " + text + " seconds");
     }
-    EXPECT_EQ(lines(LogType::info), expected);
-    EXPECT_DOUBLE_EQ(SessionManager::getSessionTimeout(), 0.1);
+    EXPECT_EQ(log.sink->messages(LogType::info), expected);
 }
 
-TEST_F(SessionManagerTest, SubmissionsUpdateUntilTheTimeoutIsStrictlyExceeded) {
+// An elapsed time equal to the timeout still continues the session.
+TEST_F(SessionManagerTest, SubmissionsContinueTheSessionUntilTheTimeoutIsExceeded) {
     SessionManager::setSessionTimeout(10);
-    log.sink->clear();
     const auto [id, action] = SessionManager::startOrResumeSession();
     EXPECT_EQ(action, Action::new_);
-    EXPECT_TRUE(std::regex_match(id, kUpperCaseUuid)) << id;
-    EXPECT_EQ(SessionManager::getCurrentSessionID(), id);
-
-    // Each submission restarts the inactivity period: 10.0 twice is still the same session.
-    for (int i = 0; i < 2; ++i) {
+    EXPECT_TRUE(std::regex_match(id, std::regex("[0-9A-F]{8}-[0-9A-F]{4}-[0-9A-F]{4}-[0-9A-F]{4}-[0-9A-F]{12}")))
+        << id;
+    for (int i = 0; i < 2; ++i) {  // each submission restarts the inactivity period
         Clock::advance(10.0);
         EXPECT_EQ(SessionManager::startOrResumeSession(), std::make_pair(id, Action::update));
     }
-    EXPECT_DOUBLE_EQ(SessionManager::getLastActiveTimestamp(), 1'700'000'020.0);
-    EXPECT_EQ(lines(LogType::info), Lines{"New session started with ID: " + id});
-    EXPECT_EQ(lines(LogType::debug), (Lines{"New session action triggered: " + id, "Update session action triggered: " + id,
-                                            "Update session action triggered: " + id}));
-
     Clock::advance(10.5);
     const auto [later, laterAction] = SessionManager::startOrResumeSession();
     EXPECT_EQ(laterAction, Action::new_);
     EXPECT_NE(later, id);
-    EXPECT_TRUE(std::regex_match(later, kUpperCaseUuid)) << later;
-
-    // Ending forces a new session on the next submission; the last active time stays.
-    Clock::advance(1);
-    log.sink->clear();
-    SessionManager::endSession();
-    SessionManager::endSession();
-    EXPECT_FALSE(SessionManager::getCurrentSessionID());
-    EXPECT_EQ(lines(LogType::info), (Lines{"Session ended with ID: " + later, "Session ended with ID: unknown"}));
-    EXPECT_DOUBLE_EQ(SessionManager::getLastActiveTimestamp(), 1'700'000'030.5);
-    const auto [next, nextAction] = SessionManager::startOrResumeSession();
-    EXPECT_EQ(nextAction, Action::new_);
-    EXPECT_NE(next, later);
 }
 
-TEST_F(SessionManagerTest, LifecycleNotificationsReachTheHandlersUntilReset) {
-    SessionManager::setSessionTimeout(60);
-    SessionManager::startObservingAppLifecycle();
-    EXPECT_EQ(lines(LogType::info).back(), "Started observing app lifecycle events");
-    auto& center = NotificationCenter::defaultCenter();
-
-    // Within the timeout and without a session, coming to the foreground starts nothing.
-    log.sink->clear();
-    SessionManager::setLastActiveTimestamp(Clock::now() - 50);
-    center.post(NotificationCenter::willEnterForeground);
-    EXPECT_FALSE(SessionManager::getCurrentSessionID());
-    EXPECT_DOUBLE_EQ(SessionManager::getLastActiveTimestamp(), Clock::now());
-    EXPECT_EQ(lines(LogType::debug), Lines{"Resuming existing session with ID: unknown"});
-
+TEST_F(SessionManagerTest, SubmissionAfterEndSessionStartsANewSession) {
     const auto id = SessionManager::startOrResumeSession().first;
-    log.sink->clear();
-    Clock::advance(20);
-    center.post(NotificationCenter::didEnterBackground);
-    EXPECT_DOUBLE_EQ(SessionManager::getLastActiveTimestamp(), Clock::now());
-    // Time in the background counts as inactivity: 50 s is within the timeout.
-    Clock::advance(50);
-    center.post(NotificationCenter::willEnterForeground);
-    EXPECT_EQ(SessionManager::getCurrentSessionID(), id);
-    EXPECT_EQ(lines(LogType::debug), Lines{"Resuming existing session with ID: " + id});
+    Clock::advance(1);
+    SessionManager::endSession();
+    EXPECT_FALSE(SessionManager::getCurrentSessionID());
+    EXPECT_EQ(SessionManager::getLastActiveTimestamp(), 1'700'000'000.0);
+    const auto [next, action] = SessionManager::startOrResumeSession();
+    EXPECT_EQ(action, Action::new_);
+    EXPECT_NE(next, id);
+}
 
-    // 61 s in the background exceeds it: a new session, which the next submission continues.
-    log.sink->clear();
-    center.post(NotificationCenter::didEnterBackground);
+// Time in the background counts as inactivity.
+TEST_F(SessionManagerTest, ForegroundWithinTheTimeoutResumesTheSession) {
+    const auto id = observeWithSession();
+    Clock::advance(20);
+    post(NotificationCenter::didEnterBackground);
+    Clock::advance(50);
+    post(NotificationCenter::willEnterForeground);
+    EXPECT_EQ(SessionManager::getCurrentSessionID(), id);
+    EXPECT_EQ(SessionManager::getLastActiveTimestamp(), Clock::now());
+    EXPECT_EQ(log.sink->messages(LogType::debug).back(), "Resuming existing session with ID: " + id);
+}
+
+// The next submission continues the session the foreground event started.
+TEST_F(SessionManagerTest, ForegroundAfterTheTimeoutStartsANewSession) {
+    const auto id = observeWithSession();
+    post(NotificationCenter::didEnterBackground);
     Clock::advance(61);
-    center.post(NotificationCenter::willEnterForeground);
+    post(NotificationCenter::willEnterForeground);
     const auto renewed = SessionManager::getCurrentSessionID();
     ASSERT_TRUE(renewed);
     EXPECT_NE(*renewed, id);
-    EXPECT_EQ(lines(LogType::debug), Lines{"Session timeout detected. Starting a new session."});
     EXPECT_EQ(SessionManager::startOrResumeSession(), std::make_pair(*renewed, Action::update));
-
-    center.post(NotificationCenter::willTerminate);
-    EXPECT_FALSE(SessionManager::getCurrentSessionID());
-    EXPECT_EQ(lines(LogType::info),
-              (Lines{"App entered background", "App will enter foreground", "New session started with ID: " + *renewed,
-                     "App will terminate", "Session ended with ID: " + *renewed}));
-
-    SessionManager::resetForTesting();
-    SessionManager::setCurrentSessionID("KEEP");
-    log.sink->clear();
-    center.post(NotificationCenter::willTerminate);
-    EXPECT_EQ(SessionManager::getCurrentSessionID(), "KEEP");
-    EXPECT_TRUE(log.sink->messages().empty());
 }
 
-TEST_F(SessionManagerTest, LastActiveTimeIsReadOnceOnFirstUseEvenWhenRaced) {
-    Clock::advance(42);  // after reset, before any access
-    EXPECT_DOUBLE_EQ(SessionManager::getLastActiveTimestamp(), 1'700'000'042.0);
-    Clock::advance(1);
-    EXPECT_DOUBLE_EQ(SessionManager::getLastActiveTimestamp(), 1'700'000'042.0);
+// Deliberately: the next submission starts it.
+TEST_F(SessionManagerTest, ForegroundWithoutASessionStartsNone) {
+    observeWithSession();
+    SessionManager::endSession();
+    SessionManager::setLastActiveTimestamp(Clock::now() - 50);
+    post(NotificationCenter::willEnterForeground);
+    EXPECT_FALSE(SessionManager::getCurrentSessionID());
+    EXPECT_EQ(SessionManager::getLastActiveTimestamp(), Clock::now());
+    EXPECT_EQ(log.sink->messages(LogType::debug).back(), "Resuming existing session with ID: unknown");
+}
 
-    // A clock that moves on every reading: racing first readers must still agree.
-    SessionManager::resetForTesting();
+TEST_F(SessionManagerTest, TerminationEndsTheSessionOnlyWhileObserving) {
+    SessionManager::setCurrentSessionID("KEEP");
+    post(NotificationCenter::willTerminate);
+    EXPECT_EQ(SessionManager::getCurrentSessionID(), "KEEP");
+    SessionManager::startObservingAppLifecycle();
+    post(NotificationCenter::willTerminate);
+    EXPECT_FALSE(SessionManager::getCurrentSessionID());
+    EXPECT_EQ(log.sink->messages(LogType::info).back(), "Session ended with ID: KEEP");
+}
+
+// A clock that moves on every reading: racing first readers must still agree.
+TEST_F(SessionManagerTest, LastActiveTimeIsReadOnceOnFirstUseEvenWhenRaced) {
     double ticks = 0;
     Clock::setSource([&ticks] { return ticks += 1; });
     std::vector<std::thread> threads;
     std::vector<double> seen(4);
     for (int i = 0; i < 4; ++i) threads.emplace_back([&, i] { seen[i] = SessionManager::getLastActiveTimestamp(); });
     for (auto& t : threads) t.join();
-    Clock::reset();
     EXPECT_EQ(seen, std::vector<double>(4, 1.0));
+    EXPECT_EQ(SessionManager::getLastActiveTimestamp(), 1.0);
 }
 
 TEST_F(SessionManagerTest, ConcurrentSubmissionsAgreeOnOneSession) {
