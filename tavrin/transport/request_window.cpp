@@ -44,6 +44,7 @@ void RequestWindow::send(std::shared_ptr<platform::HttpClient> client, platform:
         std::lock_guard lock(mutex_);
         Lane& lane = lanes_[entry.request.url];
         if (lane.inFlight >= perEndpoint_) {
+            entry.waited = true;
             lane.waiting.push_back(std::move(entry));
             return;
         }
@@ -69,7 +70,9 @@ void RequestWindow::launch(Request request) {
                                   "the request's time ran out while it waited for a connection"))});
             return;
         }
-        request.request.timeoutSeconds = left;
+        // Sent at once, the request keeps the timeout its sender chose; after
+        // a wait, only what is left of it.
+        if (request.waited) request.request.timeoutSeconds = left;
         if (request.body) request.request.body = *request.body;
         request.body = nullptr;
         request.client->send(std::move(request.request), std::move(finish));

@@ -43,6 +43,7 @@ private:
         std::shared_ptr<const Bytes> body;
         Clock::time_point deadline;
         platform::HttpClient::Completion completion;
+        bool waited = false;
     };
     struct Lane {
         std::size_t inFlight = 0;
