@@ -73,7 +73,11 @@ TEST_F(CacheBudgetTest, StartUpReadsRecordsOneAtATimeAndDropsWhatTheBudgetCannot
     const long before = peakResidentKiB();
     auto cache = std::make_unique<OfflineCache>(store);
     const auto entries = cache->entries();
+#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)  // there shadow memory dwarfs the heap
     EXPECT_LT(peakResidentKiB() - before, 10 * 1024) << "KiB more at the peak of loading 14 MB of records";
+#else
+    (void)before;
+#endif
     ASSERT_EQ(entries.size(), 11u);  // 11 * 900 KiB fit in 10 MiB
     EXPECT_EQ(entries.front().sequence, 1u);
     EXPECT_EQ(log.sink->count("Cache byte limit exceeded. Oldest request removed."), 1u);
