@@ -1,13 +1,19 @@
 #pragma once
 // What the benchmarks that reach a server share: a log sink that formats and
-// drops every line, and a minimal keep-alive HTTP/1.1 server answering 200.
+// drops every line, and a minimal keep-alive HTTP/1.1 server answering 200
+// (at once, or after a delay per answer, one thread per connection), in this
+// process or in a child of its own.
 
 #include <arpa/inet.h>
 #include <netinet/in.h>
+#include <signal.h>
+#include <sys/mman.h>
 #include <sys/socket.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <atomic>
+#include <chrono>
 #include <mutex>
 #include <thread>
 #include <vector>
@@ -26,7 +32,9 @@ public:
 // Minimal keep-alive HTTP/1.1 server answering every request with 200.
 class OkServer {
 public:
-    OkServer() {
+    // count: where answered requests are counted (another process's memory, say).
+    explicit OkServer(std::chrono::milliseconds delay = std::chrono::milliseconds(0), std::atomic<long>* count = nullptr)
+        : delay_(delay), count_(count ? count : &requests_) {
         fd_ = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
         sockaddr_in address{};
         address.sin_family = AF_INET;
@@ -54,7 +62,7 @@ public:
         close(fd_);
     }
     int port() const { return port_; }
-    long requests() const { return requests_; }
+    long requests() const { return count_->load(); }
 
 private:
     void serve(int c) {
@@ -68,7 +76,8 @@ private:
                 if (at != std::string::npos && at < end) length = std::stoul(buffer.substr(at + 16));
                 if (buffer.size() >= end + 4 + length) {
                     buffer.erase(0, end + 4 + length);
-                    ++requests_;
+                    if (delay_.count() > 0) std::this_thread::sleep_for(delay_);
+                    ++*count_;
                     static constexpr char kOk[] = "HTTP/1.1 200 OK\r\nContent-Length: 0\r\n\r\n";
                     if (::send(c, kOk, sizeof kOk - 1, MSG_NOSIGNAL) < 0) return;
                     continue;
@@ -80,6 +89,7 @@ private:
         }
     }
 
+    std::chrono::milliseconds delay_;
     int fd_ = -1;
     int port_ = 0;
     std::thread thread_;
@@ -87,6 +97,49 @@ private:
     std::vector<int> connections_;
     std::vector<std::thread> workers_;
     std::atomic<long> requests_{0};
+    std::atomic<long>* count_;
+};
+
+// The same server in a child process, so that what the benchmark measures of
+// its own process (peak resident memory, CPU time) is the host's alone: the
+// server's threads would otherwise add their stacks, buffers and allocator
+// arenas. The count of answered requests lives in memory both share.
+class ChildOkServer {
+public:
+    ChildOkServer() {
+        void* shared = mmap(nullptr, sizeof(std::atomic<long>), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
+        count_ = new (shared) std::atomic<long>(0);
+        int ready[2];
+        if (pipe(ready) != 0) return;
+        pid_ = fork();
+        if (pid_ == 0) {
+            close(ready[0]);
+            OkServer server(std::chrono::milliseconds(0), count_);
+            const int port = server.port();
+            (void)!write(ready[1], &port, sizeof port);
+            close(ready[1]);
+            for (;;) pause();  // until the parent kills it
+        }
+        close(ready[1]);
+        if (read(ready[0], &port_, sizeof port_) != static_cast<ssize_t>(sizeof port_)) port_ = 0;
+        close(ready[0]);
+    }
+    ~ChildOkServer() {
+        if (pid_ > 0) {
+            kill(pid_, SIGKILL);
+            waitpid(pid_, nullptr, 0);
+        }
+        munmap(count_, sizeof *count_);
+    }
+    ChildOkServer(const ChildOkServer&) = delete;
+    ChildOkServer& operator=(const ChildOkServer&) = delete;
+    int port() const { return port_; }
+    long requests() const { return count_->load(); }
+
+private:
+    std::atomic<long>* count_ = nullptr;
+    pid_t pid_ = -1;
+    int port_ = 0;
 };
 
 }  // namespace tavrin::bench

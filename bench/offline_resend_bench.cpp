@@ -1,6 +1,8 @@
 // The offline cache on disk: the resend walk of 1,000 cached 3 KB data
-// submissions to a loopback server (time, and bytes the process wrote to
-// storage during it), and adding one request to a full cache.
+// submissions to a loopback server answering at once or after 50 ms (time,
+// and bytes the process wrote to storage during it), the bytes written to
+// storage per cached request from caching to removal, and adding one request
+// to a full cache.
 #include <benchmark/benchmark.h>
 #include <arpa/inet.h>
 #include <netinet/in.h>
@@ -91,20 +93,25 @@ Environment& environment() {
     return env;
 }
 
+TrackConfig benchConfig(int port) {
+    return TrackConfig{.trackDomain = "127.0.0.1:" + std::to_string(port),
+                       .container = "shop-app",
+                       .environment = TrackConfig::Environment::live,
+                       .version = std::nullopt,
+                       .debugCode = std::nullopt,
+                       .sessionTimeoutInSeconds = std::nullopt,
+                       .authorizationToken = "token",
+                       .customProtocol = "http",
+                       .enableOfflineTracking = true,
+                       .offlineTrackingTimeout = 86400};
+}
+
+// Argument: milliseconds the server takes per answer.
 void BM_ResendWalkOf1000Cached3KBSubmissions(benchmark::State& state) {
     auto& env = environment();
-    OkServer server;
+    OkServer server{std::chrono::milliseconds(state.range(0))};
     auto client = std::make_shared<platform::CurlHttpClient>();
-    TrackingSettings::configure(TrackConfig{.trackDomain = "127.0.0.1:" + std::to_string(server.port()),
-                                            .container = "shop-app",
-                                            .environment = TrackConfig::Environment::live,
-                                            .version = std::nullopt,
-                                            .debugCode = std::nullopt,
-                                            .sessionTimeoutInSeconds = std::nullopt,
-                                            .authorizationToken = "token",
-                                            .customProtocol = "http",
-                                            .enableOfflineTracking = true,
-                                            .offlineTrackingTimeout = 86400});
+    TrackingSettings::configure(benchConfig(server.port()));
     double writtenMB = 0, walDbMB = 0;
     int runs = 0;
     for (auto _ : state) {
@@ -115,14 +122,14 @@ void BM_ResendWalkOf1000Cached3KBSubmissions(benchmark::State& state) {
         auto service = std::make_shared<Service>(client, TrackingSettings::shared(), manager);
         manager->setService(service);
         manager->configure(true, 86400);
-        if (manager->offlineCache().getCachedRequests().size() != kCached) state.SkipWithError("template not loaded");
+        if (manager->offlineCache().entries().size() != kCached) state.SkipWithError("template not loaded");
         const long long before = storageBytesWritten();
         state.ResumeTiming();
         manager->resendCachedRequests().get();
         manager->offlineCache().drain();
         state.PauseTiming();
         writtenMB += static_cast<double>(storageBytesWritten() - before) / 1e6;
-        if (!manager->offlineCache().getCachedRequests().empty()) state.SkipWithError("requests left in the cache");
+        if (!manager->offlineCache().entries().empty()) state.SkipWithError("requests left in the cache");
         std::error_code ec;
         walDbMB += static_cast<double>(fs::file_size(file, ec) + fs::file_size(fs::path(file.string() + "-wal"), ec)) / 1e6;
         ++runs;
@@ -134,14 +141,69 @@ void BM_ResendWalkOf1000Cached3KBSubmissions(benchmark::State& state) {
     state.counters["delivered"] = static_cast<double>(server.requests()) / runs;
     client->shutdown();
 }
-BENCHMARK(BM_ResendWalkOf1000Cached3KBSubmissions)->Iterations(3)->Unit(benchmark::kMillisecond)->UseRealTime();
+BENCHMARK(BM_ResendWalkOf1000Cached3KBSubmissions)->Arg(0)->Arg(50)->Iterations(3)->Unit(benchmark::kMillisecond)->UseRealTime();
+
+// Storage written per cached 3 KB request, from caching it to removing it
+// after delivery: 1,000 requests cached one at a time (argument 0: each
+// waits until the previous one is durable) or arriving together (1: a burst
+// of submissions during an outage), then resent to a loopback server.
+void BM_StorageWrittenPerCachedRequest(benchmark::State& state) {
+    auto& env = environment();
+    OkServer server;
+    auto client = std::make_shared<platform::CurlHttpClient>();
+    TrackingSettings::configure(benchConfig(server.port()));
+    std::vector<Bytes> bodies;
+    for (int i = 0; i < kCached; ++i) bodies.push_back(submissionBody(i));
+    const bool together = state.range(0) == 1;
+    double cachingKB = 0, removingKB = 0;
+    int runs = 0;
+    for (auto _ : state) {
+        const auto directory = env.root / ("storage-" + std::to_string(runs));
+        fs::remove_all(directory);
+        auto store = std::make_shared<platform::SqliteKeyValueStore>(directory / "db.sqlite");
+        auto manager = std::make_shared<OfflineCacheManager>(std::make_shared<OfflineCache>(store));
+        auto service = std::make_shared<Service>(client, TrackingSettings::shared(), manager);
+        manager->setService(service);
+        manager->configure(true, 86400);
+        manager->offlineCache().drain();
+        const long long start = storageBytesWritten();
+        if (together) {
+            std::atomic<int> left{kCached};
+            std::promise<void> all;
+            for (const auto& body : bodies)
+                manager->cacheRequest(OfflineCache::RequestType::dataSubmission, body, [&] {
+                    if (--left == 0) all.set_value();
+                });
+            all.get_future().wait();
+        } else {
+            for (const auto& body : bodies) {
+                std::promise<void> durable;
+                manager->cacheRequest(OfflineCache::RequestType::dataSubmission, body, [&] { durable.set_value(); });
+                durable.get_future().wait();
+            }
+        }
+        const long long cachedAt = storageBytesWritten();
+        manager->resendCachedRequests().get();
+        manager->offlineCache().drain();
+        if (!manager->offlineCache().entries().empty()) state.SkipWithError("requests left in the cache");
+        cachingKB += static_cast<double>(cachedAt - start) / 1e3 / kCached;
+        removingKB += static_cast<double>(storageBytesWritten() - cachedAt) / 1e3 / kCached;
+        ++runs;
+        manager->shutdown(std::chrono::seconds(1));
+    }
+    state.counters["caching_KB_per_request"] = cachingKB / runs;
+    state.counters["removing_KB_per_request"] = removingKB / runs;
+    state.counters["total_KB_per_request"] = (cachingKB + removingKB) / runs;
+    client->shutdown();
+}
+BENCHMARK(BM_StorageWrittenPerCachedRequest)->Arg(0)->Arg(1)->Iterations(2)->Unit(benchmark::kMillisecond)->UseRealTime();
 
 // One durable addition to a full cache (the oldest request is dropped).
 void BM_AddOneRequestWith1000Cached(benchmark::State& state) {
     auto& env = environment();
     auto store = std::make_shared<platform::SqliteKeyValueStore>(env.copy("add"));
     OfflineCache cache(store);
-    if (cache.getCachedRequests().size() != kCached) state.SkipWithError("template not loaded");
+    if (cache.entries().size() != kCached) state.SkipWithError("template not loaded");
     const Bytes body = submissionBody(0);
     for (auto _ : state) {
         std::promise<void> durable;

@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <chrono>
 #include <cmath>
+#include <cstdint>
 #include <cstdio>
 #include <deque>
 #include <exception>
@@ -25,7 +26,9 @@ namespace {
 using detail::trimmedField;
 
 constexpr double kDefaultTimeoutSeconds = 60;
-constexpr long kMaxRedirects = 16;
+// Header lines kept per response, whatever the body limit: a server that
+// sends header lines without end is stopped like one with an endless body.
+constexpr std::size_t kMaxHeaderBytes = 256 * 1024;
 // Upper bound of one wait for socket activity; new requests and timers wake
 // the thread earlier.
 constexpr int kPollIntervalMs = 1000;
@@ -62,8 +65,8 @@ struct Transfer {
     curl_slist* headerList = nullptr;
     char errorBuffer[CURL_ERROR_SIZE] = {};
 
-    // The header block being read; a new status line (redirect, interim 1xx)
-    // starts a new one, so only the final response's fields remain.
+    // The header block being read; a new status line (interim 1xx) starts a
+    // new one, so only the final response's fields remain.
     int blockStatus = 0;
     HttpHeaders blockHeaders;
     bool finalBlockStarted = false;
@@ -72,6 +75,9 @@ struct Transfer {
     HttpHeaders interimHeaders;
 
     HttpResponse response;
+    std::size_t maxBodyBytes = 0;
+    std::size_t headerBytes = 0;
+    bool tooLarge = false;
 
     ~Transfer() {
         if (easy) curl_easy_cleanup(easy);
@@ -105,8 +111,6 @@ struct Transfer {
                     blockStatus = std::stoi(std::string(code));
             }
             if (blockStatus < 100 || blockStatus >= 200) finalBlockStarted = true;
-            // A body seen so far belonged to a response that was followed.
-            response.body.clear();
             return;
         }
         if (trimmedField(line).empty()) {
@@ -136,6 +140,11 @@ struct Transfer {
 size_t writeBody(char* data, size_t size, size_t count, void* user) {
     auto* transfer = static_cast<Transfer*>(user);
     const size_t bytes = size * count;
+    if (bytes > transfer->maxBodyBytes - transfer->response.body.size()) {
+        // Returning less than was given stops the transfer (CURLE_WRITE_ERROR).
+        transfer->tooLarge = true;
+        return 0;
+    }
     transfer->response.body.insert(transfer->response.body.end(), reinterpret_cast<std::uint8_t*>(data),
                                    reinterpret_cast<std::uint8_t*>(data) + bytes);
     return bytes;
@@ -144,14 +153,22 @@ size_t writeBody(char* data, size_t size, size_t count, void* user) {
 size_t writeHeader(char* data, size_t size, size_t count, void* user) {
     auto* transfer = static_cast<Transfer*>(user);
     const size_t bytes = size * count;
+    transfer->headerBytes += bytes;
+    if (transfer->headerBytes > kMaxHeaderBytes) {
+        transfer->tooLarge = true;
+        return 0;
+    }
     transfer->onHeaderLine(std::string_view(data, bytes));
     return bytes;
 }
 
 }  // namespace
 
-struct CurlHttpClient::Impl {
-    explicit Impl(const Options& options) : options(options) {
+// Shared by the client and its thread: the thread keeps it alive until it
+// ends, so a client dropped or shut down from one of its own completions lets
+// the thread finish by itself instead of joining itself.
+struct CurlHttpClient::Impl : std::enable_shared_from_this<Impl> {
+    explicit Impl(Options opts) : options(std::move(opts)) {
         ensureCurlGlobalInit();
         multi = curl_multi_init();
         share = curl_share_init();
@@ -165,17 +182,21 @@ struct CurlHttpClient::Impl {
         curl_share_setopt(share, CURLSHOPT_SHARE, CURL_LOCK_DATA_SSL_SESSION);
         curl_multi_setopt(multi, CURLMOPT_MAX_HOST_CONNECTIONS, options.maxConnectionsPerHost);
         curl_multi_setopt(multi, CURLMOPT_MAXCONNECTS, std::max(8L, options.maxConnectionsPerHost * 4));
-        try {
-            thread = std::thread([this] { run(); });
-        } catch (...) {
-            curl_multi_cleanup(multi);
-            curl_share_cleanup(share);
-            throw;
-        }
+    }
+
+    void startThread() {
+        thread = std::thread([self = shared_from_this()] { self->run(); });
     }
 
     ~Impl() {
-        stop();
+        // Only the thread itself can hold the last reference while it runs.
+        if (thread.joinable()) {
+            if (thread.get_id() == std::this_thread::get_id()) {
+                thread.detach();
+            } else {
+                thread.join();
+            }
+        }
         for (auto& [easy, transfer] : active) curl_multi_remove_handle(multi, easy);
         active.clear();
         curl_multi_cleanup(multi);
@@ -200,6 +221,8 @@ struct CurlHttpClient::Impl {
             stopping = true;
         }
         curl_multi_wakeup(multi);
+        // From a completion the thread ends the requests once it returns.
+        if (std::this_thread::get_id() == thread.get_id()) return;
         std::lock_guard joinLock(joinMutex);
         if (thread.joinable()) thread.join();
     }
@@ -262,9 +285,14 @@ struct CurlHttpClient::Impl {
         curl_easy_setopt(easy, CURLOPT_HEADERDATA, &t);
         curl_easy_setopt(easy, CURLOPT_SHARE, share);
         curl_easy_setopt(easy, CURLOPT_PROTOCOLS_STR, "http,https");
-        curl_easy_setopt(easy, CURLOPT_REDIR_PROTOCOLS_STR, "http,https");
-        curl_easy_setopt(easy, CURLOPT_FOLLOWLOCATION, options.followRedirects ? 1L : 0L);
-        curl_easy_setopt(easy, CURLOPT_MAXREDIRS, kMaxRedirects);
+        // A redirect would carry the body (and its credential) to a place the
+        // caller did not name, or turn a POST into a bodiless GET that reports
+        // success: the 3xx itself is the answer.
+        curl_easy_setopt(easy, CURLOPT_FOLLOWLOCATION, 0L);
+        t.maxBodyBytes = options.maxResponseBodyBytes;
+        // A declared length over the limit is refused before any of it is read.
+        curl_easy_setopt(easy, CURLOPT_MAXFILESIZE_LARGE, static_cast<curl_off_t>(
+            std::min<std::size_t>(t.maxBodyBytes, static_cast<std::size_t>(INT64_MAX))));
         curl_easy_setopt(easy, CURLOPT_TCP_KEEPALIVE, 1L);
         // Name lookups run on libcurl's resolver threads. Ending a transfer
         // whose lookup still hangs (its timeout, a shutdown) would otherwise
@@ -376,12 +404,20 @@ struct CurlHttpClient::Impl {
             t.succeed(std::move(response));
             return;
         }
+        if ((result == CURLE_WRITE_ERROR && t.tooLarge) || result == CURLE_FILESIZE_EXCEEDED) {
+            long status = 0;
+            curl_easy_getinfo(t.easy, CURLINFO_RESPONSE_CODE, &status);
+            t.fail(std::make_exception_ptr(UrlError(
+                UrlError::Code::responseTooLarge, curl_easy_strerror(result),
+                "status " + std::to_string(status) + ", answer longer than " + std::to_string(t.maxBodyBytes) + " bytes")));
+            return;
+        }
         long osErrno = 0;
         curl_easy_getinfo(t.easy, CURLINFO_OS_ERRNO, &osErrno);
         t.fail(std::make_exception_ptr(detail::urlErrorFromCurl(result, osErrno, t.errorBuffer)));
     }
 
-    const Options& options;
+    const Options options;
     const std::uint32_t generation = forkGeneration();
     CURLM* multi = nullptr;
     CURLSH* share = nullptr;
@@ -396,12 +432,17 @@ struct CurlHttpClient::Impl {
 
 CurlHttpClient::CurlHttpClient() : CurlHttpClient(Options{}) {}
 
-CurlHttpClient::CurlHttpClient(Options options)
-    : options_(std::move(options)), impl_(std::make_unique<Impl>(options_)) {}
+CurlHttpClient::CurlHttpClient(Options options) : options_(std::move(options)), impl_(std::make_shared<Impl>(options_)) {
+    impl_->startThread();
+}
 
 CurlHttpClient::~CurlHttpClient() {
     // A forked child's copy: the thread and the connections are the parent's.
-    if (impl_->generation != forkGeneration()) keepForever(std::shared_ptr<Impl>(std::move(impl_)));
+    if (impl_->generation != forkGeneration()) {
+        keepForever(std::move(impl_));
+        return;
+    }
+    impl_->stop();
 }
 
 void CurlHttpClient::shutdown() {

@@ -7,6 +7,7 @@
 #include <condition_variable>
 #include <deque>
 #include <exception>
+#include <map>
 
 #include "tavrin/sdk/internal/logger_utility.h"
 
@@ -99,6 +100,28 @@ public:
         return ticket;
     }
 
+    // A block that becomes due at `when`; its token cancels it.
+    std::uint64_t postAt(std::chrono::steady_clock::time_point when, std::function<void()> block) {
+        std::uint64_t token;
+        {
+            std::lock_guard lock(mutex_);
+            token = ++timerTokens_;
+            timed_.emplace(token, Timed{when, std::move(block)});
+        }
+        work_.notify_all();
+        return token;
+    }
+
+    bool cancelTimed(std::uint64_t token) {
+        std::function<void()> dropped;  // released outside the lock
+        std::lock_guard lock(mutex_);
+        auto found = timed_.find(token);
+        if (found == timed_.end()) return false;
+        dropped = std::move(found->second.block);
+        timed_.erase(found);
+        return true;
+    }
+
     std::uint64_t posted() const {
         std::lock_guard lock(mutex_);
         return posted_;
@@ -148,8 +171,19 @@ private:
             std::function<void()> block;
             {
                 std::unique_lock lock(core->mutex_);
-                core->work_.wait(lock, [&] { return core->stopping_ || !core->blocks_.empty(); });
-                if (core->blocks_.empty()) return;
+                for (;;) {
+                    core->releaseDueTimers();
+                    if (core->stopping_ || !core->blocks_.empty()) break;
+                    if (core->timed_.empty()) {
+                        core->work_.wait(lock);
+                    } else {
+                        core->work_.wait_until(lock, core->nextDue());
+                    }
+                }
+                if (core->blocks_.empty()) {
+                    // Timers not yet due at the end never run; they go with the core.
+                    return;
+                }
                 block = std::move(core->blocks_.front());
                 core->blocks_.pop_front();
             }
@@ -165,12 +199,41 @@ private:
         }
     }
 
+    struct Timed {
+        std::chrono::steady_clock::time_point when;
+        std::function<void()> block;
+    };
+
+    // With the lock held: moves the due timed blocks to the queue, earliest first.
+    void releaseDueTimers() {
+        if (timed_.empty()) return;
+        const auto now = std::chrono::steady_clock::now();
+        std::vector<std::map<std::uint64_t, Timed>::iterator> due;
+        for (auto it = timed_.begin(); it != timed_.end(); ++it)
+            if (it->second.when <= now) due.push_back(it);
+        std::sort(due.begin(), due.end(), [](auto a, auto b) { return a->second.when < b->second.when; });
+        for (auto it : due) {
+            blocks_.push_back(std::move(it->second.block));
+            ++posted_;
+            timed_.erase(it);
+        }
+    }
+
+    std::chrono::steady_clock::time_point nextDue() const {
+        auto earliest = std::chrono::steady_clock::time_point::max();
+        for (const auto& [token, timed] : timed_) earliest = std::min(earliest, timed.when);
+        return earliest;
+    }
+
     mutable std::mutex mutex_;
     std::condition_variable work_;
     std::condition_variable finishedCv_;
     std::deque<std::function<void()>> blocks_;
     std::uint64_t posted_ = 0;
     std::uint64_t finished_ = 0;
+    // Few at a time (a retry timer or two), so a map by token does.
+    std::map<std::uint64_t, Timed> timed_;
+    std::uint64_t timerTokens_ = 0;
     bool stopping_ = false;
     std::vector<std::thread> threads_;  // touched only by start and stop
     const std::uint32_t generation_ = forkGeneration();
@@ -189,6 +252,14 @@ const std::string& SerialQueue::label() const noexcept { return core_->label; }
 bool SerialQueue::isCurrent() const noexcept { return core_->isCurrent(); }
 
 void SerialQueue::async(std::function<void()> block) { enqueue(std::move(block)); }
+
+std::uint64_t SerialQueue::asyncAfter(std::chrono::milliseconds delay, std::function<void()> block) {
+    detail::WorkerCore::revive(core_);
+    return core_->postAt(std::chrono::steady_clock::now() + std::max(delay, std::chrono::milliseconds(0)),
+                         std::move(block));
+}
+
+bool SerialQueue::cancel(std::uint64_t token) { return core_->cancelTimed(token); }
 
 void SerialQueue::enqueue(std::function<void()> block) {
     detail::WorkerCore::revive(core_);

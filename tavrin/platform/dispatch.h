@@ -8,6 +8,7 @@
 // blocks already submitted and end by themselves. An exception escaping an
 // asynchronous block is logged at error level; the queue goes on.
 
+#include <chrono>
 #include <cstdint>
 #include <functional>
 #include <future>
@@ -57,6 +58,12 @@ public:
     const std::string& label() const noexcept;
 
     void async(std::function<void()> block);
+    // Runs the block on the queue once `delay` has passed (in order with the
+    // other blocks from then on). Blocks not yet due when the queue is
+    // destroyed never run. The returned token cancels it.
+    std::uint64_t asyncAfter(std::chrono::milliseconds delay, std::function<void()> block);
+    // True when the block had not started yet; it will not run.
+    bool cancel(std::uint64_t token);
 
     // Runs the block on the queue after everything submitted before it and
     // waits for its result; exceptions reach the caller. Called from the

@@ -6,6 +6,7 @@
 // failures (no connection, timeout, TLS, cancellation) are UrlError
 // exceptions; an HTTP status of any value is a response, not an error.
 
+#include <cstddef>
 #include <cstdint>
 #include <exception>
 #include <functional>
@@ -75,6 +76,9 @@ public:
         networkConnectionLost,
         notConnectedToInternet,
         badServerResponse,
+        // The answer's body was larger than the client keeps; the transfer
+        // was stopped.
+        responseTooLarge,
         cancelled,
         unknown,
     };
@@ -144,6 +148,8 @@ public:
 };
 
 // libcurl multi handle driven by one thread; connections are kept and reused.
+// A redirect is never followed: a 3xx is the answer, so a body is never sent
+// anywhere but the URL its caller named.
 class CurlHttpClient final : public HttpClient {
 public:
     struct Options {
@@ -158,7 +164,10 @@ public:
         // Connections kept open to one host at a time; further requests wait
         // for a free one.
         long maxConnectionsPerHost = 6;
-        bool followRedirects = true;
+        // Largest response body kept; a longer one stops the transfer, which
+        // fails with UrlError responseTooLarge, so memory stays flat whatever
+        // a server sends.
+        std::size_t maxResponseBodyBytes = 64 * 1024;
         // Proxy URL; empty text means no proxy; absent means the environment's
         // (http_proxy, https_proxy, no_proxy).
         std::optional<std::string> proxy = std::nullopt;
@@ -176,7 +185,8 @@ public:
 
     // Fails every waiting and running request with UrlError cancelled and
     // joins the client's thread. Later requests fail at once with cancelled.
-    // Idempotent. Must not be called from the client's own thread.
+    // Idempotent. From the client's own thread (a completion) it does not
+    // wait: the requests are ended once that completion returns.
     void shutdown();
 
     const Options& options() const noexcept { return options_; }
@@ -184,7 +194,7 @@ public:
 private:
     struct Impl;
     Options options_;
-    std::unique_ptr<Impl> impl_;
+    std::shared_ptr<Impl> impl_;
 };
 
 }  // namespace tavrin::platform

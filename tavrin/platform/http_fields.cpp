@@ -81,6 +81,7 @@ const char* UrlError::description(Code code) noexcept {
         case Code::networkConnectionLost: return "The network connection was lost.";
         case Code::notConnectedToInternet: return "The Internet connection appears to be offline.";
         case Code::badServerResponse: return "The server's response could not be understood.";
+        case Code::responseTooLarge: return "The server's response was larger than the client accepts.";
         case Code::cancelled: return "The request was cancelled.";
         case Code::unknown: break;
     }
@@ -98,6 +99,7 @@ const char* UrlError::name(Code code) noexcept {
         case Code::networkConnectionLost: return "networkConnectionLost";
         case Code::notConnectedToInternet: return "notConnectedToInternet";
         case Code::badServerResponse: return "badServerResponse";
+        case Code::responseTooLarge: return "responseTooLarge";
         case Code::cancelled: return "cancelled";
         case Code::unknown: break;
     }

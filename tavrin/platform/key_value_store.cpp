@@ -156,4 +156,21 @@ std::string KeyValueStore::dataDirectory() {
 
 std::vector<KeyValueStore::Entry> KeyValueStore::values(std::string_view) const { return {}; }
 
+std::vector<KeyValueStore::KeySize> KeyValueStore::keySizes(std::string_view prefix) const {
+    std::vector<KeySize> sizes;
+    for (const auto& [key, value] : values(prefix)) {
+        std::size_t size = sizeof(std::int64_t);
+        if (const auto* text = std::get_if<std::string>(&value)) size = text->size();
+        if (const auto* bytes = std::get_if<Bytes>(&value)) size = bytes->size();
+        sizes.emplace_back(key, size);
+    }
+    return sizes;
+}
+
+bool KeyValueStore::apply(const std::vector<Change>& changes) {
+    bool all = true;
+    for (const auto& change : changes) all = (change.value ? set(change.key, *change.value) : remove(change.key)) && all;
+    return all;
+}
+
 }  // namespace tavrin::platform

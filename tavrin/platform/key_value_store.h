@@ -4,6 +4,7 @@
 // directory; the host application may choose the directory, or install its
 // own store, before configuring the SDK.
 
+#include <cstddef>
 #include <cstdint>
 #include <memory>
 #include <optional>
@@ -58,6 +59,22 @@ public:
     // them all back. A store that cannot list gives nothing (the default).
     using Entry = std::pair<std::string, Value>;
     virtual std::vector<Entry> values(std::string_view prefix) const;
+    // The keys starting with `prefix` with the size of each value in bytes,
+    // in key order, without reading the values (the default reads them).
+    using KeySize = std::pair<std::string, std::size_t>;
+    virtual std::vector<KeySize> keySizes(std::string_view prefix) const;
+
+    // ---- several changes at once
+    // A set (value) or a removal (no value).
+    struct Change {
+        std::string key;
+        std::optional<Value> value;
+    };
+    // Applies the changes in order, durably when it returns true. A store
+    // that can makes them one transaction, all or nothing, so several changes
+    // cost one durable write instead of one each (the default applies them
+    // one by one and is true when every one was).
+    virtual bool apply(const std::vector<Change>& changes);
 };
 
 }  // namespace tavrin::platform

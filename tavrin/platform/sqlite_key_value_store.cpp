@@ -6,6 +6,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cctype>
 #include <cerrno>
 #include <cmath>
@@ -307,9 +308,13 @@ SqliteKeyValueStore::Outcome SqliteKeyValueStore::openAt(Access access, Deadline
     if (!failure && !inMemory) failure = checkShape(deadline);
     if (!failure && !readOnly) failure = execute("PRAGMA journal_mode = WAL", deadline);
     if (!failure && !readOnly) failure = execute("PRAGMA synchronous = FULL", deadline);
-    // What is overwritten or removed (an old value, a sent request) does not
-    // linger in the file's free space.
-    if (!failure) failure = execute("PRAGMA secure_delete = ON", deadline);
+    // An overwritten or removed value (a configuration stored by an earlier
+    // version with its token) is zeroed in the pages written anyway. Full
+    // secure_delete, Debian's default, also rewrote every freed overflow page
+    // of a sent request, in the WAL and again at the checkpoint, doubling the
+    // storage written per cached request; freed pages keep their bytes until
+    // reused.
+    if (!failure && !readOnly) failure = execute("PRAGMA secure_delete = FAST", deadline);
     if (!failure && !readOnly) failure = execute(kCreateTable, deadline);
     if (!failure && options_.readOnly && inMemory) failure = execute("PRAGMA query_only = ON", deadline);
     if (!failure) failure = prepareStatements(deadline);
@@ -462,6 +467,15 @@ bool SqliteKeyValueStore::set(const std::string& key, const Value& value) {
         logError("write failed for key \"" + key + "\": the store is not open");
         return false;
     }
+    const int rc = writeLocked(key, value);
+    if (rc != SQLITE_DONE) {
+        logFailure("write", key, rc);
+        return false;
+    }
+    return !inMemory_;  // kept, but not durable: said once when the store opened
+}
+
+int SqliteKeyValueStore::writeLocked(const std::string& key, const Value& value) {
     sqlite3_stmt* s = statements_->upsert;
     StatementUse use(s);
     int rc = sqlite3_bind_text(s, 1, key.data(), static_cast<int>(key.size()), SQLITE_STATIC);
@@ -481,11 +495,7 @@ bool SqliteKeyValueStore::set(const std::string& key, const Value& value) {
                                : sqlite3_bind_blob64(s, 3, bytes.data(), bytes.size(), SQLITE_STATIC);
     }
     if (rc == SQLITE_OK) rc = sqlite3_step(s);
-    if (rc != SQLITE_DONE) {
-        logFailure("write", key, rc);
-        return false;
-    }
-    return !inMemory_;  // kept, but not durable: said once when the store opened
+    return rc;
 }
 
 std::optional<KeyValueStore::Value> SqliteKeyValueStore::value(const std::string& key) const {
@@ -526,12 +536,48 @@ bool SqliteKeyValueStore::remove(const std::string& key) {
         logError("remove failed for key \"" + key + "\": the store is not open");
         return false;
     }
+    const int rc = removeLocked(key);
+    if (rc != SQLITE_DONE) {
+        logFailure("remove", key, rc);
+        return false;
+    }
+    return !inMemory_;
+}
+
+int SqliteKeyValueStore::removeLocked(const std::string& key) {
     sqlite3_stmt* s = statements_->erase;
     StatementUse use(s);
     int rc = sqlite3_bind_text(s, 1, key.data(), static_cast<int>(key.size()), SQLITE_STATIC);
     if (rc == SQLITE_OK) rc = sqlite3_step(s);
-    if (rc != SQLITE_DONE) {
-        logFailure("remove", key, rc);
+    return rc;
+}
+
+bool SqliteKeyValueStore::apply(const std::vector<Change>& changes) {
+    if (changes.empty()) return true;
+    std::lock_guard lock(mutex_);
+    if (!statements_) {
+        logError("write failed for key \"" + changes.front().key + "\": the store is not open");
+        return false;
+    }
+    // BEGIN IMMEDIATE takes the write lock at once (waiting out the busy
+    // timeout), so the changes never meet a lock halfway.
+    int rc = sqlite3_exec(db_, "BEGIN IMMEDIATE", nullptr, nullptr, nullptr);
+    if (rc != SQLITE_OK) {
+        logFailure("write", changes.front().key, rc);
+        return false;
+    }
+    for (const auto& change : changes) {
+        rc = change.value ? writeLocked(change.key, *change.value) : removeLocked(change.key);
+        if (rc != SQLITE_DONE) {
+            logFailure(change.value ? "write" : "remove", change.key, rc);
+            sqlite3_exec(db_, "ROLLBACK", nullptr, nullptr, nullptr);
+            return false;
+        }
+    }
+    rc = sqlite3_exec(db_, "COMMIT", nullptr, nullptr, nullptr);
+    if (rc != SQLITE_OK) {
+        logFailure("write", changes.front().key, rc);
+        sqlite3_exec(db_, "ROLLBACK", nullptr, nullptr, nullptr);
         return false;
     }
     return !inMemory_;
@@ -613,6 +659,34 @@ std::vector<KeyValueStore::Entry> SqliteKeyValueStore::values(std::string_view p
     if (rc != SQLITE_DONE) logFailure("list", std::string(prefix) + "*", rc);
     sqlite3_finalize(s);
     return entries;
+}
+
+std::vector<KeyValueStore::KeySize> SqliteKeyValueStore::keySizes(std::string_view prefix) const {
+    std::lock_guard lock(mutex_);
+    std::vector<KeySize> sizes;
+    if (!db_) return sizes;
+    const auto upper = prefixUpperBound(prefix);
+    // length() of a blob reads only the record's header, not the value's pages.
+    const char* sql = upper ? "SELECT key, CASE WHEN typeof(value) = 'blob' THEN length(value)"
+                              " ELSE length(CAST(value AS BLOB)) END FROM key_value"
+                              " WHERE key >= ?1 AND key < ?2 ORDER BY key"
+                            : "SELECT key, CASE WHEN typeof(value) = 'blob' THEN length(value)"
+                              " ELSE length(CAST(value AS BLOB)) END FROM key_value WHERE key >= ?1 ORDER BY key";
+    sqlite3_stmt* s = nullptr;
+    int rc = sqlite3_prepare_v2(db_, sql, -1, &s, nullptr);
+    if (rc == SQLITE_OK) rc = sqlite3_bind_text(s, 1, prefix.data(), static_cast<int>(prefix.size()), SQLITE_STATIC);
+    if (rc == SQLITE_OK && upper)
+        rc = sqlite3_bind_text(s, 2, upper->data(), static_cast<int>(upper->size()), SQLITE_STATIC);
+    while (rc == SQLITE_OK || rc == SQLITE_ROW) {
+        rc = sqlite3_step(s);
+        if (rc != SQLITE_ROW) break;
+        const auto* keyText = reinterpret_cast<const char*>(sqlite3_column_text(s, 0));
+        sizes.emplace_back(std::string(keyText ? keyText : "", static_cast<std::size_t>(sqlite3_column_bytes(s, 0))),
+                           static_cast<std::size_t>(std::max<sqlite3_int64>(sqlite3_column_int64(s, 1), 0)));
+    }
+    if (rc != SQLITE_DONE) logFailure("list", std::string(prefix) + "*", rc);
+    sqlite3_finalize(s);
+    return sizes;
 }
 
 }  // namespace tavrin::platform

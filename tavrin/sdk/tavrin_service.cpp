@@ -16,6 +16,7 @@
 #include "tavrin/monitor/internal/timestamp_utility.h"
 #include "tavrin/platform/dispatch.h"
 #include "tavrin/platform/http_client.h"
+#include "tavrin/platform/internal/http_fields.h"
 #include "tavrin/platform/internal/sqlite_key_value_store.h"
 #include "tavrin/platform/key_value_store.h"
 #include "tavrin/sdk/internal/logger_utility.h"
@@ -104,6 +105,14 @@ void TavrinService::setLogLevel(LogLevel level) {
     logger.info([&] { return std::string("Log level set to: ") + description(level); });
 }
 
+void TavrinService::setOfflineCacheLimits(std::size_t maxTotalBytes, std::size_t maxRequestBytes) {
+    OfflineCache::setLimits(maxTotalBytes, maxRequestBytes);
+    LoggerUtility::shared().info([&] {
+        return "Offline cache limits set to " + std::to_string(OfflineCache::maxTotalBytes()) + " bytes in total, " +
+               std::to_string(OfflineCache::maxRequestBytes()) + " bytes per request.";
+    });
+}
+
 void TavrinService::configure(const TrackConfig& config) {
     std::lock_guard startup(platform::processLock());
     auto& logger = LoggerUtility::shared();
@@ -115,6 +124,10 @@ void TavrinService::configure(const TrackConfig& config) {
     }
 
     TrackingSettings::configure(config);
+    if (!config.authorizationToken.empty() && config.customProtocol &&
+        platform::detail::equalsIgnoringCase(*config.customProtocol, "http"))
+        logger.warning("The authorization token is sent in plain text: customProtocol is \"http\". Use https outside "
+                       "local testing.");
 
     const auto offlineCacheManager = OfflineCacheManager::shared();
     offlineCacheManager->configure(config.enableOfflineTracking, config.offlineTrackingTimeout);

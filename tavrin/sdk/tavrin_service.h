@@ -2,6 +2,7 @@
 // The entry of the SDK for the host application.
 
 #include <chrono>
+#include <cstddef>
 
 #include "tavrin/sdk/log_level.h"
 #include "tavrin/sdk/track_config.h"
@@ -15,6 +16,13 @@ public:
     // Sets the threshold of the SDK's logger, then confirms the new level at
     // info (so the confirmation shows only at debug and info).
     static void setLogLevel(LogLevel level);
+
+    // Limits of the offline cache besides its 1000 requests: the bytes of all
+    // cached request bodies together (the oldest are dropped, with a warning,
+    // to make room; default 10 MiB) and of one body (a larger one is refused
+    // with an error line, and its submission fails; default 1 MiB, never more
+    // than the total). Applied from the next request cached, and at start-up.
+    static void setOfflineCacheLimits(std::size_t maxTotalBytes, std::size_t maxRequestBytes);
 
     // Starts or restarts the SDK with `config`: installs the settings, wires
     // the transport, offline cache and monitor, replaces the shared

@@ -10,7 +10,10 @@
 #include "tavrin/sdk/internal/shared_instance.h"
 #include "tavrin/sdk/internal/tracking_settings.h"
 #include "tavrin/tracking/internal/data_submission_model.h"
+#include "tavrin/platform/clock.h"
 #include "tavrin/transport/internal/offline_cache_manager.h"
+#include "tavrin/transport/internal/request_window.h"
+#include "tavrin/transport/internal/retry_policy.h"
 
 namespace tavrin {
 
@@ -66,8 +69,11 @@ detail::SharedInstance<Service>& sharedSlot() {
 
 }  // namespace
 
-Service::ServiceError::ServiceError(Code code)
-    : std::runtime_error(std::string(errorDescription(code)) + " (Service.ServiceError." + name(code) + ")"), code_(code) {}
+Service::ServiceError::ServiceError(Code code, int statusCode, std::optional<std::chrono::seconds> retryAfter)
+    : std::runtime_error(std::string(errorDescription(code)) + " (Service.ServiceError." + name(code) + ")"),
+      code_(code),
+      statusCode_(statusCode),
+      retryAfter_(retryAfter) {}
 
 const char* Service::ServiceError::name(Code code) noexcept {
     switch (code) {
@@ -80,6 +86,7 @@ const char* Service::ServiceError::name(Code code) noexcept {
 
 // What one request reads, taken once at its start.
 struct Service::Parts {
+    std::shared_ptr<detail::RequestWindow> window;
     std::shared_ptr<platform::HttpClient> session;
     std::shared_ptr<TrackingSettings> settings;
     std::shared_ptr<OfflineCacheManaging> offlineCacheManager;
@@ -119,11 +126,12 @@ struct Service::Parts {
         }
     }
 
-    // What a live send falls back to when the SDK shuts down under it: the
-    // body goes to the offline cache instead of being lost.
-    struct KeepOnShutdown {
+    // A live send with offline tracking on: what goes to the offline cache
+    // when the send cannot be completed now (the server or the network failed,
+    // or the SDK shut down under it). The body sent is the one kept: a resend
+    // marks it as late at the top level and leaves the live marker inside.
+    struct KeepOnFailure {
         OfflineCache::RequestType type;
-        Bytes body;
     };
 
     static bool isCancellation(const std::exception_ptr& error) {
@@ -137,7 +145,7 @@ struct Service::Parts {
     }
 
     void sendRequest(const std::string& url, Bytes body, Completion completion,
-                     std::optional<KeepOnShutdown> keep = std::nullopt) const {
+                     std::optional<KeepOnFailure> keep = std::nullopt) const {
         platform::HttpRequest request;
         request.method = "POST";
         request.url = url;
@@ -146,21 +154,31 @@ struct Service::Parts {
         request.timeoutSeconds = kRequestTimeoutSeconds;
         const std::string& token = config().authorizationToken;
         if (!token.empty()) request.setHeader("Authorization", "Bearer " + token);
-        request.body = std::move(body);
         log().info([&] {
             return "Sending request:\n- URL: " + url + "\n- Headers: " + headersText(request.headers, true) +
-                   "\n- Payload size: " + std::to_string(request.body.size()) + " bytes";
+                   "\n- Payload size: " + std::to_string(body.size()) + " bytes";
         });
-        session->send(std::move(request), [url, completion = std::move(completion), keep = std::move(keep),
-                                           manager = offlineCacheManager](platform::HttpResult result) mutable {
+        // Held once while the request waits for its turn; the completion keeps
+        // it only when it may have to be cached.
+        auto shared = std::make_shared<const Bytes>(std::move(body));
+        std::shared_ptr<const Bytes> kept = keep && offlineCacheManager ? shared : nullptr;
+        auto onAnswer = [url, completion = std::move(completion), keep, kept = std::move(kept),
+                         manager = offlineCacheManager](platform::HttpResult result) {
             std::exception_ptr error = result.error;
-            if (error && keep && manager && isCancellation(error)) {
+            if (error && kept && isCancellation(error)) {
                 // The client was shut down before an answer came: the request
                 // waits in the offline cache for the next launch, and counts as
                 // delivered once it is durable, as an offline send does.
                 log().info([&] { return "Request to " + url + " cancelled by shutdown. Caching it for the next launch."; });
-                manager->cacheRequest(keep->type, std::move(keep->body), [completion] { complete(completion, nullptr); });
+                manager->cacheRequest(keep->type, *kept,
+                                      OfflineCacheManaging::Completion(
+                                          [completion](std::exception_ptr refused) { complete(completion, refused); }));
                 return;
+            }
+            if (!error && !result.response) {
+                // A client that reports neither an answer nor an error.
+                log().error("Received non-HTTP response");
+                error = serviceError(ServiceError::Code::invalidResponse);
             }
             if (!error) {
                 const auto& response = *result.response;
@@ -169,6 +187,7 @@ struct Service::Parts {
                         return "Request to " + url + " completed successfully. Status Code: " +
                                std::to_string(response.statusCode);
                     });
+                    if (kept) manager->serverReachable();
                     complete(completion, nullptr);
                     return;
                 }
@@ -176,17 +195,36 @@ struct Service::Parts {
                     return "Received invalid HTTP response:\n- Status Code: " + std::to_string(response.statusCode) +
                            "\n- Headers: " + headersText(response.headers, false);
                 });
-                error = serviceError(ServiceError::Code::invalidResponse);
+                std::optional<std::chrono::seconds> retryAfter;
+                if (response.statusCode == 429 || response.statusCode == 503)
+                    if (const auto field = response.header("Retry-After"))
+                        retryAfter = detail::parseRetryAfter(*field, platform::Clock::now());
+                error = std::make_exception_ptr(
+                    ServiceError(ServiceError::Code::invalidResponse, response.statusCode, retryAfter));
             }
             log().error([&] { return "Request to " + url + " failed: " + describe(error); });
+            if (kept && detail::isRetryableFailure(error)) {
+                const bool data = keep->type == OfflineCache::RequestType::dataSubmission;
+                log().info(data ? "Send failed: Caching data submission request" : "Send failed: Caching consent request");
+                manager->cacheRequest(
+                    keep->type, *kept,
+                    OfflineCacheManaging::Completion(
+                        [completion, manager, retryAfter = detail::retryAfterOf(error)](std::exception_ptr refused) {
+                            if (!refused) manager->retryLater(retryAfter);
+                            complete(completion, refused);
+                        }));
+                return;
+            }
             complete(completion, error);
-        });
+        };
+        window->send(session, std::move(request), std::move(shared), std::move(onAnswer));
     }
 };
 
 Service::Service(std::shared_ptr<platform::HttpClient> session, std::shared_ptr<TrackingSettings> trackConfig,
                  std::shared_ptr<OfflineCacheManaging> offlineCacheManager)
-    : session_(session ? std::move(session) : platform::HttpClient::shared()),
+    : window_(std::make_shared<detail::RequestWindow>()),
+      session_(session ? std::move(session) : platform::HttpClient::shared()),
       trackConfig_(trackConfig ? std::move(trackConfig) : TrackingSettings::shared()),
       offlineCacheManager_(offlineCacheManager ? std::move(offlineCacheManager) : OfflineCacheManager::shared()) {}
 
@@ -215,26 +253,36 @@ void Service::setOfflineCacheManager(std::shared_ptr<OfflineCacheManaging> offli
 
 Service::Parts Service::parts() const {
     std::lock_guard lock(mutex_);
-    return Parts{session_, trackConfig_, offlineCacheManager_};
+    return Parts{window_, session_, trackConfig_, offlineCacheManager_};
 }
 
 void Service::sendConsentSubmission(ConsentModel consent, Completion completion) {
+    sendConsent(std::move(consent), std::move(completion), true);
+}
+
+void Service::resendCachedConsentSubmission(ConsentModel consent, Completion completion) {
+    sendConsent(std::move(consent), std::move(completion), false);
+}
+
+void Service::sendConsent(ConsentModel consent, Completion completion, bool live) {
     const Parts p = parts();
     const auto url = p.buildURL("");
     if (!url) return complete(completion, serviceError(ServiceError::Code::invalidURL));
     auto body = Parts::encodeToJSON(consent);
     if (!body) return complete(completion, serviceError(ServiceError::Code::invalidRequestBody));
     log().info([&] { return "Initiating consent submission request. URL: " + *url; });
-    if (p.isOfflineTrackingEnabled() && p.offlineCacheManager->isCurrentlyOffline()) {
+    const bool offlineTracking = p.isOfflineTrackingEnabled();
+    if (offlineTracking && p.offlineCacheManager->isCurrentlyOffline()) {
         log().info("Offline: Caching consent request");
         p.offlineCacheManager->cacheRequest(OfflineCache::RequestType::consentSubmission, std::move(*body),
-                                            [completion] { complete(completion, nullptr); });
+                                            OfflineCacheManaging::Completion([completion](std::exception_ptr error) { complete(completion, error); }));
         return;
     }
     log().info("Online mode. Sending consent submission request.");
-    std::optional<Parts::KeepOnShutdown> keep;
-    if (p.isOfflineTrackingEnabled()) keep = Parts::KeepOnShutdown{OfflineCache::RequestType::consentSubmission, *body};
-    p.sendRequest(*url, std::move(*body), std::move(completion), std::move(keep));
+    std::optional<Parts::KeepOnFailure> keep;
+    // A resend that fails stays where it is in the cache; the walk counts it.
+    if (offlineTracking && live) keep = Parts::KeepOnFailure{OfflineCache::RequestType::consentSubmission};
+    p.sendRequest(*url, std::move(*body), std::move(completion), keep);
 }
 
 void Service::sendDataSubmission(DataSubmissionModel data, Completion completion) {
@@ -244,14 +292,13 @@ void Service::sendDataSubmission(DataSubmissionModel data, Completion completion
     auto body = Parts::encodeToJSON(data);
     if (!body) return complete(completion, serviceError(ServiceError::Code::invalidRequestBody));
     log().info([&] { return "Initiating data submission request. URL: " + *url; });
-    std::optional<Parts::KeepOnShutdown> keep;
+    std::optional<Parts::KeepOnFailure> keep;
     if (p.isOfflineTrackingEnabled()) {
-        // Cached as an offline send would be: without the live marker.
-        keep = Parts::KeepOnShutdown{OfflineCache::RequestType::dataSubmission, *body};
+        keep = Parts::KeepOnFailure{OfflineCache::RequestType::dataSubmission};
         if (p.offlineCacheManager->isCurrentlyOffline()) {
             log().info("Offline: Caching data submission request");
             p.offlineCacheManager->cacheRequest(OfflineCache::RequestType::dataSubmission, std::move(*body),
-                                                [completion] { complete(completion, nullptr); });
+                                                OfflineCacheManaging::Completion([completion](std::exception_ptr error) { complete(completion, error); }));
             return;
         }
         log().info("Online but offline mode enabled. Adding offline-specific properties to payload.");
@@ -262,7 +309,7 @@ void Service::sendDataSubmission(DataSubmissionModel data, Completion completion
         if (!body) return complete(completion, serviceError(ServiceError::Code::invalidRequestBody));
     }
     log().info("Online mode. Sending data submission request.");
-    p.sendRequest(*url, std::move(*body), std::move(completion), std::move(keep));
+    p.sendRequest(*url, std::move(*body), std::move(completion), keep);
 }
 
 void Service::resendCachedDataSubmission(Bytes payload, Completion completion) {

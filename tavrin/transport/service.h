@@ -7,9 +7,16 @@
 // Every send reports through its completion (or future); nothing waits on the
 // network while holding a thread. A failure is a Service::ServiceError or the
 // HTTP client's UrlError.
+//
+// With offline tracking on, a live send that the server or the network let
+// down (a transport failure, or status 3xx, 408, 429 or 5xx) is cached like an
+// offline one and retried later by the offline cache manager; its caller sees
+// success once the cached request is durable. Other refusals (4xx) fail.
 
+#include <chrono>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <stdexcept>
 #include <string>
 
@@ -22,6 +29,9 @@ class OfflineCacheManaging;
 namespace platform {
 class HttpClient;
 }
+namespace detail {
+class RequestWindow;
+}
 
 class Service final : public ServiceProtocol {
 public:
@@ -33,13 +43,20 @@ public:
             invalidResponse,     // the status is outside 200-299
         };
 
-        explicit ServiceError(Code code);
+        explicit ServiceError(Code code, int statusCode = 0,
+                              std::optional<std::chrono::seconds> retryAfter = std::nullopt);
         Code code() const noexcept { return code_; }
+        // The status an invalidResponse came with (0 when there was none).
+        int statusCode() const noexcept { return statusCode_; }
+        // The wait a 429 or 503 answer asked for in its Retry-After field.
+        const std::optional<std::chrono::seconds>& retryAfter() const noexcept { return retryAfter_; }
         // "invalidURL", "invalidRequestBody", "invalidResponse".
         static const char* name(Code code) noexcept;
 
     private:
         Code code_;
+        int statusCode_;
+        std::optional<std::chrono::seconds> retryAfter_;
     };
 
     // All three may be null: the process-wide HTTP client, the shared settings
@@ -67,12 +84,16 @@ public:
     void sendConsentSubmission(ConsentModel consent, Completion completion) override;
     void sendDataSubmission(DataSubmissionModel data, Completion completion) override;
     void resendCachedDataSubmission(Bytes payload, Completion completion) override;
+    void resendCachedConsentSubmission(ConsentModel consent, Completion completion) override;
 
 private:
     struct Parts;
     Parts parts() const;
+    void sendConsent(ConsentModel consent, Completion completion, bool live);
 
     mutable std::mutex mutex_;
+    // Live sends and resends together: at most six at a time with the client.
+    const std::shared_ptr<detail::RequestWindow> window_;
     std::shared_ptr<platform::HttpClient> session_;
     std::shared_ptr<TrackingSettings> trackConfig_;
     std::shared_ptr<OfflineCacheManaging> offlineCacheManager_;

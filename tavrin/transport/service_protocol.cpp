@@ -15,6 +15,10 @@ ServiceProtocol::Completion ServiceProtocol::completing(std::shared_ptr<std::pro
     };
 }
 
+void ServiceProtocol::resendCachedConsentSubmission(ConsentModel consent, Completion completion) {
+    sendConsentSubmission(std::move(consent), std::move(completion));
+}
+
 std::future<void> ServiceProtocol::sendConsentSubmission(ConsentModel consent) {
     auto promise = std::make_shared<std::promise<void>>();
     auto future = promise->get_future();

@@ -29,6 +29,10 @@ public:
     virtual void sendDataSubmission(DataSubmissionModel data, Completion completion) = 0;
     // payload: the JSON body that was cached earlier.
     virtual void resendCachedDataSubmission(Bytes payload, Completion completion) = 0;
+    // A cached consent report sent again: a failure goes back to the caller
+    // (the resend walk counts it) instead of being cached once more. By
+    // default the same as sendConsentSubmission.
+    virtual void resendCachedConsentSubmission(ConsentModel consent, Completion completion);
 
     // The same sends as futures whose get() rethrows the error.
     std::future<void> sendConsentSubmission(ConsentModel consent);

@@ -1,10 +1,11 @@
-// Server storms: a host submits while its collector answers 503, then never answers, then resets
-// every connection, then recovers. The host is never held, every future ends within the request
-// timeout, each cached request is delivered once or given up on at its fourth failed attempt,
-// memory does not grow. Cached requests are resent by the walk the SDK starts when the (scripted)
-// path comes back; a walk sends one request at a time and runs alone, except in the hang phase, where
-// the host's calls beside it exceed the six connections the HTTP client keeps to one host: a request
-// may then wait for a connection until its own timeout fails it unsent. Timing is not asserted.
+// Server storms: a host submits, with offline tracking on, while its collector answers 503, then
+// never answers, then resets every connection, then recovers; requests cached while the path is
+// down meet the storm when it comes back. A send that meets the storm is cached and retried on a
+// backoff, so the host's calls end without error. What can be known is checked: the host is never
+// held, every future ends within the request timeout and without error, no submission is delivered
+// twice, each one not delivered was discarded at its fourth failed attempt (and logged), the offline
+// cache is empty once the server is well, and memory does not grow. How many were delivered, and
+// how, depends on timing (the backoff's jitter, which walk meets which phase): it is reported only.
 
 #include <netinet/in.h>
 #include <poll.h>
@@ -174,32 +175,6 @@ using std::chrono::milliseconds;
 constexpr auto kRequestTimeout = 30s;  // the transport's, not shortened here
 constexpr auto kTimeoutMargin = 10s;
 
-// ---- what each call must end as, stated once: the host's own calls fail in
-// these phases (online, none is cached), elsewhere each is delivered once;
-const std::set<std::string> kLiveCallsFail{"warm-up 503", "503", "hang", "reset"};
-
-// requests cached offline meet one attempt per walk (the server's mode in each) and end discarded or delivered.
-struct Cohort {
-    std::string name;
-    int data, consents;  // times the scale
-    std::vector<M> walks;
-    bool discarded;
-    std::vector<std::string> ids{};
-};
-
-// The answers a cached request got fit the walks it met: each attempt
-// arrived, except that one in the hang phase may have timed out queued.
-bool answersFit(const std::vector<M>& answers, const std::vector<M>& walks) {
-    std::size_t next = 0;
-    for (M walk : walks) {
-        if (next < answers.size() && answers[next] == walk)
-            ++next;
-        else if (walk != M::hang)
-            return false;
-    }
-    return next == answers.size();
-}
-
 class TavrinServiceServerStormTest : public EndToEndTest {
 protected:
     void SetUp() override {
@@ -209,8 +184,9 @@ protected:
         LoggerUtility::shared().setLogLevel(LogLevel::info);
     }
 
-    // A host call, timed on the caller's thread.
-    std::string call(bool consent, const std::string& phase, bool live) {
+    // A host call (every fifth a consent decision), timed on the caller's thread.
+    void call(const std::string& phase, bool live) {
+        const bool consent = ++made % 5 == 0;
         const std::string id = consent ? stormId('C', nextConsent++) : stormId('D', nextData++);
         const FutureWatch::Call record{.id = id, .phase = phase, .live = live, .started = FaultClock::now()};
         if (consent) {
@@ -220,15 +196,13 @@ protected:
             watch.add(record, tracking->submit());
         }
         longestCall = std::max(longestCall, FaultClock::now() - record.started);
-        return id;
     }
 
-    // The host calling (every fifth a consent decision) until `stop`, at most `maxOutstanding`
-    // at once; then every call ends, so each was sent (or not) before the path changes.
+    // The host calling until `stop`, at most `maxOutstanding` at once; then every call ends.
     void hostCalls(const std::string& phase, milliseconds interval, std::size_t maxOutstanding,
                    const std::function<bool(int)>& stop) {
-        for (int made = 0; !stop(made); std::this_thread::sleep_for(interval))
-            if (watch.outstanding() < maxOutstanding) call(++made % 5 == 0, phase, true);
+        for (int calls = 0; !stop(calls); std::this_thread::sleep_for(interval))
+            if (watch.outstanding() < maxOutstanding) call(phase, true), ++calls;
         ASSERT_TRUE(watch.waitAllDone(kRequestTimeout + kTimeoutMargin)) << "calls of " << phase << " still running";
     }
     void hostCallsFor(const std::string& phase, milliseconds duration) {
@@ -240,168 +214,117 @@ protected:
         path->setStatus(platform::PathStatus::unsatisfied);
         ASSERT_TRUE(waitUntil([] { return OfflineCacheManager::shared()->isCurrentlyOffline(); }));
     }
-    // Back online: the SDK starts a resend walk; waits until it has ended.
-    void goOnlineAndWalk(milliseconds limit = 60s) {
+    // Back online: the SDK starts a resend walk; waits until a walk has ended.
+    void goOnlineAndWalk(milliseconds limit = 2 * kRequestTimeout + kTimeoutMargin) {
         const int before = logWatch->walksDone();
         path->setStatus(platform::PathStatus::satisfied);
         ASSERT_TRUE(waitUntil([&] { return logWatch->walksDone() > before; }, limit)) << "resend walk did not end";
     }
-    // A cohort submitted offline: each cached, its future done once durable.
-    const Cohort& cache(const std::string& name) {
-        auto& cohort = *std::find_if(cohorts.begin(), cohorts.end(), [&](const Cohort& c) { return c.name == name; });
+    // Submissions made offline: each cached, its future done once durable.
+    void cacheOffline(const std::string& phase, int count) {
         goOffline();
-        for (int i = 0; i < (cohort.data + cohort.consents) * scale; ++i)
-            cohort.ids.push_back(call(i >= cohort.data * scale, name, false));
+        for (int i = 0; i < count * scale; ++i) call(phase, false);
         EXPECT_TRUE(watch.waitAllDone(30s));
-        return cohort;
     }
-    // Retry counts of what the offline cache holds, by submission id.
-    static std::map<std::string, std::int64_t> cachedRetryCounts() {
-        std::map<std::string, std::int64_t> counts;
-        for (const auto& request : OfflineCacheManager::shared()->offlineCache().getCachedRequests())
-            counts[stormIdIn(platform::toString(request.payload))] = request.retryCount;
-        return counts;
+    static std::size_t cachedCount() { return OfflineCacheManager::shared()->offlineCache().entries().size(); }
+    // A well server takes what is cached: a live success or a regained path starts a walk.
+    void waitUntilDrained() {
+        ASSERT_TRUE(waitUntil([] { return cachedCount() == 0; }, 2 * kRequestTimeout + kTimeoutMargin))
+            << cachedCount() << " requests still cached with the server well";
     }
 
     const int scale = reliabilityScale();
-    std::vector<Cohort> cohorts{
-        {"warm-up cached", 30, 6, {M::ok}, false},
-        {"warm-up retried", 3, 1, {M::unavailable, M::ok}, false},
-        {"A", 30, 6, {M::unavailable, M::unavailable, M::unavailable, M::unavailable}, true},
-        {"B", 1, 1, {M::unavailable, M::unavailable, M::hang, M::reset}, true},
-        {"C", 10, 2, {M::reset, M::reset, M::reset, M::ok}, false},
-        {"D", 5, 1, {M::ok}, false},
-    };
     StormServer server;
     std::shared_ptr<StormLogWatch> logWatch = std::make_shared<StormLogWatch>();
     std::shared_ptr<ScriptedPathMonitor> path = std::make_shared<ScriptedPathMonitor>(platform::PathStatus::satisfied);
     FutureWatch watch{20000};
     std::shared_ptr<TrackingService> tracking;
-    int nextData = 0, nextConsent = 0;
+    int made = 0, nextData = 0, nextConsent = 0;
     FaultClock::duration longestCall{};
 };
 
-TEST_F(TavrinServiceServerStormTest, HostCallsAndCachedRequestsEndWithinTheirLimits) {
+TEST_F(TavrinServiceServerStormTest, NothingIsLostOrDeliveredTwiceAndEveryCallEndsInTime) {
     const auto phaseTime = milliseconds(2500 * scale);
     tracking = start(trackConfig(hostPort(server.port())));
     ASSERT_TRUE(waitUntil([&] { return logWatch->walksDone() == 1; })) << "launch walk";
 
-    // Warm-up: everything the storm does, once, with the server well, and the tag cache filled
+    // Warm-up: a short storm with the server failing and recovering, and the tag cache filled
     // (debug tags are kept without a debug code, up to 1.5 MiB): bounded growth is no leak.
     const auto tagsFull = [](int) { return TagCache::shared().tags().size() >= TagCache::capacity; };
     hostCalls("warm-up", 1ms, 16, tagsFull);
-    cache("warm-up cached");  // as many at once as in the storm: the store's page cache grows with them
-    goOnlineAndWalk();
+    cacheOffline("warm-up", 36);  // as many at once as in the storm: the store's page cache grows with them
     server.setMode(M::unavailable);
-    hostCallsFor("warm-up 503", 500ms);
-    cache("warm-up retried");
     goOnlineAndWalk();
+    hostCallsFor("warm-up", 500ms);
     server.setMode(M::ok);
-    goOffline();
-    goOnlineAndWalk();
+    hostCallsFor("warm-up", 500ms);
+    waitUntilDrained();
     ASSERT_TRUE(TavrinService::flush(10s));
     std::this_thread::sleep_for(200ms);
     const std::size_t memoryBefore = memoryInUse();
+    const std::size_t arrivalsBefore = server.arrivals().size();
+    const int discardsBefore = logWatch->discards();
 
-    // 503: A is cached before it and fails four walks in it; B joins at the third.
-    const Cohort& a = cache("A");
+    // 503 (with Retry-After: 1): requests cached offline meet it, the host's calls too.
+    cacheOffline("503", 36);
     server.setMode(M::unavailable);
-    for (int walk = 1; walk <= 4; ++walk) {
-        if (walk > 1) goOffline();
-        if (walk == 3) cache("B");
-        goOnlineAndWalk();
-        const auto counts = cachedRetryCounts();
-        for (const auto& id : a.ids) {
-            const auto found = counts.find(id);
-            EXPECT_TRUE(walk < 4 ? found != counts.end() && found->second == walk : found == counts.end())
-                << id << " after walk " << walk << ": discarded only after its fourth failure";
-        }
-        hostCallsFor("503", phaseTime / 4);
-    }
-
-    // Hang: only B is cached (each request cached costs a request timeout now); the walk's
-    // first request holds a connection before the host's calls start.
-    std::set<std::string> pending;
-    for (const auto& [id, count] : cachedRetryCounts()) pending.insert(id);
-    ASSERT_EQ(pending, std::set<std::string>(cohorts[3].ids.begin(), cohorts[3].ids.end()));
-    server.setMode(M::hang);
-    goOffline();
-    const int walksBeforeHang = logWatch->walksDone();
-    const auto arrivalsBeforeHang = server.arrivals().size();
-    path->setStatus(platform::PathStatus::satisfied);
-    ASSERT_TRUE(waitUntil([&] { return server.arrivals().size() > arrivalsBeforeHang; }, 10s));
-    hostCalls("hang", 100ms, 14, [](int made) { return made == 28; });
-    ASSERT_TRUE(waitUntil([&] { return logWatch->walksDone() > walksBeforeHang; }, 2 * kRequestTimeout + kTimeoutMargin));
-
-    // Reset: B's fourth attempt fails here; C is cached and fails three walks.
-    server.setMode(M::reset);
-    hostCallsFor("reset", phaseTime / 4);
-    cache("C");
-    for (int walk = 1; walk <= 3; ++walk) {
-        if (walk > 1) goOffline();
-        goOnlineAndWalk();
-        hostCallsFor("reset", phaseTime / 4);
-    }
-
-    // Recovery: C goes through at its fourth attempt, D at its first, the host's calls too.
-    server.setMode(M::ok);
-    hostCallsFor("recovery", phaseTime / 2);
-    cache("D");
     goOnlineAndWalk();
-    hostCallsFor("recovery", phaseTime / 2);
+    hostCallsFor("503", phaseTime);
+    // Hang: each send ends at its timeout, live calls and resends alike.
+    server.setMode(M::hang);
+    hostCalls("hang", 100ms, 14, [](int calls) { return calls == 28; });
+    // Reset, with requests cached offline meeting it when the path comes back.
+    server.setMode(M::reset);
+    hostCallsFor("reset", phaseTime / 2);
+    cacheOffline("reset", 12);
+    goOnlineAndWalk();
+    hostCallsFor("reset", phaseTime / 2);
+    // Recovery: the first success retries what is cached at once.
+    server.setMode(M::ok);
+    hostCallsFor("recovery", phaseTime);
+    cacheOffline("recovery", 6);
+    goOnlineAndWalk();
+    waitUntilDrained();
     ASSERT_TRUE(TavrinService::flush(10s));
     std::this_thread::sleep_for(200ms);
     const std::size_t memoryAfter = memoryInUse();
 
     // ---- what the server saw and the host was told
-    std::map<std::string, std::vector<M>> answers;
-    std::map<std::string, int> resends;
-    for (const auto& arrival : server.arrivals()) {
-        answers[arrival.id].push_back(arrival.answer);
-        resends[arrival.id] += arrival.resend;
+    const auto arrivals = server.arrivals();
+    std::map<std::string, int> attempts, delivered;
+    for (std::size_t i = arrivalsBefore; i < arrivals.size(); ++i) {
+        attempts[arrivals[i].id] += 1;
+        delivered[arrivals[i].id] += arrivals[i].answer == M::ok;
     }
-    const auto all = watch.calls();
-
-    // Cached requests: each attempt answered as its walk was (a live call cached by mistake
-    // would arrive again as a resend, below).
-    int discarded = 0, delivered = 0;
-    for (const auto& cohort : cohorts) {
-        for (const auto& id : cohort.ids) {
-            EXPECT_TRUE(answersFit(answers[id], cohort.walks)) << cohort.name << " " << id << " answered "
-                << ::testing::PrintToString(answers[id]) << " (0 = 200, 1 = 503, 2 = hang, 3 = reset)";
-            EXPECT_TRUE(id[5] != 'D' || resends[id] == int(answers[id].size())) << id << " cached, yet sent live";
-            (cohort.discarded ? discarded : delivered) += 1;
-        }
-    }
-    EXPECT_EQ(logWatch->discards(), discarded);
-    EXPECT_TRUE(cachedRetryCounts().empty()) << "offline cache not empty at the end";
-
-    // Every future ended within the request timeout; a live call arrived at most once.
-    int liveDelivered = 0;
+    int calls = 0, firstTry = 0, afterCaching = 0, lost = 0;
     milliseconds longestFuture{0};
-    for (const auto& c : all) {
+    for (const auto& c : watch.calls()) {
         ASSERT_GE(c.took.count(), 0) << c.id << " never completed";
+        if (c.phase == "warm-up") continue;
+        ++calls;
         longestFuture = std::max(longestFuture, c.took);
-        EXPECT_EQ(bool(c.error), c.live && kLiveCallsFail.contains(c.phase)) << c.id << " in " << c.phase;
-        if (!c.live) continue;
-        EXPECT_LE(answers[c.id].size(), 1u) << c.id;
-        EXPECT_EQ(resends[c.id], 0) << c.id;
-        EXPECT_TRUE(kLiveCallsFail.contains(c.phase) || answers[c.id] == std::vector<M>{M::ok}) << c.id << " not delivered";
-        liveDelivered += c.phase == "recovery";
-        // Without an answer a call can end only by its own timeout.
-        EXPECT_TRUE(c.phase != "hang" || c.took >= kRequestTimeout - 1s) << c.id << " did not wait for the server";
+        EXPECT_LE(c.took, kRequestTimeout + kTimeoutMargin) << c.id << " in " << c.phase;
+        EXPECT_FALSE(c.error) << c.id << " in " << c.phase << ": a failed send is cached, not reported";
+        EXPECT_LE(delivered[c.id], 1) << c.id << " delivered twice";
+        if (delivered[c.id] == 0)
+            ++lost;
+        else
+            (attempts[c.id] == 1 && c.live ? firstTry : afterCaching) += 1;
     }
-    EXPECT_LE(longestFuture, kRequestTimeout + kTimeoutMargin);
+    EXPECT_EQ(lost, logWatch->discards() - discardsBefore) << "a submission neither delivered nor discarded after its last attempt";
+    EXPECT_EQ(cachedCount(), 0u);
     EXPECT_LT(longestCall, kRequestTimeout / 3) << "a call that waits for the server takes a request timeout";
-    EXPECT_GT(liveDelivered, 0);
+    EXPECT_GT(firstTry, 0) << "the recovery's live calls";
     const double growth = (static_cast<double>(memoryAfter) - static_cast<double>(memoryBefore)) / static_cast<double>(memoryBefore);
     EXPECT_LE(growth, 0.10) << memoryBefore << " -> " << memoryAfter << " bytes";
 
     const auto seconds = [](auto d) { return std::to_string(std::chrono::duration<double>(d).count()).substr(0, 5); };
-    printFigure("server storm: " + std::to_string(all.size()) + " calls, longest " + seconds(longestCall * 1000) + " ms, longest future " +
-                seconds(longestFuture) + " s; " + std::to_string(discarded) + " cached requests discarded after 4 attempts, " +
-                std::to_string(delivered) + " delivered; memory " + std::to_string(growth * 100).substr(0, 4) + "% (" +
-                std::to_string(memoryBefore >> 10) + " KiB before); scale " + std::to_string(scale));
+    printFigure("server storm: " + std::to_string(calls) + " calls, " + std::to_string(firstTry) + " delivered at once, " +
+                std::to_string(afterCaching) + " cached and delivered later, " + std::to_string(lost) +
+                " discarded after 4 attempts; " + std::to_string(arrivals.size() - arrivalsBefore) +
+                " sends; longest call " + seconds(longestCall * 1000) + " ms, longest future " + seconds(longestFuture) +
+                " s; memory " + std::to_string(growth * 100).substr(0, 4) + "% (" + std::to_string(memoryBefore >> 10) +
+                " KiB before); scale " + std::to_string(scale));
 }
 
 }  // namespace

@@ -66,6 +66,9 @@ public:
 
     // ---- listing by key prefix: one range query over the key index.
     std::vector<Entry> values(std::string_view prefix) const override;
+    std::vector<KeySize> keySizes(std::string_view prefix) const override;
+    // One transaction for all the changes.
+    bool apply(const std::vector<Change>& changes) override;
 
     // The database file asked for.
     const std::filesystem::path& path() const noexcept { return path_; }
@@ -107,6 +110,9 @@ private:
     void close();
     std::optional<std::filesystem::path> moveAside();
     void logFailure(const char* operation, const std::string& key, int code) const;
+    // One statement of set() or remove(), with the lock held; the SQLite result.
+    int writeLocked(const std::string& key, const Value& value);
+    int removeLocked(const std::string& key);
 
     std::filesystem::path path_;
     Options options_;
