@@ -467,6 +467,15 @@ bool SqliteKeyValueStore::synchronize() {
     return statements_ != nullptr && writable_ && !inMemory_;
 }
 
+void SqliteKeyValueStore::checkpoint() {
+    std::lock_guard lock(mutex_);
+    if (!statements_ || !writable_ || inMemory_) return;
+    sqlite3_busy_timeout(db_, 0);
+    const int rc = sqlite3_wal_checkpoint_v2(db_, nullptr, SQLITE_CHECKPOINT_TRUNCATE, nullptr, nullptr);
+    sqlite3_busy_timeout(db_, options_.busyTimeoutMilliseconds);
+    if (rc != SQLITE_OK && rc != SQLITE_BUSY) logError("checkpoint of " + path_.string() + " failed: " + describe(rc, sqlite3_errmsg(db_)));
+}
+
 // ---- listing by key prefix
 
 namespace {

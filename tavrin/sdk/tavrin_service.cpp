@@ -13,6 +13,8 @@
 #include "tavrin/monitor/internal/timestamp_utility.h"
 #include "tavrin/platform/dispatch.h"
 #include "tavrin/platform/http_client.h"
+#include "tavrin/platform/internal/sqlite_key_value_store.h"
+#include "tavrin/platform/key_value_store.h"
 #include "tavrin/sdk/internal/logger_utility.h"
 #include "tavrin/sdk/internal/tracking_settings.h"
 #include "tavrin/session/session_manager.h"
@@ -158,7 +160,7 @@ bool TavrinService::shutdown(std::chrono::milliseconds timeout) {
     const bool finished = flush(timeout);
 
     std::lock_guard startup(platform::processLock());
-    configured.store(false);
+    const bool wasConfigured = configured.exchange(false);
     const auto remaining = std::max(std::chrono::milliseconds(0),
                                     std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now()));
     // Requests the walk has not sent stay cached for the next launch.
@@ -173,6 +175,12 @@ bool TavrinService::shutdown(std::chrono::milliseconds timeout) {
     detail::InFlightOperations::shared().waitIdle(Clock::now() + std::chrono::milliseconds(500));
 
     TrackingService::resetInstance();
+    // The shared store is never closed (late work may still write to it), so
+    // its log is folded into the database file here instead.
+    if (wasConfigured) {
+        if (auto* sqlite = dynamic_cast<platform::SqliteKeyValueStore*>(platform::KeyValueStore::standard().get()))
+            sqlite->checkpoint();
+    }
     LoggerUtility::shared().info(finished ? "TavrinService shut down." : "TavrinService shut down before all work finished.");
     return finished;
 }

@@ -108,6 +108,9 @@ LoopbackServer::LoopbackServer(const std::optional<TlsFiles>& tls, std::string h
     port_ = server.bind_to_any_port(host_);
     if (port_ <= 0) throw std::runtime_error("loopback server could not bind");
     impl_->thread = std::thread([&server] { server.listen_after_bind(); });
+    // A stop() that comes before the accept loop runs is lost, and the loop
+    // then never ends: a test that sends nothing destroyed its server so.
+    for (int i = 0; i < 10000 && !server.is_running(); ++i) std::this_thread::sleep_for(std::chrono::milliseconds(1));
 }
 
 LoopbackServer::~LoopbackServer() {

@@ -65,6 +65,11 @@ public:
     // True when a write that succeeds is durable: false when the store could
     // only be opened read-only or values live in memory only.
     bool isPersistent() const;
+    // Folds the write-ahead log into the database file and empties it, without
+    // waiting for other processes (one that is reading keeps the log for the
+    // next opening to replay). Shutdown calls it: the shared store is never
+    // closed, so this is what leaves one whole file behind.
+    void checkpoint();
     // Where a bad file found at open was moved; empty when none was.
     std::optional<std::filesystem::path> movedAsidePath() const;
 
