@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # Installs dependencies, builds (Release, as users build it) and runs the whole suite, then builds and runs it
-# again under ThreadSanitizer and under AddressSanitizer + UndefinedBehaviorSanitizer; then fuzzes each decoder
-# for 60 seconds (scripts/fuzz.sh).
+# again under ThreadSanitizer and under AddressSanitizer + UndefinedBehaviorSanitizer, cross-built for Linux arm64
+# under qemu; then fuzzes each decoder for 60 seconds (scripts/fuzz.sh).
 set -uo pipefail
 cd "$(dirname "$0")/.."
 
@@ -10,9 +10,9 @@ status=0
 
 bash scripts/bootstrap test || exit 1
 
-# run_suite DIR [TARGETS] [LABEL] -- CMAKE_ARGS...
+# run_suite DIR [TARGETS] [EXCLUDED_LABELS] -- CMAKE_ARGS...
 run_suite() {
-  local dir=$1 targets=$2 label=$3; shift 4
+  local dir=$1 targets=$2 excluded=$3; shift 4
   echo "=== configure $dir ($*) at ${SECONDS}s"
   cmake -S . -B "$dir" -DCMAKE_BUILD_TYPE=RelWithDebInfo "${launcher[@]}" "$@" >"$dir.configure.log" 2>&1 \
     || { cat "$dir.configure.log"; return 1; }
@@ -24,7 +24,7 @@ run_suite() {
   [ "${PIPESTATUS[0]}" -eq 0 ] || return 1
   echo "=== test $dir at ${SECONDS}s"
   local label_args=()
-  [ -n "$label" ] && label_args=(-L "$label")
+  [ -n "$excluded" ] && label_args=(-LE "$excluded")
   local result=0
   (cd "$dir" && ctest --output-on-failure --no-tests=error -j "$jobs" --timeout 300 "${label_args[@]}") || result=1
   # The fault scenarios print what they measured; ctest keeps it only in its log.
@@ -48,6 +48,16 @@ run_suite build/tsan "" "" -- -DTAVRIN_SANITIZE=thread || status=1
 
 ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 \
   run_suite build/asan "" "" -- -DTAVRIN_SANITIZE=address || status=1
+
+# Linux arm64, cross-built and run under user-mode emulation. The fault
+# scenarios (network namespaces, SIGKILL rounds, minutes each natively) and the
+# browser test (Chromium is the host's) run natively only.
+if bash scripts/bootstrap arm64; then
+  run_suite build/arm64 "" "reliability|browser" -- -DCMAKE_BUILD_TYPE=Release \
+    -DCMAKE_TOOLCHAIN_FILE="$PWD/cmake/toolchains/aarch64-linux-gnu.cmake" || status=1
+else
+  status=1
+fi
 
 TAVRIN_FUZZ_LAUNCHER="${launcher[*]}" bash scripts/fuzz.sh || status=1
 

@@ -2,11 +2,21 @@
 # Installs the built library into a scratch prefix, checks that the installed
 # headers are the public API alone and stay light, then builds and runs a
 # small consumer twice: through find_package(tavrin) and through pkg-config.
+# For a cross build (TAVRIN_CROSS_TOOLCHAIN, TAVRIN_CROSS_CXX and
+# TAVRIN_EMULATOR set) the consumers are cross-built against the installed
+# tree and run under the emulator, and so is the example shop, twice against
+# a collector, as two launches of one install.
 set -euo pipefail
 build_dir=$1
 here=$(cd "$(dirname "$0")" && pwd)
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
+
+cxx=${TAVRIN_CROSS_CXX:-c++}
+cmake_cross=()
+[ -n "${TAVRIN_CROSS_TOOLCHAIN:-}" ] && cmake_cross=(-DCMAKE_TOOLCHAIN_FILE="$TAVRIN_CROSS_TOOLCHAIN")
+# shellcheck disable=SC2206 # a command and its arguments
+emulator=(${TAVRIN_EMULATOR:-})
 
 cmake --install "$build_dir" --prefix "$work/prefix" >/dev/null
 include_dir="$work/prefix/include"
@@ -20,24 +30,36 @@ if grep -rlE 'CapturingSink|ScriptedPathMonitor' "$include_dir/tavrin"; then
 fi
 
 # The umbrella header pulls in the standard library only.
-echo '#include "tavrin/tavrin.h"' | c++ -std=c++20 -I"$include_dir" -E -x c++ - >"$work/umbrella.i"
+echo '#include "tavrin/tavrin.h"' | "$cxx" -std=c++20 -I"$include_dir" -E -x c++ - >"$work/umbrella.i"
 if grep -E '^# [0-9]+ "[^"]*(nlohmann|curl|sqlite3|/regex)' "$work/umbrella.i" | head -n 5 | grep .; then
   echo "tavrin/tavrin.h reaches a heavy header (above)"; exit 1
 fi
 echo "tavrin/tavrin.h preprocesses to $(wc -l <"$work/umbrella.i") lines"
 
-cmake -S "$here/consumer" -B "$work/cmake-build" -DCMAKE_PREFIX_PATH="$work/prefix" >/dev/null
+cmake -S "$here/consumer" -B "$work/cmake-build" -DCMAKE_PREFIX_PATH="$work/prefix" "${cmake_cross[@]}" >/dev/null
 cmake --build "$work/cmake-build" >/dev/null
-"$work/cmake-build/consumer" | grep -q '^domain collect.example.com$'
+"${emulator[@]}" "$work/cmake-build/consumer" | grep -q '^domain collect.example.com$'
 
 libdir=$(find "$work/prefix" -name tavrin.pc -printf '%h\n' | head -n 1)
 export PKG_CONFIG_PATH="$libdir"
-c++ -std=c++20 "$here/consumer/main.cpp" -o "$work/pc-consumer" $(pkg-config --cflags --libs tavrin)
-"$work/pc-consumer" | grep -q '^push {"price":9.99,"tags":\["a","b"\],"track":"pageview"}$'
+# shellcheck disable=SC2046 # pkg-config's flags are words
+"$cxx" -std=c++20 "$here/consumer/main.cpp" -o "$work/pc-consumer" $(pkg-config --cflags --libs tavrin)
+"${emulator[@]}" "$work/pc-consumer" | grep -q '^push {"price":9.99,"tags":\["a","b"\],"track":"pageview"}$'
 
 # The whole-session example of README's "Public API at a glance" compiles and
 # links against the installed package (it is not run: it names a real domain).
 awk '/^## Public API at a glance/{f=1} f&&/^```cpp/{p=1;next} p&&/^```/{exit} p' "$here/../../README.md" >"$work/readme_example.cpp"
 grep -q 'TavrinService::configure' "$work/readme_example.cpp"
-c++ -std=c++20 -Wall -Wextra -Werror "$work/readme_example.cpp" -o "$work/readme-example" $(pkg-config --cflags --libs tavrin)
+"$cxx" -std=c++20 -Wall -Wextra -Werror "$work/readme_example.cpp" -o "$work/readme-example" $(pkg-config --cflags --libs tavrin)
 echo "installed package works through find_package and pkg-config; README's example builds"
+
+if [ ${#emulator[@]} -gt 0 ]; then
+  cmake -S "$here/../../examples/shop" -B "$work/shop" -DCMAKE_BUILD_TYPE=Release -DCMAKE_PREFIX_PATH="$work/prefix" \
+    "${cmake_cross[@]}" >/dev/null
+  cmake --build "$work/shop" >/dev/null
+  readelf -h "$work/shop/tavrin-shop-example" | grep "Machine:"
+  TAVRIN_EMULATOR="${emulator[*]}" bash "$here/../../scripts/shop_session.sh" \
+    "$build_dir/tools/collector/tavrin-collector" "$work/shop/tavrin-shop-example" --runs 2 >"$work/shop.out" 2>&1 \
+    || { cat "$work/shop.out"; echo "the example shop built against the installed tree failed"; exit 1; }
+  grep -E '^(requests|problems found|user id|consent id)' "$work/shop.out"
+fi
