@@ -7,6 +7,7 @@
 #include <condition_variable>
 #include <deque>
 #include <exception>
+#include <limits>
 #include <map>
 
 #include "tavrin/sdk/internal/logger_utility.h"
@@ -61,7 +62,7 @@ void setCurrentThreadName(const std::string& name) {
     pthread_setname_np(pthread_self(), shortName.c_str());
 }
 
-// ---- the core shared by the queues and the pool
+// ---- the pool and the strands over it
 
 namespace detail {
 
@@ -88,16 +89,12 @@ public:
 
     const std::string label;
 
-    // Returns the block's ticket: the number of blocks posted so far.
-    std::uint64_t post(std::function<void()> block) {
-        std::uint64_t ticket;
+    void post(std::function<void()> block) {
         {
             std::lock_guard lock(mutex_);
             blocks_.push_back(std::move(block));
-            ticket = ++posted_;
         }
         work_.notify_one();
-        return ticket;
     }
 
     // A block that becomes due at `when`; its token cancels it.
@@ -120,18 +117,6 @@ public:
         dropped = std::move(found->second.block);
         timed_.erase(found);
         return true;
-    }
-
-    std::uint64_t posted() const {
-        std::lock_guard lock(mutex_);
-        return posted_;
-    }
-
-    // Waits until as many blocks as `ticket` have finished (with one thread:
-    // every block up to that ticket).
-    void waitUntilFinished(std::uint64_t ticket) {
-        std::unique_lock lock(mutex_);
-        finishedCv_.wait(lock, [&] { return finished_ >= ticket; });
     }
 
     bool isCurrent() const noexcept { return tCurrentCore == this; }
@@ -188,14 +173,8 @@ private:
                 core->blocks_.pop_front();
             }
             runLogged(block, core->label);
-            // Released before the count moves on, so a block holding the last
-            // reference to something is gone before a waiter resumes.
+            // Released here, on the pool's thread, not under the lock.
             block = nullptr;
-            {
-                std::lock_guard lock(core->mutex_);
-                ++core->finished_;
-            }
-            core->finishedCv_.notify_all();
         }
     }
 
@@ -214,7 +193,6 @@ private:
         std::sort(due.begin(), due.end(), [](auto a, auto b) { return a->second.when < b->second.when; });
         for (auto it : due) {
             blocks_.push_back(std::move(it->second.block));
-            ++posted_;
             timed_.erase(it);
         }
     }
@@ -227,10 +205,7 @@ private:
 
     mutable std::mutex mutex_;
     std::condition_variable work_;
-    std::condition_variable finishedCv_;
     std::deque<std::function<void()>> blocks_;
-    std::uint64_t posted_ = 0;
-    std::uint64_t finished_ = 0;
     // Few at a time (a retry timer or two), so a map by token does.
     std::map<std::uint64_t, Timed> timed_;
     std::uint64_t timerTokens_ = 0;
@@ -239,11 +214,225 @@ private:
     const std::uint32_t generation_ = forkGeneration();
 };
 
+namespace {
+
+// The pool every queue runs on: two threads, so pushes keep being processed
+// while a store write waits for the disk. Never destroyed (work may still
+// run while statics are destroyed at exit); a forked child starts its own.
+std::shared_ptr<WorkerCore> sharedCore() {
+    static auto* mutex = new std::mutex();
+    static auto* core = new std::shared_ptr<WorkerCore>(WorkerCore::start("com.tavrin.pool", 2));
+    std::lock_guard lock(*mutex);
+    WorkerCore::revive(*core);
+    return *core;
+}
+
+// The strand whose block runs on this thread (innermost when a waiting caller
+// runs another strand's blocks from inside a block).
+thread_local const Strand* tCurrentStrand = nullptr;
+
+}  // namespace
+
+class Strand : public std::enable_shared_from_this<Strand> {
+public:
+    static std::shared_ptr<Strand> make(std::string label) {
+        return std::shared_ptr<Strand>(new Strand(std::move(label), sharedCore()));
+    }
+
+    // The strand to post to: in a forked child, a fresh one on the child's
+    // pool (blocks queued in the parent stay the parent's).
+    static void revive(std::shared_ptr<Strand>& strand) {
+        if (strand->generation_ == forkGeneration()) [[likely]]
+            return;
+        keepForever(std::exchange(strand, make(strand->label)));
+    }
+
+    const std::string label;
+
+    // Returns the block's ticket: the number of blocks posted so far.
+    std::uint64_t post(std::function<void()> block) {
+        std::uint64_t ticket;
+        bool schedule;
+        {
+            std::lock_guard lock(mutex_);
+            blocks_.push_back(std::move(block));
+            ticket = ++posted_;
+            schedule = claimSchedule();
+        }
+        if (schedule) scheduleDrain();
+        return ticket;
+    }
+
+    std::uint64_t postAt(std::chrono::steady_clock::time_point when, std::function<void()> block) {
+        std::lock_guard lock(mutex_);
+        if (stopping_) return 0;
+        const std::uint64_t token = ++timerTokens_;
+        const auto poolToken = pool_->postAt(when, [weak = weak_from_this(), token] {
+            if (auto self = weak.lock()) self->fire(token);
+        });
+        timers_.emplace(token, Timer{poolToken, std::move(block)});
+        return token;
+    }
+
+    bool cancelTimed(std::uint64_t token) {
+        Timer dropped;  // released outside the lock
+        {
+            std::lock_guard lock(mutex_);
+            auto found = timers_.find(token);
+            if (found == timers_.end()) return false;
+            dropped = std::move(found->second);
+            timers_.erase(found);
+        }
+        pool_->cancelTimed(dropped.poolToken);
+        return true;
+    }
+
+    std::uint64_t posted() const {
+        std::lock_guard lock(mutex_);
+        return posted_;
+    }
+
+    // Waits until the blocks up to `ticket` have run. While none of them is
+    // running anywhere, the caller runs them itself: a pool thread waiting
+    // here never waits for another pool thread to become free.
+    void waitUntilFinished(std::uint64_t ticket) {
+        std::unique_lock lock(mutex_);
+        while (finished_ < ticket) {
+            if (!running_ && !blocks_.empty()) {
+                runBlocks(lock, ticket, std::numeric_limits<std::size_t>::max());
+            } else {
+                finishedCv_.wait(lock);
+            }
+        }
+    }
+
+    bool isCurrent() const noexcept { return tCurrentStrand == this; }
+    std::uint32_t generation() const noexcept { return generation_; }
+
+    // Drops the timed blocks not yet due and waits for the rest (from one of
+    // its own blocks: they run on after it returns).
+    void stop() {
+        if (generation_ != forkGeneration()) return;  // the parent's strand
+        std::map<std::uint64_t, Timer> timers;
+        {
+            std::lock_guard lock(mutex_);
+            stopping_ = true;
+            timers.swap(timers_);
+        }
+        for (const auto& [token, timer] : timers) pool_->cancelTimed(timer.poolToken);
+        if (!isCurrent()) waitUntilFinished(posted());
+    }
+
+private:
+    Strand(std::string l, std::shared_ptr<WorkerCore> pool) : label(std::move(l)), pool_(std::move(pool)) {}
+
+    // Blocks run at a time before the strand lets the other work on the pool in.
+    static constexpr std::size_t kSlice = 256;
+
+    struct Timer {
+        std::uint64_t poolToken = 0;
+        std::function<void()> block;
+    };
+
+    // Makes this thread's blocks count as the strand's for isCurrent and the label.
+    struct CurrentScope {
+        explicit CurrentScope(const Strand* s) : previous(tCurrentStrand), previousLabel(std::move(tCurrentLabel)) {
+            tCurrentStrand = s;
+            tCurrentLabel = s->label;
+        }
+        ~CurrentScope() {
+            tCurrentStrand = previous;
+            tCurrentLabel = std::move(previousLabel);
+        }
+        const Strand* previous;
+        std::string previousLabel;
+    };
+
+    // With the lock held: true when the caller must hand a drain to the pool.
+    bool claimSchedule() {
+        if (running_ || scheduled_) return false;
+        scheduled_ = true;
+        return true;
+    }
+
+    void scheduleDrain() {
+        pool_->post([self = shared_from_this()] { self->drain(); });
+    }
+
+    void fire(std::uint64_t token) {
+        bool schedule = false;
+        std::function<void()> block;
+        {
+            std::lock_guard lock(mutex_);
+            auto found = timers_.find(token);
+            if (found == timers_.end()) return;  // cancelled
+            blocks_.push_back(std::move(found->second.block));
+            timers_.erase(found);
+            ++posted_;
+            schedule = claimSchedule();
+        }
+        if (schedule) scheduleDrain();
+    }
+
+    void drain() {
+        std::unique_lock lock(mutex_);
+        scheduled_ = false;
+        // A waiting caller is running them; it hands back what it leaves.
+        if (running_) return;
+        runBlocks(lock, std::numeric_limits<std::uint64_t>::max(), kSlice);
+    }
+
+    // With the lock held and no block running: runs blocks in order until
+    // `ticket` has run, none is left or `slice` have run, then hands what is
+    // left to the pool.
+    void runBlocks(std::unique_lock<std::mutex>& lock, std::uint64_t ticket, std::size_t slice) {
+        running_ = true;
+        std::size_t ran = 0;
+        while (!blocks_.empty() && finished_ < ticket && ran < slice) {
+            auto block = std::move(blocks_.front());
+            blocks_.pop_front();
+            lock.unlock();
+            {
+                CurrentScope scope(this);
+                runLogged(block, label);
+                // Released before the count moves on, so a block holding the
+                // last reference to something is gone before a waiter resumes.
+                block = nullptr;
+            }
+            lock.lock();
+            ++finished_;
+            ++ran;
+            finishedCv_.notify_all();
+        }
+        running_ = false;
+        if (!blocks_.empty() && claimSchedule()) {
+            lock.unlock();
+            scheduleDrain();
+            lock.lock();
+        }
+        // Waiters that found the strand running may now run the rest themselves.
+        finishedCv_.notify_all();
+    }
+
+    const std::shared_ptr<WorkerCore> pool_;
+    mutable std::mutex mutex_;
+    std::condition_variable finishedCv_;
+    std::deque<std::function<void()>> blocks_;
+    std::uint64_t posted_ = 0;
+    std::uint64_t finished_ = 0;
+    bool running_ = false;
+    bool scheduled_ = false;
+    bool stopping_ = false;
+    std::map<std::uint64_t, Timer> timers_;
+    std::uint64_t timerTokens_ = 0;
+    const std::uint32_t generation_ = forkGeneration();
+};
+
 }  // namespace detail
 
 // ---- SerialQueue
 
-SerialQueue::SerialQueue(std::string label) : core_(detail::WorkerCore::start(std::move(label), 1)) {}
+SerialQueue::SerialQueue(std::string label) : core_(detail::Strand::make(std::move(label))) {}
 
 SerialQueue::~SerialQueue() { core_->stop(); }
 
@@ -254,22 +443,24 @@ bool SerialQueue::isCurrent() const noexcept { return core_->isCurrent(); }
 void SerialQueue::async(std::function<void()> block) { enqueue(std::move(block)); }
 
 std::uint64_t SerialQueue::asyncAfter(std::chrono::milliseconds delay, std::function<void()> block) {
-    detail::WorkerCore::revive(core_);
+    detail::Strand::revive(core_);
     return core_->postAt(std::chrono::steady_clock::now() + std::max(delay, std::chrono::milliseconds(0)),
                          std::move(block));
 }
 
 bool SerialQueue::cancel(std::uint64_t token) { return core_->cancelTimed(token); }
 
-void SerialQueue::enqueue(std::function<void()> block) {
-    detail::WorkerCore::revive(core_);
-    core_->post(std::move(block));
+std::uint64_t SerialQueue::enqueue(std::function<void()> block) {
+    detail::Strand::revive(core_);
+    return core_->post(std::move(block));
 }
+
+void SerialQueue::waitUntilRun(std::uint64_t ticket) { core_->waitUntilFinished(ticket); }
 
 // ---- ConcurrentQueue
 
 ConcurrentQueue::ConcurrentQueue(std::string label)
-    : core_(detail::WorkerCore::start(std::move(label), 1)), data_(std::make_shared<std::shared_mutex>()) {}
+    : core_(detail::Strand::make(std::move(label))), data_(std::make_shared<std::shared_mutex>()) {}
 
 ConcurrentQueue::~ConcurrentQueue() { core_->stop(); }
 
@@ -278,13 +469,13 @@ const std::string& ConcurrentQueue::label() const noexcept { return core_->label
 void ConcurrentQueue::revive() const {
     if (core_->generation() == forkGeneration()) [[likely]]
         return;
-    detail::WorkerCore::revive(core_);
+    detail::Strand::revive(core_);
     keepForever(std::exchange(data_, std::make_shared<std::shared_mutex>()));
 }
 
 void ConcurrentQueue::asyncBarrier(std::function<void()> write) {
     revive();
-    // The write itself is released by the core after the lock, like any block.
+    // The write itself is released by the strand after the lock, like any block.
     core_->post([data = data_, write = std::move(write)] {
         std::unique_lock exclusive(*data);
         write();
@@ -347,19 +538,29 @@ ConcurrentQueue::ReadScope::~ReadScope() { tReadingQueues.pop_back(); }
 TaskPool::TaskPool(std::size_t threads, std::string label)
     : core_(detail::WorkerCore::start(std::move(label), threads)) {}
 
-TaskPool::~TaskPool() { core_->stop(); }
+TaskPool::TaskPool(Shared) : core_(detail::sharedCore()), shared_(true) {}
+
+TaskPool::~TaskPool() {
+    if (!shared_) core_->stop();
+}
 
 TaskPool& TaskPool::shared() {
     // Never destroyed: detached tasks may still be running while static
     // destructors run at exit.
-    static auto* pool = new TaskPool(2);
+    static auto* pool = new TaskPool(Shared{});
     return *pool;
 }
 
 void TaskPool::detach(std::function<void()> fn) { enqueue(std::move(fn)); }
 
 void TaskPool::enqueue(std::function<void()> block) {
-    detail::WorkerCore::revive(core_);
+    if (shared_) {
+        // In a forked child, the child's own pool (the one its queues use).
+        if (core_->generation() != forkGeneration()) [[unlikely]]
+            core_ = detail::sharedCore();
+    } else {
+        detail::WorkerCore::revive(core_);
+    }
     core_->post(std::move(block));
 }
 

@@ -2,11 +2,16 @@
 // Dispatch: serial queues, concurrent queues with barrier writes, a shared
 // pool for background tasks, and the process-wide lock.
 //
-// All three run their blocks on one worker core whose state is shared with its
-// threads, so a queue may be destroyed from one of its own blocks (the last
-// owner of an object dropped on its own queue): the threads then finish the
-// blocks already submitted and end by themselves. An exception escaping an
-// asynchronous block is logged at error level; the queue goes on.
+// A queue is an ordering of work, not a thread: every serial and concurrent
+// queue is a strand over the one shared pool (two threads named
+// "com.tavrin.pool"), so the SDK's threads do not grow with its queues. A
+// caller that waits for a queue (sync, a read, drain) whose blocks are not
+// running anywhere runs them itself, up to its own, so waits between queues
+// never need a free pool thread. A queue's state is shared with the work
+// posted to it, so a queue may be destroyed from one of its own blocks (the
+// last owner of an object dropped on its own queue): the blocks already
+// submitted still run. An exception escaping an asynchronous block is logged
+// at error level; the queue goes on.
 
 #include <chrono>
 #include <cstdint>
@@ -43,14 +48,18 @@ void setCurrentThreadName(const std::string& name);
 namespace detail {
 // Threads taking blocks from one FIFO (defined in dispatch.cpp).
 class WorkerCore;
+// Blocks run one at a time, in order, on whichever thread is free.
+class Strand;
 }  // namespace detail
 
-// One named thread running blocks one at a time in submission order.
+// Blocks run one at a time in submission order, on the shared pool; while one
+// runs, currentQueueLabel() is the queue's label.
 class SerialQueue {
 public:
     explicit SerialQueue(std::string label);
-    // Runs every block already submitted, then joins the thread (or, when
-    // called from one of its own blocks, lets the thread finish on its own).
+    // Waits until every block already submitted has run (called from one of
+    // its own blocks: lets them run on after it returns). Timed blocks not
+    // yet due never run.
     ~SerialQueue();
     SerialQueue(const SerialQueue&) = delete;
     SerialQueue& operator=(const SerialQueue&) = delete;
@@ -76,16 +85,20 @@ public:
         // the queue thread is still leaving the task.
         auto task = std::make_shared<std::packaged_task<R()>>(std::forward<F>(block));
         auto future = task->get_future();
-        enqueue([task] { (*task)(); });
+        waitUntilRun(enqueue([task] { (*task)(); }));
         return future.get();
     }
 
     bool isCurrent() const noexcept;
 
 private:
-    void enqueue(std::function<void()> block);
+    // Returns the block's ticket.
+    std::uint64_t enqueue(std::function<void()> block);
+    // Waits for the blocks up to `ticket`, running them on the calling thread
+    // while no thread runs them.
+    void waitUntilRun(std::uint64_t ticket);
 
-    std::shared_ptr<detail::WorkerCore> core_;
+    std::shared_ptr<detail::Strand> core_;
 };
 
 // Reads run synchronously on the caller's thread and may overlap; writes are
@@ -94,8 +107,8 @@ private:
 class ConcurrentQueue {
 public:
     explicit ConcurrentQueue(std::string label);
-    // Applies every pending write, then joins the writer thread (or, when
-    // called from a write, lets the thread finish on its own).
+    // Applies every pending write (called from a write: lets them be applied
+    // after it returns).
     ~ConcurrentQueue();
     ConcurrentQueue(const ConcurrentQueue&) = delete;
     ConcurrentQueue& operator=(const ConcurrentQueue&) = delete;
@@ -116,7 +129,7 @@ public:
 
     // Applies the write at once on the calling thread, holding the data
     // exclusively, after every write submitted before it: no hand-off to the
-    // writer thread, which costs a wake-up per write on hot paths. Inside a
+    // pool, which costs a wake-up per write on hot paths. Inside a
     // read of this queue, where waiting for exclusivity would wait on
     // ourselves, the write is queued as an asyncBarrier instead.
     void barrier(std::function<void()> write);
@@ -154,22 +167,23 @@ private:
     // In a forked child, replaces the parent's core and lock on first use.
     void revive() const;
 
-    mutable std::shared_ptr<detail::WorkerCore> core_;
+    mutable std::shared_ptr<detail::Strand> core_;
     // Shared with the queued writes, which may outlive the queue object.
     mutable std::shared_ptr<std::shared_mutex> data_;
 };
 
-// A small fixed pool for background tasks.
+// A small fixed pool of threads for background tasks, which run side by side.
 class TaskPool {
 public:
-    explicit TaskPool(std::size_t threads, std::string label = "com.tavrin.task");
+    explicit TaskPool(std::size_t threads, std::string label = "com.tavrin.pool");
     // Runs the tasks already submitted, then joins (from one of its own
     // tasks: lets the threads finish on their own).
     ~TaskPool();
     TaskPool(const TaskPool&) = delete;
     TaskPool& operator=(const TaskPool&) = delete;
 
-    // The process-wide pool (two threads), created on first use.
+    // The process-wide pool (two threads), created on first use: the one the
+    // queues run on.
     static TaskPool& shared();
 
     // Runs the callable on a pool thread; the future carries its result or exception.
@@ -186,9 +200,12 @@ public:
     void detach(std::function<void()> fn);
 
 private:
+    struct Shared {};
+    explicit TaskPool(Shared);
     void enqueue(std::function<void()> block);
 
     std::shared_ptr<detail::WorkerCore> core_;
+    const bool shared_ = false;
 };
 
 // The one process-wide mutual-exclusion lock (start-up serialisation).

@@ -3,6 +3,10 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <latch>
+#include <memory>
+#include <mutex>
+#include <set>
 #include <future>
 #include <stdexcept>
 #include <thread>
@@ -81,6 +85,48 @@ TEST(SerialQueueTest, SyncFromTheQueuesOwnThreadRunsInline) {
     auto future = result.get_future();
     ASSERT_TRUE(ready(future)) << "deadlocked";
     EXPECT_EQ(future.get(), 6);
+}
+
+// Queues are orderings over one small pool: twenty of them add no threads.
+TEST(SerialQueueTest, ManyQueuesShareThePoolsThreads) {
+    std::vector<std::unique_ptr<SerialQueue>> queues;
+    std::mutex mutex;
+    std::set<std::thread::id> threads;
+    std::latch done(20 * 50);
+    for (int q = 0; q < 20; ++q) queues.push_back(std::make_unique<SerialQueue>("com.tavrin.test.many"));
+    for (int i = 0; i < 50; ++i)
+        for (auto& queue : queues)
+            queue->async([&] {
+                {
+                    std::lock_guard lock(mutex);
+                    threads.insert(std::this_thread::get_id());
+                }
+                done.count_down();
+            });
+    done.wait();
+    EXPECT_LE(threads.size(), 2u);
+    EXPECT_FALSE(threads.count(std::this_thread::get_id()));
+}
+
+// Both pool threads wait inside a block for another queue: the waiting
+// threads run those queues' blocks themselves instead of waiting for a free
+// pool thread that never comes.
+TEST(SerialQueueTest, WaitsBetweenQueuesNeverNeedAFreePoolThread) {
+    SerialQueue a("com.tavrin.test.a"), b("com.tavrin.test.b"), c("com.tavrin.test.c"), d("com.tavrin.test.d");
+    std::latch bothRunning(2);
+    std::promise<int> fromA, fromB;
+    a.async([&] {
+        bothRunning.arrive_and_wait();
+        fromA.set_value(c.sync([&] { return c.isCurrent() && !a.isCurrent() ? 1 : -1; }));
+    });
+    b.async([&] {
+        bothRunning.arrive_and_wait();
+        fromB.set_value(d.sync([] { return 2; }));
+    });
+    auto futureA = fromA.get_future(), futureB = fromB.get_future();
+    ASSERT_TRUE(ready(futureA) && ready(futureB)) << "deadlocked";
+    EXPECT_EQ(futureA.get(), 1);
+    EXPECT_EQ(futureB.get(), 2);
 }
 
 TEST(ConcurrentQueueTest, ReadSeesEveryWriteSubmittedBeforeItInOrder) {
