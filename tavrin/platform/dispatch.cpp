@@ -301,7 +301,10 @@ public:
             if (!running_ && !blocks_.empty()) {
                 runBlocks(lock, ticket, std::numeric_limits<std::size_t>::max());
             } else {
+                wakeAt_ = std::min(wakeAt_, ticket);
+                ++waiters_;
                 finishedCv_.wait(lock);
+                --waiters_;
             }
         }
     }
@@ -402,7 +405,11 @@ private:
             lock.lock();
             ++finished_;
             ++ran;
-            finishedCv_.notify_all();
+            // Waiters wake when the earliest of their blocks has run, not at every block.
+            if (finished_ >= wakeAt_) {
+                wakeAt_ = kNobodyWaits;
+                finishedCv_.notify_all();
+            }
         }
         running_ = false;
         if (!blocks_.empty() && claimSchedule()) {
@@ -411,7 +418,7 @@ private:
             lock.lock();
         }
         // Waiters that found the strand running may now run the rest themselves.
-        finishedCv_.notify_all();
+        if (waiters_ > 0) finishedCv_.notify_all();
     }
 
     const std::shared_ptr<WorkerCore> pool_;
@@ -420,6 +427,10 @@ private:
     std::deque<std::function<void()>> blocks_;
     std::uint64_t posted_ = 0;
     std::uint64_t finished_ = 0;
+    // The earliest ticket a waiter waits for, and how many wait.
+    static constexpr std::uint64_t kNobodyWaits = std::numeric_limits<std::uint64_t>::max();
+    std::uint64_t wakeAt_ = kNobodyWaits;
+    std::size_t waiters_ = 0;
     bool running_ = false;
     bool scheduled_ = false;
     bool stopping_ = false;
