@@ -72,6 +72,19 @@ std::vector<PushPayload> MemoryCacheUtility::getPushPayloads() const {
     });
 }
 
+std::vector<PushPayload> MemoryCacheUtility::takePushPayloads() {
+    // Shared with the write, which a read of this cache on the calling thread
+    // would defer (there is none on the submission path).
+    auto taken = std::make_shared<std::vector<PushPayload>>();
+    queue_.barrier([this, taken] {
+        taken->reserve(pushPayloads_.size());
+        for (auto& kept : pushPayloads_) taken->push_back(std::move(kept.payload));
+        pushPayloads_.clear();
+        pushPayloadBytes_ = 0;
+    });
+    return std::move(*taken);
+}
+
 void MemoryCacheUtility::removePushPayloads(std::vector<std::string> ids) {
     queue_.barrier([this, ids = std::move(ids)] {
         const std::unordered_set<std::string> drop(ids.begin(), ids.end());

@@ -88,11 +88,7 @@ std::future<void> TrackingService::submitData(std::optional<std::string> state, 
     ProductData productData;
     processingQueue.sync([&] {
         auto& cache = MemoryCacheUtility::shared();
-        payloads = cache.getPushPayloads();
-        std::vector<std::string> ids;
-        ids.reserve(payloads.size());
-        for (const auto& payload : payloads) ids.push_back(payload.id);
-        cache.removePushPayloads(std::move(ids));
+        payloads = cache.takePushPayloads();
         endDropEpisode();
         productData = cache.get<ProductData>(kProductDataKey).value_or(ProductData{});
         cache.remove(kProductDataKey);
@@ -107,11 +103,11 @@ std::future<void> TrackingService::submitData(std::optional<std::string> state, 
             // Not a structured binding: the log lambdas capture the key (clang < 16 cannot).
             const std::string& key = entry.first;
             auto& value = entry.second;
-            if (aggregate.contains(key)) {
-                logger.debug([&] { return "Skipping duplicate key during push aggregation: " + key; });
-            } else {
+            // One lookup per key; the value moves only when the key is new.
+            if (aggregate.try_emplace(key, std::move(value)).second) {
                 logger.debug([&] { return "Adding key during push aggregation: " + key; });
-                aggregate.emplace(key, std::move(value));
+            } else {
+                logger.debug([&] { return "Skipping duplicate key during push aggregation: " + key; });
             }
         }
     }

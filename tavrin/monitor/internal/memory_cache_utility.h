@@ -81,6 +81,9 @@ public:
     std::vector<PushPayload> getPushPayloads() const;
     // Drops every payload whose id is listed; the rest keep their order.
     void removePushPayloads(std::vector<std::string> ids);
+    // Moves every payload out, in order, leaving none: what a submission
+    // sends, without copying each push. Not from inside a read of the cache.
+    std::vector<PushPayload> takePushPayloads();
 
     // Blocks until every write submitted so far has been applied.
     void drain() const { queue_.drain(); }
