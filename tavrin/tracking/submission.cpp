@@ -93,8 +93,11 @@ std::future<void> TrackingService::submitData(std::optional<std::string> state, 
         productData = cache.get<ProductData>(kProductDataKey).value_or(ProductData{});
         cache.remove(kProductDataKey);
     });
-    std::stable_sort(payloads.begin(), payloads.end(),
-                     [](const PushPayload& a, const PushPayload& b) { return a.order < b.order; });
+    // Pushes are kept in the order they were processed, which is almost
+    // always their push order already: sorting is then a check, not moves.
+    const auto byOrder = [](const PushPayload& a, const PushPayload& b) { return a.order < b.order; };
+    if (!std::is_sorted(payloads.begin(), payloads.end(), byOrder))
+        std::stable_sort(payloads.begin(), payloads.end(), byOrder);
 
     // The first push that set a key wins within one submission.
     std::map<std::string, CodableValue> aggregate;
