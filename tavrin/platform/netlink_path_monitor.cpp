@@ -50,7 +50,10 @@ private:
 
 std::string errnoText(int error) { return std::strerror(error); }
 
-constexpr std::size_t kReceiveBufferSize = 64 * 1024;
+// Enough for every dump message of an ordinary system (the kernel sizes them
+// to the reader's buffer); a larger one grows the dump buffer first. Two of
+// these (dump and events) stay small on a small board.
+constexpr std::size_t kReceiveBufferSize = 16 * 1024;
 
 // Receives one datagram from the kernel; -1 with errno on failure. Datagrams
 // not sent by the kernel (port id 0) are dropped and reported as size 0.
@@ -138,6 +141,14 @@ private:
 
         bool interrupted = false;
         for (;;) {
+            // A message larger than the buffer (a link with many virtual
+            // functions, say) would be cut: its size is read first.
+            ssize_t pending;
+            do {
+                pending = ::recv(fd_.get(), nullptr, 0, MSG_PEEK | MSG_TRUNC);
+            } while (pending < 0 && errno == EINTR);
+            if (pending < 0) return fail("receive", errno);
+            if (static_cast<std::size_t>(pending) > buffer_.size()) buffer_.resize(static_cast<std::size_t>(pending));
             bool truncated = false;
             const ssize_t n = receiveFromKernel(fd_.get(), buffer_.data(), buffer_.size(), 0, truncated);
             if (n < 0) return fail("receive", errno);

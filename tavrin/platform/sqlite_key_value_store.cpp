@@ -335,7 +335,7 @@ SqliteKeyValueStore::Outcome SqliteKeyValueStore::openAt(Access access, Deadline
 SqliteKeyValueStore::Outcome SqliteKeyValueStore::quickCheck(Deadline deadline) {
     return untilUnlocked(db_, deadline, [&]() -> Outcome {
         sqlite3_stmt* check = nullptr;
-        int rc = sqlite3_prepare_v2(db_, "PRAGMA quick_check", -1, &check, nullptr);
+        int rc = sqlite3_prepare_v2(db_, "PRAGMA main.quick_check", -1, &check, nullptr);
         if (rc == SQLITE_OK) rc = sqlite3_step(check);
         Outcome failure;
         if (rc != SQLITE_ROW) {
