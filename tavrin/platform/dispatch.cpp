@@ -292,13 +292,16 @@ public:
         return posted_;
     }
 
-    // Waits until the blocks up to `ticket` have run. While none of them is
-    // running anywhere, the caller runs them itself: a pool thread waiting
-    // here never waits for another pool thread to become free.
+    // Waits until the blocks up to `ticket` have run. A pool thread runs
+    // them itself while they run nowhere, so it never waits for another pool
+    // thread to become free. Other threads (the host's) only wait: running
+    // the SDK's work there would speed a host that submits in a loop past
+    // what the pool sends, and what waits would pile up in memory.
     void waitUntilFinished(std::uint64_t ticket) {
+        const bool poolThread = tCurrentCore != nullptr;
         std::unique_lock lock(mutex_);
         while (finished_ < ticket) {
-            if (!running_ && !blocks_.empty()) {
+            if (poolThread && !running_ && !blocks_.empty()) {
                 runBlocks(lock, ticket, std::numeric_limits<std::size_t>::max());
             } else {
                 wakeAt_ = std::min(wakeAt_, ticket);

@@ -5,9 +5,9 @@
 // A queue is an ordering of work, not a thread: every serial and concurrent
 // queue is a strand over the one shared pool (two threads named
 // "com.tavrin.pool"), so the SDK's threads do not grow with its queues. A
-// caller that waits for a queue (sync, a read, drain) whose blocks are not
-// running anywhere runs them itself, up to its own, so waits between queues
-// never need a free pool thread. A queue's state is shared with the work
+// pool thread that waits for a queue (sync, a read, drain) whose blocks are
+// not running anywhere runs them itself, up to its own, so waits between
+// queues never need a free pool thread. A queue's state is shared with the work
 // posted to it, so a queue may be destroyed from one of its own blocks (the
 // last owner of an object dropped on its own queue): the blocks already
 // submitted still run. An exception escaping an asynchronous block is logged
@@ -94,8 +94,8 @@ public:
 private:
     // Returns the block's ticket.
     std::uint64_t enqueue(std::function<void()> block);
-    // Waits for the blocks up to `ticket`, running them on the calling thread
-    // while no thread runs them.
+    // Waits for the blocks up to `ticket` (a pool thread runs them itself
+    // while no thread runs them).
     void waitUntilRun(std::uint64_t ticket);
 
     std::shared_ptr<detail::Strand> core_;

@@ -129,6 +129,30 @@ TEST(SerialQueueTest, WaitsBetweenQueuesNeverNeedAFreePoolThread) {
     EXPECT_EQ(futureB.get(), 2);
 }
 
+// The host's threads wait for a queue but never run its blocks, even while
+// the pool is busy: a host submitting in a loop must not outrun the SDK.
+TEST(SerialQueueTest, AHostThreadWaitingForAQueueNeverRunsItsBlocks) {
+    SerialQueue busyA("com.tavrin.test.busy"), busyB("com.tavrin.test.busy"), queue("com.tavrin.test.q");
+    std::latch bothBusy(2);
+    Gate release;
+    busyA.async([&] {
+        bothBusy.count_down();
+        release.wait();
+    });
+    busyB.async([&] {
+        bothBusy.count_down();
+        release.wait();
+    });
+    bothBusy.wait();
+    std::atomic<bool> ranOnHost{false};
+    const auto host = std::this_thread::get_id();
+    for (int i = 0; i < 10; ++i) queue.async([&] { ranOnHost = ranOnHost || std::this_thread::get_id() == host; });
+    auto opener = openSoon(release);
+    queue.sync([] {});
+    opener.join();
+    EXPECT_FALSE(ranOnHost);
+}
+
 TEST(ConcurrentQueueTest, ReadSeesEveryWriteSubmittedBeforeItInOrder) {
     ConcurrentQueue queue("com.tavrin.test.cache");
     std::vector<int> applied;
