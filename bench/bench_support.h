@@ -14,6 +14,8 @@
 
 #include <atomic>
 #include <chrono>
+#include <fstream>
+#include <string>
 #include <mutex>
 #include <thread>
 #include <vector>
@@ -21,6 +23,21 @@
 #include "tavrin/platform/system_log.h"
 
 namespace tavrin::bench {
+
+// Kilobytes of a field of /proc/self/smaps_rollup ("Rss", "Anonymous").
+inline long rollupKb(const std::string& field) {
+    std::ifstream in("/proc/self/smaps_rollup");
+    std::string key, rest;
+    long value = 0;
+    while (in >> key) {
+        if (key == field + ":") {
+            in >> value;
+            return value;
+        }
+        std::getline(in, rest);
+    }
+    return -1;
+}
 
 // Formats every line (as the library would) and drops it.
 class DiscardSink final : public tavrin::platform::LogSink {

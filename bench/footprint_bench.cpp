@@ -26,20 +26,6 @@ using namespace tavrin;
 namespace fs = std::filesystem;
 using Clock = std::chrono::steady_clock;
 
-long rollupKb(const std::string& field) {
-    std::ifstream in("/proc/self/smaps_rollup");
-    std::string key, rest;
-    long value = 0;
-    while (in >> key) {
-        if (key == field + ":") {
-            in >> value;
-            return value;
-        }
-        std::getline(in, rest);
-    }
-    return -1;
-}
-
 int threadCount() {
     int count = 0;
     if (DIR* tasks = opendir("/proc/self/task")) {
@@ -88,13 +74,13 @@ Environment& environment() {
 void BM_ConfigureFootprint(benchmark::State& state) {
     auto& env = environment();
     const int threadsBefore = threadCount();
-    const long anonymousBefore = rollupKb("Anonymous");
+    const long anonymousBefore = bench::rollupKb("Anonymous");
     for (auto _ : state) {
         TavrinService::configure(env.config(9));
         std::this_thread::sleep_for(std::chrono::milliseconds(500));  // start-up work settles
     }
     state.counters["sdk_threads"] = threadCount() - threadsBefore;
-    state.counters["configure_anon_KiB"] = static_cast<double>(rollupKb("Anonymous") - anonymousBefore);
+    state.counters["configure_anon_KiB"] = static_cast<double>(bench::rollupKb("Anonymous") - anonymousBefore);
     state.counters["minimal_host_stripped_KB"] = static_cast<double>(fileBytes(TAVRIN_MINIMAL_HOST)) / 1000;
     state.counters["static_library_KB"] = static_cast<double>(fileBytes(TAVRIN_STATIC_LIBRARY)) / 1000;
 }

@@ -53,22 +53,6 @@ private:
     UpdateHandler handler_;
 };
 
-// Kilobytes of a field of /proc/self/smaps_rollup ("Rss", "Anonymous").
-long rollupKb(const std::string& field) {
-    std::ifstream in("/proc/self/smaps_rollup");
-    std::string key;
-    long value = 0;
-    std::string unit;
-    while (in >> key) {
-        if (key == field + ":") {
-            in >> value;
-            return value;
-        }
-        std::getline(in, unit);
-    }
-    return -1;
-}
-
 struct Environment {
     Environment() {
         platform::SystemLog::setSink(std::make_shared<DiscardSink>());
@@ -117,15 +101,15 @@ void reportMedian(benchmark::State& state, std::vector<double>& micros) {
 // Runs first, in a process that has configured nothing yet.
 void BM_PrivateMemoryAfterConfigureIdle(benchmark::State& state) {
     auto& env = environment();
-    const long anonymousBefore = rollupKb("Anonymous");
+    const long anonymousBefore = bench::rollupKb("Anonymous");
     for (auto _ : state) {
         TavrinService::configure(env.config());
         std::this_thread::sleep_for(std::chrono::milliseconds(500));  // start-up resend and threads settle
     }
-    const long anonymousAfter = rollupKb("Anonymous");
+    const long anonymousAfter = bench::rollupKb("Anonymous");
     state.counters["library_anon_KiB"] = static_cast<double>(anonymousAfter - anonymousBefore);
     state.counters["process_anon_KiB"] = static_cast<double>(anonymousAfter);
-    state.counters["process_rss_KiB"] = static_cast<double>(rollupKb("Rss"));
+    state.counters["process_rss_KiB"] = static_cast<double>(bench::rollupKb("Rss"));
 }
 BENCHMARK(BM_PrivateMemoryAfterConfigureIdle)->Iterations(1)->Unit(benchmark::kMillisecond);
 
