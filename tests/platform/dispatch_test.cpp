@@ -89,10 +89,10 @@ TEST(SerialQueueTest, SyncFromTheQueuesOwnThreadRunsInline) {
 
 // Queues are orderings over one small pool: twenty of them add no threads.
 TEST(SerialQueueTest, ManyQueuesShareThePoolsThreads) {
-    std::vector<std::unique_ptr<SerialQueue>> queues;
     std::mutex mutex;
     std::set<std::thread::id> threads;
     std::latch done(20 * 50);
+    std::vector<std::unique_ptr<SerialQueue>> queues;  // destroyed first: their blocks use the above
     for (int q = 0; q < 20; ++q) queues.push_back(std::make_unique<SerialQueue>("com.tavrin.test.many"));
     for (int i = 0; i < 50; ++i)
         for (auto& queue : queues)
@@ -112,9 +112,9 @@ TEST(SerialQueueTest, ManyQueuesShareThePoolsThreads) {
 // threads run those queues' blocks themselves instead of waiting for a free
 // pool thread that never comes.
 TEST(SerialQueueTest, WaitsBetweenQueuesNeverNeedAFreePoolThread) {
-    SerialQueue a("com.tavrin.test.a"), b("com.tavrin.test.b"), c("com.tavrin.test.c"), d("com.tavrin.test.d");
     std::latch bothRunning(2);
-    std::promise<int> fromA, fromB;
+    std::promise<int> fromA, fromB;  // outlive the queues, whose blocks set them
+    SerialQueue a("com.tavrin.test.a"), b("com.tavrin.test.b"), c("com.tavrin.test.c"), d("com.tavrin.test.d");
     a.async([&] {
         bothRunning.arrive_and_wait();
         fromA.set_value(c.sync([&] { return c.isCurrent() && !a.isCurrent() ? 1 : -1; }));
@@ -132,9 +132,9 @@ TEST(SerialQueueTest, WaitsBetweenQueuesNeverNeedAFreePoolThread) {
 // The host's threads wait for a queue but never run its blocks, even while
 // the pool is busy: a host submitting in a loop must not outrun the SDK.
 TEST(SerialQueueTest, AHostThreadWaitingForAQueueNeverRunsItsBlocks) {
-    SerialQueue busyA("com.tavrin.test.busy"), busyB("com.tavrin.test.busy"), queue("com.tavrin.test.q");
     std::latch bothBusy(2);
-    Gate release;
+    Gate release;  // outlives the queues, whose blocks wait on it
+    SerialQueue busyA("com.tavrin.test.busy"), busyB("com.tavrin.test.busy"), queue("com.tavrin.test.q");
     busyA.async([&] {
         bothBusy.count_down();
         release.wait();
