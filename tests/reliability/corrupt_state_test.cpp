@@ -37,7 +37,8 @@ public:
         std::string line = record.message.substr(0, 2000);
         std::replace(line.begin(), line.end(), '\n', ' ');
         report(line);
-        walkFinished = walkFinished || line.starts_with("Cached requests successfully resent");
+        // Records arrive from several threads at once: only ever set, never read-modify-write.
+        if (line.starts_with("Cached requests successfully resent")) walkFinished = true;
     }
     std::atomic<bool> walkFinished{false};
 };
