@@ -622,21 +622,29 @@ std::optional<std::string> prefixUpperBound(std::string_view prefix) {
     return std::nullopt;
 }
 
+// Prepares `SELECT columns` over the keys starting with `prefix`, in key
+// order: keys compare bytewise (BINARY), so the prefix is a range of the
+// primary key. The result code is SQLITE_OK when the statement is ready.
+int prepareRange(sqlite3* db, const std::string& columns, std::string_view prefix, sqlite3_stmt** statement) {
+    const auto upper = prefixUpperBound(prefix);
+    const std::string sql = "SELECT " + columns + " FROM key_value WHERE key >= ?1" +
+                            (upper ? " AND key < ?2" : "") + " ORDER BY key";
+    int rc = sqlite3_prepare_v2(db, sql.c_str(), -1, statement, nullptr);
+    if (rc == SQLITE_OK)
+        rc = sqlite3_bind_text(*statement, 1, prefix.data(), static_cast<int>(prefix.size()), SQLITE_TRANSIENT);
+    if (rc == SQLITE_OK && upper)
+        rc = sqlite3_bind_text(*statement, 2, upper->data(), static_cast<int>(upper->size()), SQLITE_TRANSIENT);
+    return rc;
+}
+
 }  // namespace
 
 std::vector<KeyValueStore::Entry> SqliteKeyValueStore::values(std::string_view prefix) const {
     std::lock_guard lock(mutex_);
     std::vector<Entry> entries;
     if (!db_) return entries;
-    const auto upper = prefixUpperBound(prefix);
-    // Keys compare bytewise (BINARY), so the prefix is a range of the primary key.
-    const char* sql = upper ? "SELECT key, type, value FROM key_value WHERE key >= ?1 AND key < ?2 ORDER BY key"
-                            : "SELECT key, type, value FROM key_value WHERE key >= ?1 ORDER BY key";
     sqlite3_stmt* s = nullptr;
-    int rc = sqlite3_prepare_v2(db_, sql, -1, &s, nullptr);
-    if (rc == SQLITE_OK) rc = sqlite3_bind_text(s, 1, prefix.data(), static_cast<int>(prefix.size()), SQLITE_STATIC);
-    if (rc == SQLITE_OK && upper)
-        rc = sqlite3_bind_text(s, 2, upper->data(), static_cast<int>(upper->size()), SQLITE_STATIC);
+    int rc = prepareRange(db_, "key, type, value", prefix, &s);
     while (rc == SQLITE_OK || rc == SQLITE_ROW) {
         rc = sqlite3_step(s);
         if (rc != SQLITE_ROW) break;
@@ -669,18 +677,10 @@ std::vector<KeyValueStore::KeySize> SqliteKeyValueStore::keySizes(std::string_vi
     std::lock_guard lock(mutex_);
     std::vector<KeySize> sizes;
     if (!db_) return sizes;
-    const auto upper = prefixUpperBound(prefix);
-    // length() of a blob reads only the record's header, not the value's pages.
-    const char* sql = upper ? "SELECT key, CASE WHEN typeof(value) = 'blob' THEN length(value)"
-                              " ELSE length(CAST(value AS BLOB)) END FROM key_value"
-                              " WHERE key >= ?1 AND key < ?2 ORDER BY key"
-                            : "SELECT key, CASE WHEN typeof(value) = 'blob' THEN length(value)"
-                              " ELSE length(CAST(value AS BLOB)) END FROM key_value WHERE key >= ?1 ORDER BY key";
     sqlite3_stmt* s = nullptr;
-    int rc = sqlite3_prepare_v2(db_, sql, -1, &s, nullptr);
-    if (rc == SQLITE_OK) rc = sqlite3_bind_text(s, 1, prefix.data(), static_cast<int>(prefix.size()), SQLITE_STATIC);
-    if (rc == SQLITE_OK && upper)
-        rc = sqlite3_bind_text(s, 2, upper->data(), static_cast<int>(upper->size()), SQLITE_STATIC);
+    // length() of a blob reads only the record's header, not the value's pages.
+    int rc = prepareRange(db_, "key, CASE WHEN typeof(value) = 'blob' THEN length(value) ELSE length(CAST(value AS BLOB)) END",
+                          prefix, &s);
     while (rc == SQLITE_OK || rc == SQLITE_ROW) {
         rc = sqlite3_step(s);
         if (rc != SQLITE_ROW) break;

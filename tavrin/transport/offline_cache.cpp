@@ -172,6 +172,14 @@ std::deque<OfflineCache::Entry>::iterator OfflineCache::find(const Request& requ
     });
 }
 
+void OfflineCache::erase(std::deque<Entry>::iterator found, Batch& batch) {
+    const Entry removed = *found;
+    cachedRequests_.erase(found);
+    totalBytes_ -= removed.payloadBytes;
+    log().info([&] { return "Request of type " + logType(removed.type) + " removed from cache."; });
+    batch.erase(recordKey(removed.sequence));
+}
+
 std::deque<OfflineCache::Entry>::iterator OfflineCache::find(std::uint64_t sequence) {
     // Sequences grow along the list.
     auto found = std::lower_bound(cachedRequests_.begin(), cachedRequests_.end(), sequence,
@@ -237,13 +245,7 @@ void OfflineCache::tryAdd(Request request, Added added) {
 void OfflineCache::remove(const Request& request, Done done) {
     change(
         [this, request](Batch& batch) {
-            auto found = find(request);
-            if (found == cachedRequests_.end()) return;
-            const Entry removed = *found;
-            cachedRequests_.erase(found);
-            totalBytes_ -= removed.payloadBytes;
-            log().info([&] { return "Request of type " + logType(removed.type) + " removed from cache."; });
-            batch.erase(recordKey(removed.sequence));
+            if (auto found = find(request); found != cachedRequests_.end()) erase(found, batch);
         },
         std::move(done));
 }
@@ -251,15 +253,8 @@ void OfflineCache::remove(const Request& request, Done done) {
 void OfflineCache::removeEntries(std::vector<std::uint64_t> sequences, Done done) {
     change(
         [this, sequences = std::move(sequences)](Batch& batch) {
-            for (const auto sequence : sequences) {
-                auto found = find(sequence);
-                if (found == cachedRequests_.end()) continue;
-                const Entry removed = *found;
-                cachedRequests_.erase(found);
-                totalBytes_ -= removed.payloadBytes;
-                log().info([&] { return "Request of type " + logType(removed.type) + " removed from cache."; });
-                batch.erase(recordKey(removed.sequence));
-            }
+            for (const auto sequence : sequences)
+                if (auto found = find(sequence); found != cachedRequests_.end()) erase(found, batch);
         },
         std::move(done));
 }

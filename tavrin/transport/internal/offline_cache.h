@@ -151,6 +151,8 @@ private:
     void saveRecord(const Entry& entry, const Bytes& payload, Batch& batch) const;
     std::deque<Entry>::iterator find(const Request& request);
     std::deque<Entry>::iterator find(std::uint64_t sequence);
+    // With the queue held: drops the entry and its record (in `batch`), with the log line.
+    void erase(std::deque<Entry>::iterator found, Batch& batch);
 
     std::shared_ptr<platform::KeyValueStore> store_;
     // Owned by the queue's writes.
