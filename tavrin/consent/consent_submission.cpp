@@ -20,7 +20,7 @@
 #include "tavrin/platform/internal/uuid.h"
 #include "tavrin/sdk/internal/logger_utility.h"
 #include "tavrin/sdk/internal/tracking_settings.h"
-#include "tavrin/tracking/internal/json_stringify.h"
+#include "tavrin/platform/internal/json_stringify.h"
 #include "tavrin/tracking/internal/tracking_service_internals.h"
 #include "tavrin/tracking/tracking_service.h"
 #include "tavrin/sdk/internal/shared_instance.h"

@@ -2,7 +2,7 @@
 
 #include <string>
 
-#include "tavrin/sdk/internal/fatal_error.h"
+#include "tavrin/platform/internal/fatal_error.h"
 
 namespace tavrin::detail {
 

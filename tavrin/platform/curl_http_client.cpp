@@ -17,7 +17,7 @@
 #include "tavrin/platform/http_client.h"
 #include "tavrin/platform/internal/curl_errors.h"
 #include "tavrin/platform/internal/http_fields.h"
-#include "tavrin/sdk/internal/logger_utility.h"
+#include "tavrin/platform/internal/log_hook.h"
 
 namespace tavrin::platform {
 
@@ -49,7 +49,7 @@ long milliseconds(double seconds) {
 std::exception_ptr cancelledError() { return std::make_exception_ptr(UrlError(UrlError::Code::cancelled)); }
 
 void logCompletionFailure(const std::string& what) {
-    LoggerUtility::shared().error([&] { return "HTTP completion handler failed: " + what; });
+    logError([&] { return "HTTP completion handler failed: " + what; });
 }
 
 using SteadyClock = std::chrono::steady_clock;

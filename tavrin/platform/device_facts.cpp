@@ -12,7 +12,7 @@
 #include <iterator>
 #include <mutex>
 
-#include "tavrin/sdk/internal/logger_utility.h"
+#include "tavrin/platform/internal/log_hook.h"
 
 namespace tavrin::platform {
 
@@ -168,7 +168,7 @@ void DeviceFacts::setScreenBounds(std::optional<ScreenBounds> bounds) {
     // Refused here, on the host's own call, rather than failing the
     // conversion later on a background queue.
     if (bounds && !(isScreenSize(bounds->width) && isScreenSize(bounds->height))) {
-        LoggerUtility::shared().error("Screen bounds " + shortestText(bounds->width) + " by " +
+        logError("Screen bounds " + shortestText(bounds->width) + " by " +
                                       shortestText(bounds->height) +
                                       " refused: width and height are points from 0 up to 2^63.");
         return;

@@ -10,7 +10,7 @@
 #include <limits>
 #include <map>
 
-#include "tavrin/sdk/internal/logger_utility.h"
+#include "tavrin/platform/internal/log_hook.h"
 
 namespace tavrin::platform {
 
@@ -26,10 +26,10 @@ void runLogged(const std::function<void()>& block, const std::string& label) noe
     try {
         block();
     } catch (const std::exception& e) {
-        LoggerUtility::shared().error(
+        logError(
             [&] { return "Exception escaped an asynchronous block on " + label + ": " + e.what(); });
     } catch (...) {
-        LoggerUtility::shared().error(
+        logError(
             [&] { return "Exception escaped an asynchronous block on " + label + ": unknown exception"; });
     }
 }

@@ -17,7 +17,7 @@
 #include <vector>
 
 #include "tavrin/platform/internal/path_evaluation.h"
-#include "tavrin/sdk/internal/logger_utility.h"
+#include "tavrin/platform/internal/log_hook.h"
 
 namespace tavrin::platform {
 
@@ -112,7 +112,7 @@ public:
             if (outcome == Outcome::ok) return detail::evaluatePath(links, routes);
             if (outcome == Outcome::failed) return std::nullopt;
         }
-        LoggerUtility::shared().error("Network path monitor: routing tables keep changing during reads");
+        logError("Network path monitor: routing tables keep changing during reads");
         return std::nullopt;
     }
 
@@ -242,7 +242,7 @@ private:
     }
 
     Outcome fail(const char* what, int error) {
-        LoggerUtility::shared().error([&] {
+        logError([&] {
             return std::string("Network path monitor: rtnetlink ") + what + " failed: " + errnoText(error);
         });
         return Outcome::failed;
@@ -287,7 +287,7 @@ struct NetlinkPathMonitor::Reader {
                     changed = true;
                     continue;
                 }
-                LoggerUtility::shared().error(
+                logError(
                     [&] { return "Network path monitor: rtnetlink receive failed: " + errnoText(errno); });
                 return true;
             }
@@ -312,7 +312,7 @@ struct NetlinkPathMonitor::Reader {
             const int ready = ::poll(fds, 2, -1);
             if (ready < 0) {
                 if (errno == EINTR) continue;
-                LoggerUtility::shared().error(
+                logError(
                     [&] { return "Network path monitor: poll failed: " + errnoText(errno); });
                 return;
             }
@@ -335,7 +335,7 @@ void NetlinkPathMonitor::start(SerialQueue& queue) {
     reader->delivery = delivery_;
     auto failed = [](const char* what) {
         const int error = errno;
-        LoggerUtility::shared().error([&] {
+        logError([&] {
             return std::string("Network path monitor unavailable: ") + what + " failed: " + errnoText(error);
         });
     };
@@ -370,7 +370,7 @@ std::optional<PathStatus> NetlinkPathMonitor::currentStatus() {
     RouteQuery query;
     if (!query.open()) {
         const int error = errno;
-        LoggerUtility::shared().error(
+        logError(
             [&] { return "Network path monitor: rtnetlink query socket failed: " + errnoText(error); });
         return std::nullopt;
     }

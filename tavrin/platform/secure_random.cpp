@@ -9,7 +9,7 @@
 #include <stdexcept>
 #include <string>
 
-#include "tavrin/sdk/internal/fatal_error.h"
+#include "tavrin/platform/internal/fatal_error.h"
 
 namespace tavrin::platform {
 

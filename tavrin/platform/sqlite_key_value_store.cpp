@@ -18,7 +18,7 @@
 
 #include "tavrin/platform/clock.h"
 #include "tavrin/platform/dispatch.h"
-#include "tavrin/sdk/internal/logger_utility.h"
+#include "tavrin/platform/internal/log_hook.h"
 
 namespace tavrin::platform {
 
@@ -36,8 +36,8 @@ constexpr const char* kUpsert =
 constexpr const char* kSelect = "SELECT type, value FROM key_value WHERE key = ?1";
 constexpr const char* kDelete = "DELETE FROM key_value WHERE key = ?1";
 
-void logError(std::string message) {
-    LoggerUtility::shared().error([&] { return "KeyValueStore: " + message; });
+void logStoreError(const std::string& message) {
+    platform::logError([&] { return "KeyValueStore: " + message; });
 }
 
 std::string describe(int code, const char* detail) {
@@ -393,7 +393,7 @@ std::optional<std::filesystem::path> SqliteKeyValueStore::moveAside() {
          ++n)
         target = base + "-" + std::to_string(n);
     if (std::rename(path_.c_str(), target.c_str()) != 0) {
-        logError("cannot move " + path_.string() + " aside: " + std::strerror(errno));
+        logStoreError("cannot move " + path_.string() + " aside: " + std::strerror(errno));
         return std::nullopt;
     }
     // Journal files belong to the bad file; left in place they would be
@@ -421,14 +421,14 @@ void SqliteKeyValueStore::open() {
         failure = hasForeignHeader(path_) ? Failure{SQLITE_NOTADB, "no database header", true}
                                           : openAt(Access::readWrite, deadline);
         if (!failure) {
-            if (!writable_) logError("the file " + path_.string() + " is write-protected; writes will fail");
+            if (!writable_) logStoreError("the file " + path_.string() + " is write-protected; writes will fail");
             return;
         }
         if (failure->unusableFile) {
-            logError("the file " + path_.string() + " is not a usable database (" + failure->message + ")");
+            logStoreError("the file " + path_.string() + " is not a usable database (" + failure->message + ")");
             if (auto target = moveAside()) {
                 movedAside_ = target;
-                logError("moved the unusable file to " + target->string() + " and started an empty store");
+                logStoreError("moved the unusable file to " + target->string() + " and started an empty store");
                 failure = openAt(Access::readWrite, deadline);
                 if (!failure) return;
             }
@@ -441,7 +441,7 @@ void SqliteKeyValueStore::open() {
         // The values are there but cannot be written: keep reading them.
         const std::string writeFailure = failure->message;
         if (!(failure = openAt(Access::readOnly, deadline)) || !(failure = openAt(Access::immutable, deadline))) {
-            logError("cannot open " + path_.string() + " for writing (" + writeFailure +
+            logStoreError("cannot open " + path_.string() + " for writing (" + writeFailure +
                      "); it is opened read-only and writes will fail");
             return;
         }
@@ -453,22 +453,22 @@ void SqliteKeyValueStore::open() {
 }
 
 void SqliteKeyValueStore::openInMemory(const std::string& reason) {
-    logError("cannot open " + path_.string() + " (" + reason +
+    logStoreError("cannot open " + path_.string() + " (" + reason +
              "); values are kept in memory for this run only and will not persist");
     if (auto failure = openAt(Access::memory, SteadyClock::now()))
-        logError("cannot open an in-memory store: " + failure->message);
+        logStoreError("cannot open an in-memory store: " + failure->message);
 }
 
 void SqliteKeyValueStore::logFailure(const char* operation, const std::string& key, int code) const {
     const std::string detail = describe(code, db_ ? sqlite3_errmsg(db_) : nullptr);
-    logError(std::string(operation) + " failed for key \"" + key + "\" in " +
+    logStoreError(std::string(operation) + " failed for key \"" + key + "\" in " +
              (inMemory_ ? std::string("the in-memory store") : path_.string()) + ": " + detail);
 }
 
 bool SqliteKeyValueStore::set(const std::string& key, const Value& value) {
     std::lock_guard lock(mutex_);
     if (!statements_) {
-        logError("write failed for key \"" + key + "\": the store is not open");
+        logStoreError("write failed for key \"" + key + "\": the store is not open");
         return false;
     }
     const int rc = writeLocked(key, value);
@@ -537,7 +537,7 @@ std::optional<KeyValueStore::Value> SqliteKeyValueStore::value(const std::string
 bool SqliteKeyValueStore::remove(const std::string& key) {
     std::lock_guard lock(mutex_);
     if (!statements_) {
-        logError("remove failed for key \"" + key + "\": the store is not open");
+        logStoreError("remove failed for key \"" + key + "\": the store is not open");
         return false;
     }
     const int rc = removeLocked(key);
@@ -560,7 +560,7 @@ bool SqliteKeyValueStore::apply(const std::vector<Change>& changes) {
     if (changes.empty()) return true;
     std::lock_guard lock(mutex_);
     if (!statements_) {
-        logError("write failed for key \"" + changes.front().key + "\": the store is not open");
+        logStoreError("write failed for key \"" + changes.front().key + "\": the store is not open");
         return false;
     }
     // BEGIN IMMEDIATE takes the write lock at once (waiting out the busy
@@ -600,7 +600,7 @@ void SqliteKeyValueStore::checkpoint() {
     sqlite3_busy_timeout(db_, 0);
     const int rc = sqlite3_wal_checkpoint_v2(db_, nullptr, SQLITE_CHECKPOINT_TRUNCATE, nullptr, nullptr);
     sqlite3_busy_timeout(db_, options_.busyTimeoutMilliseconds);
-    if (rc != SQLITE_OK && rc != SQLITE_BUSY) logError("checkpoint of " + path_.string() + " failed: " + describe(rc, sqlite3_errmsg(db_)));
+    if (rc != SQLITE_OK && rc != SQLITE_BUSY) logStoreError("checkpoint of " + path_.string() + " failed: " + describe(rc, sqlite3_errmsg(db_)));
 }
 
 // ---- listing by key prefix

@@ -4,6 +4,7 @@
 #include <mutex>
 
 #include "tavrin/platform/device_facts.h"
+#include "tavrin/platform/internal/log_hook.h"
 
 namespace tavrin {
 
@@ -23,6 +24,35 @@ const platform::SystemLog* handleForCurrentSubsystem() {
     if (it == handles->end()) it = handles->try_emplace(subsystem, subsystem, kCategory).first;
     return &it->second;
 }
+
+LogLevel levelOf(platform::LogSeverity severity) {
+    switch (severity) {
+        case platform::LogSeverity::debug: return LogLevel::debug;
+        case platform::LogSeverity::info: return LogLevel::info;
+        case platform::LogSeverity::warning: return LogLevel::warning;
+        case platform::LogSeverity::error: break;
+    }
+    return LogLevel::error;
+}
+
+// The platform layer's messages pass the same level filter and carry the same
+// subsystem as everything else the SDK logs.
+constexpr platform::LogHook kPlatformHook{
+    [](platform::LogSeverity severity) {
+        return rawValue(LoggerUtility::shared().logLevel()) <= rawValue(levelOf(severity));
+    },
+    [](platform::LogSeverity severity, std::string text) {
+        auto& logger = LoggerUtility::shared();
+        switch (severity) {
+            case platform::LogSeverity::debug: return logger.debug(std::move(text));
+            case platform::LogSeverity::info: return logger.info(std::move(text));
+            case platform::LogSeverity::warning: return logger.warning(std::move(text));
+            case platform::LogSeverity::error: return logger.error(std::move(text));
+        }
+    }};
+
+// Before main, so that the platform layer's first message already goes through it.
+const bool kPlatformHookInstalled = (platform::installLogHook(&kPlatformHook), true);
 
 }  // namespace
 

@@ -22,7 +22,7 @@
 #include "tavrin/sdk/internal/logger_utility.h"
 #include "tavrin/sdk/internal/tracking_settings.h"
 #include "tavrin/session/session_manager.h"
-#include "tavrin/tracking/internal/json_stringify.h"
+#include "tavrin/platform/internal/json_stringify.h"
 #include "tavrin/tracking/internal/tracking_service_internals.h"
 #include "tavrin/tracking/tracking_service.h"
 #include "tavrin/transport/internal/offline_cache_manager.h"

@@ -3,7 +3,7 @@
 #include <mutex>
 
 #include "tavrin/consent/internal/user_defaults_utility.h"
-#include "tavrin/sdk/internal/fatal_error.h"
+#include "tavrin/platform/internal/fatal_error.h"
 #include "tavrin/sdk/internal/logger_utility.h"
 
 namespace tavrin {

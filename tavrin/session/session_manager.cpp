@@ -1,5 +1,4 @@
 #include "tavrin/session/session_manager.h"
-#include "tavrin/session/internal/shortest_decimal_text.h"
 
 #include <charconv>
 #include <cmath>
@@ -8,34 +7,11 @@
 
 #include "tavrin/platform/clock.h"
 #include "tavrin/platform/notification_center.h"
+#include "tavrin/platform/internal/text.h"
 #include "tavrin/platform/internal/uuid.h"
 #include "tavrin/sdk/internal/logger_utility.h"
 
 namespace tavrin {
-
-namespace detail {
-
-std::string shortestDecimalText(double value) {
-    // Plain digits from a ten-thousandth up to 2^53, the range in which every
-    // whole number is exact and a reader expects 100000.0 rather than 1e+05.
-    // Outside it plain digits would be long runs of zeros (1e300 has 301
-    // digits, 1e-7 six leading zeros) or would suggest integer precision a
-    // double does not have, so those keep the shortest exponent form ("1e+300",
-    // "1e-07", "9.007199254740992e+15"). Not finite: "inf", "-inf", "nan".
-    constexpr double plainFrom = 1e-4;
-    constexpr double plainBelow = 9007199254740992.0;  // 2^53
-    char buffer[64];
-    const double magnitude = std::fabs(value);
-    const bool plain = value == 0 || (magnitude >= plainFrom && magnitude < plainBelow);
-    const auto result = std::to_chars(buffer, buffer + sizeof buffer, value,
-                                      plain || !std::isfinite(value) ? std::chars_format::fixed
-                                                                     : std::chars_format::scientific);
-    std::string text(buffer, result.ptr);
-    if (plain && text.find('.') == std::string::npos) text += ".0";
-    return text;
-}
-
-}  // namespace detail
 
 namespace {
 

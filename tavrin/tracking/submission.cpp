@@ -19,7 +19,7 @@
 #include "tavrin/sdk/internal/tracking_settings.h"
 #include "tavrin/session/session_manager.h"
 #include "tavrin/tracking/internal/data_submission_model.h"
-#include "tavrin/tracking/internal/json_stringify.h"
+#include "tavrin/platform/internal/json_stringify.h"
 #include "tavrin/tracking/internal/product_data.h"
 #include "tavrin/tracking/internal/push_payload.h"
 #include "tavrin/tracking/internal/tracking_service_internals.h"

@@ -16,7 +16,7 @@
 #include "tavrin/monitor/internal/timestamp_utility.h"
 #include "tavrin/monitor/internal/user_agent_utility.h"
 #include "tavrin/platform/internal/uuid.h"
-#include "tavrin/sdk/internal/fatal_error.h"
+#include "tavrin/platform/internal/fatal_error.h"
 #include "tavrin/sdk/internal/logger_utility.h"
 #include "tavrin/sdk/internal/tracking_settings.h"
 #include "tavrin/tracking/internal/custom_properties.h"

@@ -4,15 +4,14 @@
 #include <utility>
 
 #include "tavrin/consent/internal/consent_model.h"
-#include "tavrin/monitor/internal/user_agent_utility.h"
 #include "tavrin/platform/clock.h"
 #include "tavrin/platform/http_client.h"
 #include "tavrin/platform/internal/secure_random.h"
+#include "tavrin/platform/internal/text.h"
 #include "tavrin/platform/key_value_store.h"
 #include "tavrin/platform/path_monitor.h"
 #include "tavrin/sdk/internal/logger_utility.h"
 #include "tavrin/sdk/internal/shared_instance.h"
-#include "tavrin/session/internal/shortest_decimal_text.h"
 #include "tavrin/transport/internal/retry_policy.h"
 #include "tavrin/transport/service.h"
 

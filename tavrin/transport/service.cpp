@@ -5,7 +5,7 @@
 #include "tavrin/consent/internal/consent_model.h"
 #include "tavrin/monitor/internal/timestamp_utility.h"
 #include "tavrin/platform/http_client.h"
-#include "tavrin/sdk/internal/fatal_error.h"
+#include "tavrin/platform/internal/fatal_error.h"
 #include "tavrin/sdk/internal/logger_utility.h"
 #include "tavrin/sdk/internal/shared_instance.h"
 #include "tavrin/sdk/internal/tracking_settings.h"

@@ -9,7 +9,7 @@
 
 #include "tavrin/consent/consent_status.h"
 #include "tavrin/consent/internal/consent_status_coding.h"
-#include "tavrin/tracking/internal/coding.h"
+#include "tavrin/platform/internal/coding.h"
 #include "tavrin/tracking/internal/record_parts.h"
 
 namespace tavrin {

@@ -3,7 +3,7 @@
 // bare boolean or text).
 
 #include "tavrin/consent/consent_status.h"
-#include "tavrin/tracking/internal/coding.h"
+#include "tavrin/platform/internal/coding.h"
 
 namespace tavrin {
 

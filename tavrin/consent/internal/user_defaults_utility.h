@@ -19,7 +19,7 @@
 
 #include "tavrin/platform/internal/json.h"
 #include "tavrin/platform/internal/object_cache.h"
-#include "tavrin/tracking/internal/coding.h"
+#include "tavrin/platform/internal/coding.h"
 
 namespace tavrin {
 

@@ -15,9 +15,4 @@ public:
     static std::string userAgent(std::string_view sdkName, std::string_view version, std::string_view build);
 };
 
-namespace detail {
-// Well-formed UTF-8: no overlong forms, no surrogates, nothing above U+10FFFF.
-bool isValidUtf8(std::string_view text) noexcept;
-}  // namespace detail
-
 }  // namespace tavrin

@@ -2,7 +2,7 @@
 // JSON form of TrackConfig, as persisted under "com.tavrin.TrackingSettings".
 
 #include "tavrin/sdk/track_config.h"
-#include "tavrin/tracking/internal/coding.h"
+#include "tavrin/platform/internal/coding.h"
 
 namespace tavrin {
 

@@ -12,7 +12,7 @@
 #include <type_traits>
 #include <vector>
 
-#include "tavrin/tracking/internal/coding.h"
+#include "tavrin/platform/internal/coding.h"
 
 namespace tavrin {
 

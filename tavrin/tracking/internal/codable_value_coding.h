@@ -2,7 +2,7 @@
 // JSON form of CodableValue: the bare value, no type marker.
 
 #include "tavrin/tracking/codable_value.h"
-#include "tavrin/tracking/internal/coding.h"
+#include "tavrin/platform/internal/coding.h"
 
 namespace tavrin {
 

@@ -7,7 +7,7 @@
 #include <optional>
 #include <string>
 
-#include "tavrin/tracking/internal/coding.h"
+#include "tavrin/platform/internal/coding.h"
 
 namespace tavrin {
 

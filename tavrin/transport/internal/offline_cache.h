@@ -37,7 +37,7 @@
 #include "tavrin/platform/bytes.h"
 #include "tavrin/platform/dispatch.h"
 #include "tavrin/platform/key_value_store.h"
-#include "tavrin/tracking/internal/coding.h"
+#include "tavrin/platform/internal/coding.h"
 
 namespace tavrin {
 

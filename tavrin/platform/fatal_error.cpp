@@ -1,4 +1,4 @@
-#include "tavrin/sdk/internal/fatal_error.h"
+#include "tavrin/platform/internal/fatal_error.h"
 
 #include <cstdio>
 #include <cstdlib>

@@ -1,10 +1,12 @@
-#include "tavrin/tracking/internal/json_stringify.h"
+#include "tavrin/platform/internal/json_stringify.h"
+
+#include "tavrin/platform/internal/log_hook.h"
 
 namespace tavrin::detail {
 
 std::string stringifyFailure(const std::exception& error) {
     const std::string description = error.what();
-    LoggerUtility::shared().error([&] { return "Failed to encode object to JSON: " + description; });
+    platform::logError([&] { return "Failed to encode object to JSON: " + description; });
     return "Error: JSON encoding failed. " + description;
 }
 

@@ -4,8 +4,7 @@
 
 #include <string>
 
-#include "tavrin/sdk/internal/logger_utility.h"
-#include "tavrin/tracking/internal/coding.h"
+#include "tavrin/platform/internal/coding.h"
 
 namespace tavrin {
 

@@ -1,4 +1,4 @@
-#include "tavrin/tracking/internal/coding.h"
+#include "tavrin/platform/internal/coding.h"
 
 #include <limits>
 
