@@ -1,6 +1,10 @@
 #include "tavrin/consent/internal/consent_id_utility.h"
 
+#include <algorithm>
+#include <cctype>
+
 #include "tavrin/consent/internal/user_defaults_utility.h"
+#include "tavrin/platform/internal/uuid.h"
 #include "tavrin/sdk/internal/logger_utility.h"
 #include "tavrin/sdk/internal/tracking_settings.h"
 
@@ -39,6 +43,25 @@ std::optional<std::string> ConsentIDUtility::whyUnusable(std::string_view id) {
     for (unsigned char c : id)
         if (c < 0x21 || c > 0x7e) return "it holds bytes that are not printable ASCII";
     return std::nullopt;
+}
+
+std::pair<std::string, std::string> detail::currentConsentID(const ConsentIDUtility& utility) {
+    auto stored = utility.retrieveConsentID();
+    if (stored) {
+        if (auto why = ConsentIDUtility::whyUnusable(*stored)) {
+            LoggerUtility::shared().warning([&] {
+                return "The Consent ID stored under key " + utility.consentIDKey + " is not usable (" + *why +
+                       "); a new one is generated.";
+            });
+        } else {
+            return {std::move(*stored), "update"};  // an upper-case id of an earlier version stays as it is
+        }
+    }
+    std::string fresh = platform::Uuid::make();
+    std::transform(fresh.begin(), fresh.end(), fresh.begin(),
+                   [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
+    utility.storeConsentID(fresh);
+    return {std::move(fresh), "new"};
 }
 
 }  // namespace tavrin

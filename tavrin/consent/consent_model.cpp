@@ -1,5 +1,9 @@
 #include "tavrin/consent/internal/consent_model.h"
 
+#include <utility>
+
+#include "tavrin/sdk/internal/logger_utility.h"
+
 namespace tavrin {
 
 using Identifier = ConsentModel::DataClass::Identifier;
@@ -67,6 +71,40 @@ ConsentModel ConsentModel::decode(const Decoder& decoder) {
     out.configuration = decodeMember<Configuration>(decoder, "configuration");
     out.data = decodeMember<DataClass>(decoder, "data");
     return out;
+}
+
+ConsentModel ConsentModel::make(RecordHeader header, IdentifierRecord user, IdentifierRecord consent,
+                                std::int64_t lastupdate, VendorValues decision, VendorValues changed) {
+    ConsentModel model;
+    std::move(header).applyTo(model);
+    model.data.identifier = {.user = std::move(user), .consent = std::move(consent)};
+    model.data.consent.lastupdate = lastupdate;
+    model.data.consent.vendors = std::move(decision);
+    model.data.consent.vendorsChanged = std::move(changed);
+    return model;
+}
+
+VendorValues changedVendors(const VendorValues& decision, const VendorValues& previous) {
+    auto& logger = LoggerUtility::shared();
+    VendorValues changed;
+    for (const auto& entry : decision) {
+        // Plain references, not a structured binding: the log lambdas capture
+        // the name, which clang accepts only from version 16 on.
+        const std::string& vendor = entry.first;
+        const VendorValue& value = entry.second;
+        const auto found = previous.find(vendor);
+        if (found == previous.end()) {
+            logger.debug([&] { return "Key '" + vendor + "' is new. Adding to vendorChangesMapped."; });
+            changed.insert_or_assign(vendor, value);
+        } else if (!(found->second == value)) {
+            logger.debug([&] { return "Key '" + vendor + "' values differ. Adding to vendorChangesMapped."; });
+            changed.insert_or_assign(vendor, value);
+        } else {
+            logger.debug([&] { return "Key '" + vendor + "' values are the same. Skipping."; });
+        }
+    }
+    logger.debug([&] { return "Final vendorChangesMapped: " + describe(changed); });
+    return changed;
 }
 
 }  // namespace tavrin

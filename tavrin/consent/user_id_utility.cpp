@@ -1,7 +1,8 @@
 #include "tavrin/consent/internal/user_id_utility.h"
 
 #include "tavrin/consent/internal/user_defaults_utility.h"
-#include "tavrin/monitor/internal/timestamp_utility.h"
+#include "tavrin/platform/internal/timestamp_utility.h"
+#include "tavrin/platform/internal/pattern.h"
 #include "tavrin/platform/internal/secure_random.h"
 #include "tavrin/sdk/internal/logger_utility.h"
 
@@ -41,6 +42,22 @@ std::string UserIDUtility::generateUserID(const UniformDraw& draw) {
     const std::int64_t first = draw(0, kRandomPartMax);
     const std::int64_t second = draw(0, kRandomPartMax);
     return std::to_string(first) + std::to_string(millis) + std::to_string(second);
+}
+
+std::pair<std::string, std::string> detail::currentUserID(const UserIDUtility& utility) {
+    // Leaked: submissions may still run on pool threads while statics are destroyed at exit.
+    static const auto* pattern = new platform::Pattern("^[0-9]{1,5}[0-9]{13}[0-9]{1,5}$");
+    if (auto stored = utility.retrieveUserID()) {
+        if (pattern->matches(*stored)) return {*stored, "update"};
+        // Replacing the identifier splits the user's history, so say why.
+        LoggerUtility::shared().warning([&] {
+            return "The User ID stored under key " + utility.userIDKey + " is not well formed (" +
+                   std::to_string(stored->size()) + " bytes); a new one is generated.";
+        });
+    }
+    auto fresh = UserIDUtility::generateUserID();
+    utility.storeUserID(fresh);
+    return {std::move(fresh), "new"};
 }
 
 }  // namespace tavrin

@@ -117,14 +117,16 @@ void MonitorService::sendMonitorRequest(std::function<void()> done) {
     auto ran = std::make_shared<std::atomic<bool>>(false);
     auto finish = [done = std::move(done), sent = std::move(sent), ran](std::exception_ptr error) {
         if (ran->exchange(true)) return;
-        try {
-            if (!error) {
+        if (!error) {
+            try {
                 clearSentTags(sent);
                 LoggerUtility::shared().info("/monitor request sent successfully. Cache cleared.");
-            } else {
-                LoggerUtility::shared().error([&] { return "Failed to send /monitor request: " + describe(error); });
+            } catch (...) {
+                LoggerUtility::shared().error(
+                    [&] { return "/monitor request sent, but its tags could not be cleared: " + describe(std::current_exception()); });
             }
-        } catch (...) {
+        } else {
+            LoggerUtility::shared().error([&] { return "Failed to send /monitor request: " + describe(error); });
         }
         if (done) done();
     };

@@ -37,7 +37,7 @@ void ensureCurlGlobalInit() {
     static std::once_flag once;
     static CURLcode result = CURLE_OK;
     std::call_once(once, [] { result = curl_global_init(CURL_GLOBAL_DEFAULT); });
-    if (result != CURLE_OK) throw std::runtime_error(std::string("curl_global_init failed: ") + curl_easy_strerror(result));
+    if (result != CURLE_OK) throw UrlError(UrlError::Code::unknown, "curl_global_init failed", curl_easy_strerror(result));
 }
 
 long milliseconds(double seconds) {
@@ -175,7 +175,7 @@ struct CurlHttpClient::Impl : std::enable_shared_from_this<Impl> {
         if (!multi || !share) {
             if (multi) curl_multi_cleanup(multi);
             if (share) curl_share_cleanup(share);
-            throw std::runtime_error("libcurl could not create its handles");
+            throw UrlError(UrlError::Code::unknown, "libcurl could not create its handles");
         }
         // The multi handle keeps one connection cache and DNS cache for all
         // transfers; the share adds TLS session resumption across them.
@@ -257,7 +257,7 @@ struct CurlHttpClient::Impl : std::enable_shared_from_this<Impl> {
     void start(std::unique_ptr<Transfer> transfer) {
         try {
             transfer->easy = curl_easy_init();
-            if (!transfer->easy) throw std::runtime_error("libcurl could not create a transfer");
+            if (!transfer->easy) throw UrlError(UrlError::Code::unknown, "libcurl could not create a transfer");
             configure(*transfer);
         } catch (...) {
             transfer->fail(std::current_exception());
@@ -267,7 +267,7 @@ struct CurlHttpClient::Impl : std::enable_shared_from_this<Impl> {
         Transfer* raw = transfer.get();
         active.emplace(easy, std::move(transfer));
         if (curl_multi_add_handle(multi, easy) != CURLM_OK) {
-            raw->fail(std::make_exception_ptr(std::runtime_error("libcurl could not start a transfer")));
+            raw->fail(std::make_exception_ptr(UrlError(UrlError::Code::unknown, "libcurl could not start a transfer")));
             active.erase(easy);
         }
     }

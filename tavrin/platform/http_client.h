@@ -125,7 +125,8 @@ public:
     virtual ~HttpClient() = default;
 
     // Starts the request. The completion runs exactly once with the response
-    // (any status) or the error: UrlError, or std::invalid_argument for a
+    // (any status) or the error: UrlError (`unknown` when the transport
+    // itself cannot set the transfer up), or std::invalid_argument for a
     // header that cannot be sent. It runs on the client's own thread (or on
     // the caller's, before send returns, when the request cannot start), so
     // it must not block; an exception it throws is logged and dropped.

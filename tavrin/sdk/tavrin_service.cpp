@@ -13,7 +13,7 @@
 #include "tavrin/monitor/internal/memory_cache_utility.h"
 #include "tavrin/monitor/internal/monitor_service.h"
 #include "tavrin/monitor/internal/tag_cache.h"
-#include "tavrin/monitor/internal/timestamp_utility.h"
+#include "tavrin/platform/internal/timestamp_utility.h"
 #include "tavrin/platform/dispatch.h"
 #include "tavrin/platform/http_client.h"
 #include "tavrin/platform/internal/http_fields.h"
@@ -113,6 +113,53 @@ void TavrinService::setOfflineCacheLimits(std::size_t maxTotalBytes, std::size_t
     });
 }
 
+namespace {
+
+// What start-up found, for the monitor: the initialization tag, and the stored
+// consent decision (added even when nothing is stored).
+void addStartupTags(const std::string& trackDomain) {
+    auto& logger = LoggerUtility::shared();
+    auto& tags = TagCache::shared();
+    tags.addOrReplace(Tag::makeInfo("AI01", "T-SDK: [INIT] - [AI01] Initialization finished: https://" + trackDomain,
+                                    TimestampUtility::currentTimestampInMillis(), true));
+    logger.info("Initialization tag added to TagCache.");
+
+    const auto stored = VendorConsentsUtility("VendorConsents").retrieveVendorConsents();
+    const auto consentJson = jsonString(stored.value_or(VendorValues{}));
+    logger.debug(consentJson);
+    tags.addOrReplace(Tag::makeInfo("AC03",
+                                    "T-SDK: [CONSENT] - [AC03] Consent information received - data from storage used: " +
+                                        consentJson,
+                                    TimestampUtility::currentTimestampInMillis(), true));
+    if (stored) {
+        logger.info("AC03 consent tag added to TagCache with stored consent information.");
+    } else {
+        logger.info("No stored consent information found.");
+    }
+}
+
+void startResendWalk(const std::shared_ptr<OfflineCacheManager>& offlineCacheManager) {
+    // Reading the cache and sending happen off the caller's thread; the walk
+    // reports through its completion, so no thread waits for it.
+    platform::TaskPool::shared().detach([offlineCacheManager] {
+        offlineCacheManager->resendCachedRequests([](std::exception_ptr error) {
+            if (!error) {
+                LoggerUtility::shared().info("Cached requests successfully resent.");
+                return;
+            }
+            try {
+                std::rethrow_exception(error);
+            } catch (const std::exception& e) {
+                LoggerUtility::shared().error(std::string("Failed to resend cached requests: ") + e.what());
+            } catch (...) {
+                LoggerUtility::shared().error("Failed to resend cached requests: unknown error");
+            }
+        });
+    });
+}
+
+}  // namespace
+
 void TavrinService::configure(const TrackConfig& config) {
     std::lock_guard startup(platform::processLock());
     auto& logger = LoggerUtility::shared();
@@ -148,42 +195,8 @@ void TavrinService::configure(const TrackConfig& config) {
         logger.info("MonitorService not initialized due to missing debugCode.");
     }
 
-    auto& tags = TagCache::shared();
-    tags.addOrReplace(Tag::makeInfo("AI01", "T-SDK: [INIT] - [AI01] Initialization finished: https://" + config.trackDomain,
-                                    TimestampUtility::currentTimestampInMillis(), true));
-    logger.info("Initialization tag added to TagCache.");
-
-    const auto stored = VendorConsentsUtility("VendorConsents").retrieveVendorConsents();
-    const auto consentJson = jsonString(stored.value_or(VendorValues{}));
-    logger.debug(consentJson);
-    // Added even when nothing is stored, so the monitor always shows what start-up found.
-    tags.addOrReplace(Tag::makeInfo("AC03",
-                                    "T-SDK: [CONSENT] - [AC03] Consent information received - data from storage used: " +
-                                        consentJson,
-                                    TimestampUtility::currentTimestampInMillis(), true));
-    if (stored) {
-        logger.info("AC03 consent tag added to TagCache with stored consent information.");
-    } else {
-        logger.info("No stored consent information found.");
-    }
-
-    // Reading the cache and sending happen off the caller's thread; the walk
-    // reports through its completion, so no thread waits for it.
-    platform::TaskPool::shared().detach([offlineCacheManager] {
-        offlineCacheManager->resendCachedRequests([](std::exception_ptr error) {
-            if (!error) {
-                LoggerUtility::shared().info("Cached requests successfully resent.");
-                return;
-            }
-            try {
-                std::rethrow_exception(error);
-            } catch (const std::exception& e) {
-                LoggerUtility::shared().error(std::string("Failed to resend cached requests: ") + e.what());
-            } catch (...) {
-                LoggerUtility::shared().error("Failed to resend cached requests: unknown error");
-            }
-        });
-    });
+    addStartupTags(config.trackDomain);
+    startResendWalk(offlineCacheManager);
 
     configuredIn.store(platform::forkGeneration());
     registerExitHandler();

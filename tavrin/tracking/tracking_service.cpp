@@ -8,12 +8,12 @@
 #include <utility>
 
 #include "tavrin/consent/internal/consent_id_utility.h"
-#include "tavrin/consent/internal/ordered_blocks.h"
+#include "tavrin/tracking/internal/ordered_blocks.h"
 #include "tavrin/consent/internal/user_id_utility.h"
 #include "tavrin/monitor/internal/device_info_utility.h"
 #include "tavrin/monitor/internal/memory_cache_utility.h"
 #include "tavrin/monitor/internal/tag_cache.h"
-#include "tavrin/monitor/internal/timestamp_utility.h"
+#include "tavrin/platform/internal/timestamp_utility.h"
 #include "tavrin/monitor/internal/user_agent_utility.h"
 #include "tavrin/platform/internal/uuid.h"
 #include "tavrin/platform/internal/fatal_error.h"

@@ -221,6 +221,56 @@ void OfflineCacheManager::startWalk(std::vector<Completion> completions, std::ui
     });
 }
 
+// Under the walk lock: moves into `toSend` what the window lets go now.
+// False when the walk parks until the first network status report.
+bool OfflineCacheManager::takeSendable(const std::shared_ptr<Walk>& walk, std::vector<OfflineCache::Entry>& toSend) {
+    while (!walk->stopped && walk->next < walk->snapshot.size() && walk->inFlight < walk->window) {
+        // A send without a path fails and uses up one of the request's
+        // attempts: a host launched again and again without network, or
+        // a link that drops during a walk, would have its requests
+        // discarded unsent. They stay untouched instead; regaining the
+        // path starts the next walk.
+        if (awaitingFirstPath_) {
+            if (walk->inFlight == 0) {
+                log().info("Resending cached requests waits for the first network status.");
+                parkedWalk_ = walk;
+                walk->pumping = false;
+                return false;
+            }
+            break;
+        }
+        if (isCurrentlyOffline_.load()) {
+            log().info("Offline: Cached requests stay cached until the network returns.");
+            walk->stopped = true;
+            break;
+        }
+        if (walk->serverFailed) {
+            log().info("Server failure: The remaining cached requests wait for the next retry.");
+            walk->stopped = true;
+            break;
+        }
+        const auto& entry = walk->snapshot[walk->next];
+        if (entry.type == Type::monitorRequest) {
+            log().warning([&] {
+                return std::string("Unknown request type: ") + requestTypeName(entry.type) + ". Skipping.";
+            });
+            ++walk->next;
+            continue;
+        }
+        // A consent report goes alone: after everything cached before
+        // it, and before anything cached after it, so the server sees
+        // decisions and the data around them in the order they came.
+        if (walk->consentInFlight) break;
+        const bool consent = entry.type == Type::consentSubmission;
+        if (consent && walk->inFlight > 0) break;
+        toSend.push_back(entry);
+        ++walk->next;
+        ++walk->inFlight;
+        walk->consentInFlight = consent;
+    }
+    return true;
+}
+
 // Starts what the window allows. One pump runs per walk at a time; an answer
 // arriving meanwhile makes the running pump look again.
 void OfflineCacheManager::pump(const std::shared_ptr<Walk>& walk) {
@@ -239,50 +289,7 @@ void OfflineCacheManager::pump(const std::shared_ptr<Walk>& walk) {
             WalkLock lock(*this);
             walk->pumpAgain = false;
             if (walk->generation != generation_) walk->stopped = true;
-            while (!walk->stopped && walk->next < walk->snapshot.size() && walk->inFlight < walk->window) {
-                // A send without a path fails and uses up one of the request's
-                // attempts: a host launched again and again without network, or
-                // a link that drops during a walk, would have its requests
-                // discarded unsent. They stay untouched instead; regaining the
-                // path starts the next walk.
-                if (awaitingFirstPath_) {
-                    if (walk->inFlight == 0) {
-                        log().info("Resending cached requests waits for the first network status.");
-                        parkedWalk_ = walk;
-                        walk->pumping = false;
-                        return;
-                    }
-                    break;
-                }
-                if (isCurrentlyOffline_.load()) {
-                    log().info("Offline: Cached requests stay cached until the network returns.");
-                    walk->stopped = true;
-                    break;
-                }
-                if (walk->serverFailed) {
-                    log().info("Server failure: The remaining cached requests wait for the next retry.");
-                    walk->stopped = true;
-                    break;
-                }
-                const auto& entry = walk->snapshot[walk->next];
-                if (entry.type == Type::monitorRequest) {
-                    log().warning([&] {
-                        return std::string("Unknown request type: ") + requestTypeName(entry.type) + ". Skipping.";
-                    });
-                    ++walk->next;
-                    continue;
-                }
-                // A consent report goes alone: after everything cached before
-                // it, and before anything cached after it, so the server sees
-                // decisions and the data around them in the order they came.
-                if (walk->consentInFlight) break;
-                const bool consent = entry.type == Type::consentSubmission;
-                if (consent && walk->inFlight > 0) break;
-                toSend.push_back(entry);
-                ++walk->next;
-                ++walk->inFlight;
-                walk->consentInFlight = consent;
-            }
+            if (!takeSendable(walk, toSend)) return;
             if (toSend.empty()) {
                 if (walk->pumpAgain) continue;
                 walk->pumping = false;

@@ -3,7 +3,7 @@
 #include <strings.h>
 
 #include "tavrin/consent/internal/consent_model.h"
-#include "tavrin/monitor/internal/timestamp_utility.h"
+#include "tavrin/platform/internal/timestamp_utility.h"
 #include "tavrin/platform/http_client.h"
 #include "tavrin/platform/internal/fatal_error.h"
 #include "tavrin/sdk/internal/logger_utility.h"

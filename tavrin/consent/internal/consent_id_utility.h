@@ -5,6 +5,7 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <utility>
 
 namespace tavrin {
 
@@ -29,5 +30,11 @@ public:
     static constexpr std::size_t kMaxLength = 128;
     static std::optional<std::string> whyUnusable(std::string_view id);
 };
+
+namespace detail {
+// The stored consent identifier when it can be reported as it is ("update"),
+// else a new lower-case UUID, stored ("new").
+std::pair<std::string, std::string> currentConsentID(const ConsentIDUtility& utility);
+}  // namespace detail
 
 }  // namespace tavrin

@@ -10,7 +10,7 @@
 #include "tavrin/consent/consent_status.h"
 #include "tavrin/consent/internal/consent_status_coding.h"
 #include "tavrin/platform/internal/coding.h"
-#include "tavrin/tracking/internal/record_parts.h"
+#include "tavrin/sdk/internal/record_parts.h"
 
 namespace tavrin {
 
@@ -57,9 +57,19 @@ struct ConsentModel {
     Configuration configuration;
     DataClass data;
 
+    // The report of `decision` by the user and consent identifiers, made at
+    // `lastupdate`; `changed` is what differs from the previous decision.
+    static ConsentModel make(RecordHeader header, IdentifierRecord user, IdentifierRecord consent,
+                             std::int64_t lastupdate, VendorValues decision, VendorValues changed);
+
     Json encode() const;
     static ConsentModel decode(const Decoder& decoder);
     friend bool operator==(const ConsentModel&, const ConsentModel&) = default;
 };
+
+// The vendors of `decision` that are new or whose value differs from
+// `previous`, each logged at debug level. Vendors dropped from the decision
+// are deliberately not reported.
+VendorValues changedVendors(const VendorValues& decision, const VendorValues& previous);
 
 }  // namespace tavrin

@@ -5,6 +5,7 @@
 #include <functional>
 #include <optional>
 #include <string>
+#include <utility>
 
 namespace tavrin {
 
@@ -27,5 +28,11 @@ public:
     // The same with the random parts drawn from `draw` (first, then second).
     static std::string generateUserID(const UniformDraw& draw);
 };
+
+namespace detail {
+// The stored user id when it has the expected shape ("update"), else a new
+// one, stored ("new").
+std::pair<std::string, std::string> currentUserID(const UserIDUtility& utility);
+}  // namespace detail
 
 }  // namespace tavrin

@@ -12,7 +12,7 @@
 #include "tavrin/tracking/enrichment.h"
 #include "tavrin/tracking/internal/codable_value_coding.h"
 #include "tavrin/tracking/internal/enrichment_coding.h"
-#include "tavrin/tracking/internal/record_parts.h"
+#include "tavrin/sdk/internal/record_parts.h"
 
 namespace tavrin {
 

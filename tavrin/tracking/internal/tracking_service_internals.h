@@ -4,6 +4,9 @@
 
 #include <chrono>
 #include <condition_variable>
+#include <exception>
+#include <future>
+#include <type_traits>
 #include <cstdint>
 #include <functional>
 #include <mutex>
@@ -50,9 +53,42 @@ private:
 };
 
 
-// The stored user id when it has the expected shape ("update"), else a new
-// one, stored ("new").
-std::pair<std::string, std::string> currentUserID(const UserIDUtility& utility);
+using Completion = std::function<void(std::exception_ptr)>;
+
+// Runs `work`; a throw from it completes `done` with that failure instead.
+template <class Work>
+void runGuarded(const Completion& done, Work&& work) {
+    try {
+        work();
+    } catch (...) {
+        done(std::current_exception());
+    }
+}
+
+// Starts an operation that flush and shutdown wait for, and gives its future.
+// `start` receives the completion to call exactly once, with the failure or
+// null; on success `result` gives the value (and may log first). A throw from
+// `start` completes the operation with that failure.
+template <class T, class Start, class Result>
+std::future<T> trackedOperation(Start&& start, Result result) {
+    auto promise = std::make_shared<std::promise<T>>();
+    auto future = promise->get_future();
+    auto& inFlight = InFlightOperations::shared();
+    inFlight.begin();
+    Completion done = [promise, &inFlight, result = std::move(result)](std::exception_ptr error) {
+        if (error) {
+            promise->set_exception(error);
+        } else if constexpr (std::is_void_v<T>) {
+            result();
+            promise->set_value();
+        } else {
+            promise->set_value(result());
+        }
+        inFlight.end();
+    };
+    runGuarded(done, [&] { start(done); });
+    return future;
+}
 
 struct TrackingServiceInternals {
     // Runs the queue side of a push on the calling thread (benchmarks).

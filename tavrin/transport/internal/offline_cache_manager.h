@@ -127,6 +127,7 @@ private:
     void handlePathUpdate(bool offline);
     void startWalk(std::vector<Completion> completions, std::uint64_t generation);
     void pump(const std::shared_ptr<Walk>& walk);
+    bool takeSendable(const std::shared_ptr<Walk>& walk, std::vector<OfflineCache::Entry>& toSend);
     void send(const std::shared_ptr<Walk>& walk, const OfflineCache::Entry& entry);
     void finished(const std::shared_ptr<Walk>& walk, const OfflineCache::Entry& entry, std::exception_ptr error);
     void flushRemovals(Walk& walk);

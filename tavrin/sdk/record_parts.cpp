@@ -1,4 +1,6 @@
-#include "tavrin/tracking/internal/record_parts.h"
+#include "tavrin/sdk/internal/record_parts.h"
+
+#include "tavrin/sdk/internal/tracking_settings.h"
 
 namespace tavrin {
 
@@ -50,6 +52,17 @@ IdentifierRecord IdentifierRecord::decode(const Decoder& decoder) {
     out.id = decodeMember<std::string>(decoder, "id");
     out.action = decodeMember<std::string>(decoder, "action");
     return out;
+}
+
+RecordHeader RecordHeader::current(std::string userAgent, std::int64_t timestamp, std::string initiator) {
+    const auto settings = TrackingSettings::shared();
+    return {.version = "3",
+            .system = {.type = "sdk-ios", .timestamp = timestamp, .navigatorUserAgent = std::move(userAgent),
+                       .initiator = std::move(initiator)},
+            .configuration = {.container = settings->container(),
+                              .environment = rawValue(settings->environment()),
+                              .version = settings->version(),
+                              .debugcode = settings->debugCode()}};
 }
 
 }  // namespace tavrin

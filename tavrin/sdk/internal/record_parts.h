@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <optional>
 #include <string>
+#include <utility>
 
 #include "tavrin/platform/internal/coding.h"
 
@@ -41,6 +42,24 @@ struct IdentifierRecord {
     Json encode() const;
     static IdentifierRecord decode(const Decoder& decoder);
     friend bool operator==(const IdentifierRecord&, const IdentifierRecord&) = default;
+};
+
+// What every record opens with: the record version, the system block and the
+// container configuration of the active settings.
+struct RecordHeader {
+    std::string version;
+    SystemRecord system;
+    ConfigurationRecord configuration;
+
+    // "sdk-ios" records made at `timestamp` by `initiator`, for the settings in force now.
+    static RecordHeader current(std::string userAgent, std::int64_t timestamp, std::string initiator);
+
+    template <class Record>
+    void applyTo(Record& record) && {
+        record.version = std::move(version);
+        record.system = std::move(system);
+        record.configuration = std::move(configuration);
+    }
 };
 
 }  // namespace tavrin

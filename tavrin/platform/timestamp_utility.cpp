@@ -1,6 +1,6 @@
-#include "tavrin/monitor/internal/timestamp_utility.h"
+#include "tavrin/platform/internal/timestamp_utility.h"
 
-#include "tavrin/monitor/internal/int64_truncation.h"
+#include "tavrin/platform/internal/int64_truncation.h"
 #include "tavrin/platform/clock.h"
 
 namespace tavrin {

@@ -1,4 +1,4 @@
-#include "tavrin/monitor/internal/int64_truncation.h"
+#include "tavrin/platform/internal/int64_truncation.h"
 
 #include <string>
 
