@@ -1,6 +1,15 @@
 #pragma once
 // Umbrella header for applications: the public API, and nothing but the
-// standard library behind it.
+// standard library behind it. An application includes this one header.
+//
+//     tavrin::TavrinService::configure(tavrin::TrackConfig{.trackDomain = "collect.example.com",
+//                                                          .container = "shop-app",
+//                                                          .authorizationToken = "shop-token"});
+//     auto tracking = tavrin::TrackingService::shared();
+//     tracking->push({{"track", "pageview"}, {"page", "home"}});
+//     std::future<bool> consent = tracking->setConsents({{"analytics", tavrin::ConsentStatus::allow}});
+//     tracking->submit("browse").get();  // throws when the submission fails
+//     tavrin::TavrinService::shutdown(std::chrono::seconds(2));
 
 #include "tavrin/consent/consent_status.h"
 #include "tavrin/platform/platform.h"

@@ -1,6 +1,16 @@
 #pragma once
-// The user's consent decision for one vendor, and the loosely typed value a
-// vendor's decision takes on the wire (a boolean or a text).
+// The user's consent decision for one vendor, as an application hands it to
+// TrackingService::setConsents, and the loosely typed value a vendor's
+// decision takes on the wire (a boolean or a text).
+//
+//     tavrin::VendorConsents consents{{"analytics", tavrin::ConsentStatus::allow},
+//                                     {"ads", tavrin::ConsentStatus::deny},
+//                                     {"chat", tavrin::ConsentStatus::ncm}};
+//     std::future<bool> accepted = tavrin::TrackingService::shared()->setConsents(consents);
+//     // The report carries true, false or the text "ncm" per vendor; a log line shows them as
+//     // ["ads": bool(false), "analytics": bool(true), "chat": string("ncm")]
+//     std::string line = tavrin::describe(tavrin::toVendorValues(consents));
+//     auto status = tavrin::consentStatusFromRawValue("deny");  // ConsentStatus::deny; "Deny" gives nothing
 
 #include <array>
 #include <map>

@@ -1,6 +1,13 @@
 #pragma once
-// Wall clock as seconds since 1970 (fractional). Tests replace the source to
-// move time without sleeping.
+// Wall clock as seconds since 1970 (fractional): what session timeouts,
+// timestamps and the ages of cached requests are measured with. Tests replace
+// the source to move time without sleeping.
+//
+//     using tavrin::platform::Clock;
+//     double started = Clock::now();
+//     Clock::setFixed(1'700'000'000);  // tests: freeze time ...
+//     Clock::advance(1801);            // ... and pass a 30-minute session timeout at once
+//     Clock::reset();                  // the system clock again
 
 #include <functional>
 

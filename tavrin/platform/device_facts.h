@@ -1,8 +1,17 @@
 #pragma once
 // Device and application facts: the host application supplies what only it
-// knows (bundle keys and identifier, screen size); the rest is read from the
-// system. A fact that cannot be found is absent, so callers apply their own
-// fallbacks.
+// knows (bundle keys and identifier, screen size) before configuring the SDK;
+// the rest is read from the system.
+//
+//     using tavrin::platform::DeviceFacts;
+//     DeviceFacts::setApplicationInfo({.bundleIdentifier = "com.example.shop",
+//                                      .infoDictionary = {{"CFBundleShortVersionString", "2.3"},
+//                                                         {"CFBundleVersion", "41"}}});
+//     DeviceFacts::setScreenBounds(tavrin::platform::ScreenBounds{.width = 1280, .height = 800});
+//     std::string system = DeviceFacts::systemName();             // os-release NAME, or "Linux"
+//     auto language = DeviceFacts::currentLocale().languageCode;  // "de" under LANG=de_AT.UTF-8
+//
+// A fact that cannot be found is absent, so callers apply their own fallbacks.
 
 #include <functional>
 #include <map>

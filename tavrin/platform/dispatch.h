@@ -1,6 +1,19 @@
 #pragma once
 // Dispatch: serial queues, concurrent queues with barrier writes, a shared
-// pool for background tasks, and the process-wide lock.
+// pool for background tasks, and the process-wide lock. The SDK orders its
+// work with them; a platform implementation reports on the queue it is given.
+//
+//     tavrin::platform::SerialQueue queue("com.example.work");
+//     queue.async([] { /* runs after every block submitted before it */ });
+//     int answer = queue.sync([] { return 42; });  // waits; an exception reaches the caller
+//     std::uint64_t retry = queue.asyncAfter(std::chrono::seconds(5), [] { /* later, in order */ });
+//     queue.cancel(retry);                         // true: it had not started, and never will
+//     std::future<int> one = tavrin::platform::TaskPool::shared().submit([] { return 1; });
+//
+//     std::vector<std::string> names;  // declared first, so it outlives the writes queued on `table`
+//     tavrin::platform::ConcurrentQueue table("com.example.names");
+//     table.asyncBarrier([&] { names.push_back("a"); });
+//     std::size_t count = table.sync([&] { return names.size(); });  // 1: a read waits for earlier writes
 //
 // A queue is an ordering of work, not a thread: every serial and concurrent
 // queue is a strand over the one shared pool (two threads named

@@ -1,10 +1,25 @@
 #pragma once
 // The platform HTTP client: asynchronous requests that end in a completion
-// callback (or a std::future). The default client drives libcurl on one
-// background thread, reuses connections and always verifies TLS peers and
-// host names; a name lookup that hangs holds up only its own request. Transport
-// failures (no connection, timeout, TLS, cancellation) are UrlError
-// exceptions; an HTTP status of any value is a response, not an error.
+// callback (or a std::future). The SDK sends everything through
+// HttpClient::shared(); an embedder that needs its own trust store, proxy or
+// user agent installs a configured client before configuring the SDK.
+//
+//     using namespace tavrin::platform;
+//     HttpClient::setShared(std::make_shared<CurlHttpClient>(
+//         CurlHttpClient::Options{.caFile = "/etc/shop/ca.pem", .userAgent = "shop/2.3"}));
+//     tavrin::Bytes body{'{', '}'};
+//     std::future<HttpResponse> sent =
+//         HttpClient::shared()->post("https://collect.example.com/", {{"Content-Type", "application/json"}}, body);
+//     try {
+//         HttpResponse response = sent.get();  // any status is a response, 500 included
+//         std::optional<std::string> wait = response.header("retry-after");
+//     } catch (const UrlError& error) { /* no answer at all: error.code() says why */ }
+//
+// The default client drives libcurl on one background thread, reuses
+// connections and always verifies TLS peers and host names; a name lookup that
+// hangs holds up only its own request. Transport failures (no connection,
+// timeout, TLS, cancellation) are UrlError exceptions; an HTTP status of any
+// value is a response, not an error.
 
 #include <cstddef>
 #include <cstdint>

@@ -1,8 +1,18 @@
 #pragma once
 // The application's durable key-value store: typed values (text, integer,
-// bytes) by key. The standard store is a SQLite database file in the data
-// directory; the host application may choose the directory, or install its
-// own store, before configuring the SDK.
+// bytes) by key, where the SDK keeps its identifiers, consent decisions and
+// offline cache. The host application may choose the directory, or install
+// its own store, before configuring the SDK.
+//
+//     using tavrin::platform::KeyValueStore;
+//     KeyValueStore::setDataDirectory("/var/lib/shop/tavrin");  // before the store is first used
+//     std::shared_ptr<KeyValueStore> store = KeyValueStore::standard();
+//     bool durable = store->setString("shop.lastScreen", "checkout");
+//     std::optional<std::string> screen = store->string("shop.lastScreen");
+//     std::optional<std::int64_t> none = store->integer("shop.lastScreen");  // nothing: it holds text
+//     store->apply({{"shop.visits", std::int64_t{3}}, {"shop.lastScreen", std::nullopt}});  // set and remove at once
+//
+// The standard store is a SQLite database file in the data directory.
 
 #include <cstddef>
 #include <cstdint>

@@ -1,6 +1,16 @@
 #pragma once
 // In-process notification center: observers by name, delivery on the posting
-// thread. The host application posts the lifecycle notifications.
+// thread. The host application posts the lifecycle notifications (the
+// session manager hears them once SessionManager::startObservingAppLifecycle()
+// has run), since only the host knows when it goes to the background.
+//
+//     using tavrin::platform::NotificationCenter;
+//     NotificationCenter& center = NotificationCenter::defaultCenter();
+//     NotificationCenter::Token token = center.addObserver(
+//         NotificationCenter::willTerminate, [](const std::string&) { /* save what must survive */ });
+//     center.post(NotificationCenter::didEnterBackground);   // host: the window was hidden
+//     center.post(NotificationCenter::willEnterForeground);  // host: and shown again
+//     center.removeObserver(token);
 
 #include <atomic>
 #include <cstdint>

@@ -1,6 +1,18 @@
 #pragma once
 // Network path monitor: tells whether the device has a usable path to the
-// network. The current status is reported once at start, then on every change,
+// network. The offline cache manager starts one to resend cached requests
+// once the network is back; a host or test may install another factory.
+//
+//     using namespace tavrin::platform;
+//     SerialQueue queue("com.example.network");  // must outlive the monitor's cancel()
+//     std::shared_ptr<PathMonitor> monitor = PathMonitor::make();
+//     monitor->setUpdateHandler([](PathStatus status) {
+//         if (status == PathStatus::satisfied) { /* resend what was cached while offline */ }
+//     });
+//     monitor->start(queue);
+//     monitor->cancel();  // once it returns, the handler is not called again
+//
+// The current status is reported once at start, then on every change,
 // always on the queue given to start().
 
 #include <functional>

@@ -3,6 +3,16 @@
 // Linux default; the host application (or a test) may replace any of them
 // before configuring the SDK:
 //
+//     using namespace tavrin::platform;
+//     KeyValueStore::setDataDirectory("/var/lib/shop/tavrin");
+//     SystemLog::setSink(std::make_shared<StderrSink>());
+//     HttpClient::setShared(std::make_shared<CurlHttpClient>(CurlHttpClient::Options{.proxy = ""}));  // no proxy
+//     DeviceFacts::setApplicationInfo({.bundleIdentifier = "com.example.shop"});
+//     // ... TavrinService::configure(config), the application's work, TavrinService::shutdown(timeout) ...
+//     resetToDefaults();  // a test's teardown: every facility back to its default
+//
+// The replacement points:
+//
 //   KeyValueStore::setDataDirectory(dir) / setStandard(store)   durable store
 //   HttpClient::setShared(client)                               HTTP transport
 //   PathMonitor::setFactory(factory)                            network path

@@ -1,7 +1,17 @@
 #pragma once
-// System log: the platform logging facility behind LoggerUtility.
-// Default sink is the local syslog socket; the host application may install its
-// own sink (stderr, its own logger) and tests install a capturing one.
+// System log: the platform logging facility behind LoggerUtility. The SDK's
+// lines go to the local syslog socket unless the host application installs
+// its own sink (stderr, its own logger); tests install a capturing one.
+//
+//     using namespace tavrin::platform;
+//     struct ShopSink final : LogSink {  // forwards to the application's own logger, debug lines left out
+//         bool isEnabled(LogType type) const override { return type != LogType::debug; }
+//         // Called from several threads at once: a sink with state guards it.
+//         void write(const LogRecord& record) override { /* record.category, record.message ... */ }
+//     };
+//     SystemLog::setSink(std::make_shared<ShopSink>());  // or std::make_shared<StderrSink>()
+//     SystemLog("com.example.shop", "checkout").log(LogType::info, "cart restored");
+//     SystemLog::setSink(nullptr);                       // the system log again
 
 #include <chrono>
 #include <memory>

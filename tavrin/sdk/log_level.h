@@ -1,4 +1,12 @@
 #pragma once
+// How much the SDK logs: the threshold an application passes to
+// TavrinService::setLogLevel, from debug (everything) to none.
+//
+//     // A level from the application's own setting (1 to 7), warnings and worse when it is not one:
+//     int configured = 1;
+//     tavrin::LogLevel level = tavrin::logLevelFromRawValue(configured).value_or(tavrin::LogLevel::warning);
+//     const char* name = tavrin::description(level);  // "DEBUG"
+//     tavrin::TavrinService::setLogLevel(level);
 
 #include <cstdint>
 #include <functional>

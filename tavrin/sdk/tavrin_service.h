@@ -1,5 +1,15 @@
 #pragma once
-// The entry of the SDK for the host application.
+// The entry of the SDK for the host application: configure it once at
+// start-up, and flush or shut it down before leaving.
+//
+//     tavrin::TavrinService::setLogLevel(tavrin::LogLevel::warning);
+//     tavrin::TavrinService::configure(tavrin::TrackConfig{.trackDomain = "collect.example.com",
+//                                                          .container = "shop-app",
+//                                                          .authorizationToken = "shop-token",
+//                                                          .enableOfflineTracking = true});
+//     tavrin::TrackingService::shared()->push({{"track", "pageview"}});
+//     bool sent = tavrin::TavrinService::flush(std::chrono::seconds(5));  // false: something still in flight
+//     tavrin::TavrinService::shutdown(std::chrono::seconds(2));
 
 #include <chrono>
 #include <cstddef>

@@ -1,8 +1,19 @@
 #pragma once
 // The host application's configuration of the SDK: where the data goes and
-// how the SDK behaves. An aggregate, so designated initializers read like
-// labelled arguments. C++ aggregates have no required fields, so a field left
-// out takes a defined value: the optionals are empty, and the rest the
+// how the SDK behaves, handed to TavrinService::configure.
+//
+//     tavrin::TrackConfig config{.trackDomain = "collect.example.com",
+//                                .container = "shop-app",
+//                                .environment = tavrin::TrackConfig::Environment::stage,
+//                                .debugCode = "shop-debug",
+//                                .authorizationToken = "shop-token",
+//                                .enableOfflineTracking = true,
+//                                .offlineTrackingTimeout = 86400};  // seconds a cached request is kept
+//     auto environment = tavrin::environmentFromRawValue("live");  // Environment::live; "Live" gives nothing
+//
+// An aggregate, so designated initializers read like labelled arguments (in
+// the order of the fields). C++ aggregates have no required fields, so a field
+// left out takes a defined value: the optionals are empty, and the rest the
 // fallbacks TrackingSettings itself answers with when nothing is configured
 // (live, offline tracking off, one hour), never an indeterminate value or a
 // zero timeout that would expire every cached request at once. The three

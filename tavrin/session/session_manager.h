@@ -1,8 +1,17 @@
 #pragma once
-// Sessions: which visit a data submission belongs to. One process-wide
-// session identifier and last-activity time, a timeout after which a new
-// session starts, and handlers for the application's lifecycle events.
-// Nothing is persisted: a new process always starts a new session.
+// Sessions: which visit a data submission belongs to. An application sets the
+// timeout and lets the lifecycle notifications it posts start and end visits.
+//
+//     using tavrin::SessionManager;
+//     SessionManager::setSessionTimeout(600);        // over ten idle minutes start a new visit
+//     SessionManager::startObservingAppLifecycle();  // background, foreground and terminate from now on
+//     auto [sessionID, action] = SessionManager::startOrResumeSession();
+//     if (action == tavrin::Action::new_) { /* the first submission of a visit */ }
+//     SessionManager::endSession();                  // the user logged out: the next submission starts a new one
+//
+// One process-wide session identifier and last-activity time, a timeout after
+// which a new session starts, and handlers for the application's lifecycle
+// events. Nothing is persisted: a new process always starts a new session.
 
 #include <optional>
 #include <string>

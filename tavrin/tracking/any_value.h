@@ -1,11 +1,16 @@
 #pragma once
 // The loosely typed value an application pushes: text, boolean, signed
-// integer, number (double), array, dictionary, date or null.
+// integer, number (double), array, dictionary, date or null. It converts
+// implicitly from ordinary C++ values, so a push reads like a literal:
 //
-// It converts implicitly from ordinary C++ values so that a push reads like
-//     push({{"track", "pageview"}, {"price", 9.99}, {"qty", 3}, {"ok", true},
-//           {"tags", AnyValue::Array{"a", "b"}}});
-// and each value lands in the kind a reader expects:
+//     using tavrin::AnyValue;
+//     AnyValue::Dictionary command{{"track", "pageview"}, {"price", 9.99}, {"qty", 3}, {"ok", true},
+//                                  {"tags", AnyValue::Array{"a", "b"}}, {"coupon", nullptr}};
+//     double price = command.at("price").asNumber();  // asInteger() would throw std::bad_variant_access
+//     std::optional<std::string> line = AnyValue::sortedJsonText(command);  // for a log line
+//     tavrin::TrackingService::shared()->push(std::move(command));
+//
+// Each value lands in the kind a reader expects:
 //   - string literals, char pointers, std::string and std::string_view are text
 //     (a pointer never decays to boolean: only bool itself is boolean);
 //   - every signed integer type (int, long, long long, int8_t ... int64_t) is

@@ -1,6 +1,16 @@
 #pragma once
 // A closed, typed JSON value: text, boolean, integer, double, or an array of
-// such values. No null and no object case by design.
+// such values. An application builds them for the arguments of
+// TrackingService::addCustomEnrichment, which travel exactly as given.
+//
+//     using tavrin::CodableValue;
+//     CodableValue city = CodableValue::string("Vienna");
+//     CodableValue sizes = CodableValue::array({CodableValue::integer(38), CodableValue::decimalNumber(38.5)});
+//     std::int64_t first = sizes.asArray().front().asInteger();  // 38; asString() would throw
+//     std::string line = tavrin::describe(sizes);  // array([integer(38), decimalNumber(38.5)])
+//     tavrin::TrackingService::shared()->addCustomEnrichment("geo", {{"city", city}, {"sizes", sizes}}, {"region"});
+//
+// No null and no object case by design.
 
 #include <cstdint>
 #include <string>

@@ -1,6 +1,15 @@
 #pragma once
 // The error type of the tracking service: a case (code()) and its description
-// as what().
+// as what(). TrackingService::shared() throws it before configure, and the
+// future of setConsents when the consent report failed.
+//
+//     try {
+//         auto tracking = tavrin::TrackingService::shared();
+//         bool accepted = tracking->setConsents({{"ads", tavrin::ConsentStatus::deny}}).get();
+//     } catch (const tavrin::TrackingServiceError& error) {
+//         if (error.code() == tavrin::TrackingServiceError::Code::notInitialized) { /* configure first */ }
+//         if (error.code() == tavrin::TrackingServiceError::Code::submissionFailed) { /* error.cause() */ }
+//     }
 
 #include <stdexcept>
 #include <string>

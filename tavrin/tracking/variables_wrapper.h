@@ -1,6 +1,15 @@
 #pragma once
-// The variables of one data submission, bundled for the application. It has
-// no JSON form of its own: the data submission record writes these fields.
+// The variables of one data submission (page address, browser id, pushed
+// commands, custom properties), bundled in one value that cannot change, for
+// an application that keeps or shows them together.
+//
+//     tavrin::VariablesWrapper variables("https://shop.example.com/cart", "fb.1.1700000000000.42",
+//                                        {"pageview", "addtocart"},
+//                                        {{"currency", tavrin::CodableValue::string("EUR")}});
+//     for (const std::string& command : variables.tvrpushedcommands) { /* "pageview", then "addtocart" */ }
+//     const tavrin::CodableValue& currency = variables.customProperties.at("currency");
+//
+// It has no JSON form of its own: the data submission record writes these fields.
 
 #include <map>
 #include <string>

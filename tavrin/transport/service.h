@@ -1,8 +1,18 @@
 #pragma once
 // The one place where tracking data leaves the device: encodes a data or
-// consent submission, and either posts it to the tracking endpoint or, while
-// the device is offline with offline tracking on, hands it to the offline
-// cache manager. It also resends cached data submissions, marked as late.
+// consent submission and posts it to the tracking endpoint. An application
+// meets it through the Service::ServiceError a submission's future throws
+// when the server refuses it.
+//
+//     try {
+//         tavrin::TrackingService::shared()->submit("checkout").get();
+//     } catch (const tavrin::Service::ServiceError& error) {  // invalidResponse: statusCode() is the answer's
+//         if (error.retryAfter()) { /* 429 or 503 without offline tracking: wait *error.retryAfter() */ }
+//     } catch (const tavrin::platform::UrlError& error) { /* no answer at all: error.code() says why */ }
+//
+// While the device is offline with offline tracking on, a submission goes to
+// the offline cache manager instead. It also resends cached data submissions,
+// marked as late.
 //
 // Every send reports through its completion (or future); nothing waits on the
 // network while holding a thread. A failure is a Service::ServiceError or the

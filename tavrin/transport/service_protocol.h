@@ -1,8 +1,18 @@
 #pragma once
 // How the rest of the SDK reaches the transport: the three sends to the
-// tracking endpoint. Each reports through a completion instead of holding a
-// thread while the network answers, so a slow or silent server never starves
-// other work.
+// tracking endpoint. The tracking service, the offline cache manager and the
+// monitor send through it, and a test stands in for the network by
+// implementing it.
+//
+//     std::shared_ptr<tavrin::ServiceProtocol> service = tavrin::Service::shared();  // after configure
+//     tavrin::Bytes payload{'{', '}'};  // a JSON body cached earlier
+//     service->resendCachedDataSubmission(payload, [](std::exception_ptr error) {
+//         if (error) { /* keep the request for the next resend */ }
+//     });
+//     std::future<void> again = service->resendCachedDataSubmission(payload);  // get() rethrows the error
+//
+// Each send reports through a completion instead of holding a thread while
+// the network answers, so a slow or silent server never starves other work.
 
 #include <exception>
 #include <functional>
