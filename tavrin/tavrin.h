@@ -17,7 +17,7 @@
 #include "tavrin/sdk/tavrin_service.h"
 #include "tavrin/sdk/track_config.h"
 #include "tavrin/session/session_manager.h"
-#include "tavrin/transport/service.h"
+#include "tavrin/transport/service_error.h"
 #include "tavrin/tracking/any_value.h"
 #include "tavrin/tracking/codable_value.h"
 #include "tavrin/tracking/enrichment.h"

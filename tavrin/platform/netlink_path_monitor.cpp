@@ -16,6 +16,7 @@
 #include <utility>
 #include <vector>
 
+#include "tavrin/platform/dispatch.h"
 #include "tavrin/platform/internal/path_evaluation.h"
 #include "tavrin/platform/internal/log_hook.h"
 

@@ -6,6 +6,7 @@
 #include <unordered_set>
 #include <utility>
 
+#include "tavrin/platform/dispatch.h"
 #include "tavrin/platform/internal/netlink_path_monitor.h"
 #include "tavrin/platform/internal/path_delivery.h"
 #include "tavrin/platform/internal/path_evaluation.h"

@@ -18,9 +18,9 @@
 #include <functional>
 #include <memory>
 
-#include "tavrin/platform/dispatch.h"
-
 namespace tavrin::platform {
+
+class SerialQueue;  // tavrin/platform/dispatch.h
 
 enum class PathStatus { satisfied, unsatisfied };
 

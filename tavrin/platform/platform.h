@@ -22,7 +22,6 @@
 
 #include "tavrin/platform/clock.h"
 #include "tavrin/platform/device_facts.h"
-#include "tavrin/platform/dispatch.h"
 #include "tavrin/platform/http_client.h"
 #include "tavrin/platform/key_value_store.h"
 #include "tavrin/platform/notification_center.h"

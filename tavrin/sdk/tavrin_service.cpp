@@ -26,7 +26,7 @@
 #include "tavrin/tracking/internal/tracking_service_internals.h"
 #include "tavrin/tracking/tracking_service.h"
 #include "tavrin/transport/internal/offline_cache_manager.h"
-#include "tavrin/transport/service.h"
+#include "tavrin/transport/internal/service.h"
 
 namespace tavrin {
 
@@ -186,7 +186,7 @@ void TavrinService::configure(const TrackConfig& config) {
     service->setTrackConfig(settings);
     service->setOfflineCacheManager(offlineCacheManager);
 
-    TrackingService::initialize(service);
+    detail::TrackingServiceInternals::initialize(service);
 
     if (config.debugCode) {
         MonitorService::shared()->setDebugCode(config.debugCode);

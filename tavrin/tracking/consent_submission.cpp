@@ -20,7 +20,7 @@
 #include "tavrin/sdk/internal/record_parts.h"
 #include "tavrin/tracking/internal/tracking_service_internals.h"
 #include "tavrin/tracking/tracking_service.h"
-#include "tavrin/transport/service_protocol.h"
+#include "tavrin/transport/internal/service_protocol.h"
 
 namespace tavrin {
 
@@ -29,7 +29,7 @@ std::future<bool> TrackingService::setConsents(std::map<std::string, ConsentStat
     const auto start = [&](const detail::Completion& done) {
         // One decision at a time, in call order: each one's read, diff, store
         // and hand-off to the transport end before the next one reads.
-        consentOrder->add([self = shared_from_this(), consents = std::move(consents), done] {
+        state_->consentOrder->add([self = shared_from_this(), consents = std::move(consents), done] {
             detail::runGuarded(done, [&] { self->sendConsents(consents, done); });
         });
     };
@@ -39,19 +39,19 @@ std::future<bool> TrackingService::setConsents(std::map<std::string, ConsentStat
 void TrackingService::sendConsents(const std::map<std::string, ConsentStatus>& consents, detail::Completion done) {
     auto& logger = LoggerUtility::shared();
     logger.info("Preparing to send consent model");
-    auto [userId, userAction] = detail::currentUserID(*userIDUtility);
-    auto [consentId, consentAction] = detail::currentConsentID(*consentUtility);
+    auto [userId, userAction] = detail::currentUserID(*state_->userIDUtility);
+    auto [consentId, consentAction] = detail::currentConsentID(*state_->consentUtility);
 
     VendorValues mapped = toVendorValues(consents);
     logger.debug([&] { return "Mapped vendorConsents: " + describe(mapped); });
-    const VendorConsentsUtility vendorConsents(vendorConsentsKey);
+    const VendorConsentsUtility vendorConsents(state_->vendorConsentsKey);
     const VendorValues previous = vendorConsents.retrieveVendorConsents().value_or(VendorValues{});
     logger.debug([&] { return "Retrieved previousConsents: " + describe(previous); });
     VendorValues changed = changedVendors(mapped, previous);
 
     vendorConsents.storeVendorConsents(consents);
     const std::int64_t lastupdate = TimestampUtility::currentTimestampInMillis();
-    UserDefaultsUtility::setInt(lastupdate, vendorConsentsLastUpdateKey);
+    UserDefaultsUtility::setInt(lastupdate, state_->vendorConsentsLastUpdateKey);
     logger.info("Vendor consents and lastupdate successfully saved.");
 
     TagCache::shared().addOrReplace(Tag::makeInfo(
@@ -61,13 +61,13 @@ void TrackingService::sendConsents(const std::map<std::string, ConsentStatus>& c
         lastupdate, true));
     logger.info("AC04 consent tag added to TagCache with updated consent information.");
 
-    auto model = ConsentModel::make(RecordHeader::current(userAgent, lastupdate, "tvr_push_submit"),
+    auto model = ConsentModel::make(RecordHeader::current(state_->userAgent, lastupdate, "tvr_push_submit"),
                                     {.id = std::move(userId), .action = std::move(userAction)},
                                     {.id = std::move(consentId), .action = std::move(consentAction)}, lastupdate,
                                     std::move(mapped), std::move(changed));
     logger.debug([&] { return "Sending consent model: " + jsonString(model); });
 
-    service->sendConsentSubmission(std::move(model), [done = std::move(done)](std::exception_ptr error) mutable {
+    state_->service->sendConsentSubmission(std::move(model), [done = std::move(done)](std::exception_ptr error) mutable {
         auto& log = LoggerUtility::shared();
         if (error) {
             const auto cause = detail::describe(error);

@@ -24,7 +24,7 @@
 #include "tavrin/sdk/internal/record_parts.h"
 #include "tavrin/tracking/internal/tracking_service_internals.h"
 #include "tavrin/tracking/tracking_service.h"
-#include "tavrin/transport/service_protocol.h"
+#include "tavrin/transport/internal/service_protocol.h"
 
 namespace tavrin {
 
@@ -101,7 +101,7 @@ std::future<void> TrackingService::submitData(std::optional<std::string> state, 
     // reading it and removing it.
     std::vector<PushPayload> payloads;
     ProductData productData;
-    processingQueue.sync([&] {
+    state_->processingQueue.sync([&] {
         auto& cache = MemoryCacheUtility::shared();
         payloads = cache.takePushPayloads();
         endDropEpisode();
@@ -138,11 +138,11 @@ void TrackingService::sendSubmission(std::vector<std::string> pushedCommands,
                                      std::map<std::string, CodableValue> customProperties, std::string state,
                                      detail::Completion done) {
     auto& logger = LoggerUtility::shared();
-    auto [userId, userAction] = detail::currentUserID(*userIDUtility);
+    auto [userId, userAction] = detail::currentUserID(*state_->userIDUtility);
     const auto [sessionId, sessionAction] = SessionManager::startOrResumeSession();
 
     std::map<std::string, DataSubmissionModel::VendorConsentStatus> consent;
-    for (const auto& [vendor, value] : VendorConsentsUtility(vendorConsentsKey).retrieveVendorConsents().value_or(
+    for (const auto& [vendor, value] : VendorConsentsUtility(state_->vendorConsentsKey).retrieveVendorConsents().value_or(
              VendorValues{})) {
         consent.emplace(vendor, DataSubmissionModel::VendorConsentStatus{
                                     value.kind() == VendorValue::Kind::boolean ? CodableValue::boolean(value.asBool())
@@ -155,7 +155,7 @@ void TrackingService::sendSubmission(std::vector<std::string> pushedCommands,
     }
 
     DataSubmissionModel model;
-    RecordHeader::current(userAgent, TimestampUtility::currentTimestampInMillis(), std::move(state)).applyTo(model);
+    RecordHeader::current(state_->userAgent, TimestampUtility::currentTimestampInMillis(), std::move(state)).applyTo(model);
     model.consent = std::move(consent);
     model.data.identifier = {.user = {.id = std::move(userId), .action = std::move(userAction)},
                              .session = {.id = sessionId, .action = rawValue(sessionAction)}};
@@ -166,7 +166,7 @@ void TrackingService::sendSubmission(std::vector<std::string> pushedCommands,
     model.data.enrichment = enrichmentsForSubmission();
     logger.debug([&] { return "Sending data submission model: " + jsonString(model); });
 
-    service->sendDataSubmission(
+    state_->service->sendDataSubmission(
         std::move(model), [weak = weak_from_this(), done = std::move(done)](std::exception_ptr error) mutable {
             if (error) return done(error);
             LoggerUtility::shared().info("Data submission model sent successfully");

@@ -24,7 +24,7 @@
 #include "tavrin/tracking/internal/product_data.h"
 #include "tavrin/tracking/internal/push_payload.h"
 #include "tavrin/tracking/internal/tracking_service_internals.h"
-#include "tavrin/transport/service_protocol.h"
+#include "tavrin/transport/internal/service_protocol.h"
 
 namespace tavrin {
 
@@ -154,9 +154,9 @@ void TrackingService::resetInstance() {
     LoggerUtility::shared().info("TrackingService instance has been reset.");
 }
 
-std::shared_ptr<TrackingService> TrackingService::initialize(std::shared_ptr<ServiceProtocol> service) {
+std::shared_ptr<TrackingService> detail::TrackingServiceInternals::initialize(std::shared_ptr<ServiceProtocol> service) {
     auto settings = TrackingSettings::shared();
-    auto instance = std::make_shared<TrackingService>(ConstructionKey{}, std::move(service), settings);
+    std::shared_ptr<TrackingService> instance(new TrackingService(std::move(service), settings));
     std::shared_ptr<TrackingService> previous;
     {
         std::lock_guard lock(slot().mutex);
@@ -168,14 +168,18 @@ std::shared_ptr<TrackingService> TrackingService::initialize(std::shared_ptr<Ser
     return instance;
 }
 
-TrackingService::TrackingService(ConstructionKey, std::shared_ptr<ServiceProtocol> service,
-                                 std::shared_ptr<const TrackingSettings> settings)
+TrackingService::State::State(std::shared_ptr<ServiceProtocol> service, std::shared_ptr<const TrackingSettings> settings)
     : settings(std::move(settings)),
       service(std::move(service)),
       userAgent(UserAgentUtility::userAgent("TavrinSDK", "1.0", "18")),
       consentUtility(std::make_unique<const ConsentIDUtility>(this->settings->container())),
       userIDUtility(std::make_unique<const UserIDUtility>()),
       consentOrder(std::make_shared<detail::OrderedBlocks>()) {}
+
+TrackingService::TrackingService(std::shared_ptr<ServiceProtocol> service, std::shared_ptr<const TrackingSettings> settings)
+    : state_(std::make_unique<State>(std::move(service), std::move(settings))) {}
+
+bool TrackingService::isForeign() const noexcept { return state_->generation != platform::forkGeneration(); }
 
 TrackingService::~TrackingService() = default;
 
@@ -207,21 +211,21 @@ void TrackingService::push(AnyValue::Dictionary data) {
         const std::size_t bytes = approximateBytes(data);
         std::size_t dropped = 0;
         {
-            std::lock_guard lock(waitingMutex);
-            waitingPushes.push_back({std::move(data), bytes});
-            waitingBytes += bytes;
+            std::lock_guard lock(state_->waitingMutex);
+            state_->waitingPushes.push_back({std::move(data), bytes});
+            state_->waitingBytes += bytes;
             const std::size_t maxPushes = limits.maxPushes.load(std::memory_order_relaxed);
             const std::size_t maxBytes = limits.maxBytes.load(std::memory_order_relaxed);
-            while (waitingPushes.size() > 1 && (waitingPushes.size() > maxPushes || waitingBytes > maxBytes)) {
-                waitingBytes -= waitingPushes.front().bytes;
-                waitingPushes.pop_front();
+            while (state_->waitingPushes.size() > 1 && (state_->waitingPushes.size() > maxPushes || state_->waitingBytes > maxBytes)) {
+                state_->waitingBytes -= state_->waitingPushes.front().bytes;
+                state_->waitingPushes.pop_front();
                 ++dropped;
             }
         }
         noteDroppedPushes(dropped);
         // One task per push, in push order: once a push's task has run, that
         // push is processed (or was dropped).
-        processingQueue.async([weak = weak_from_this()] {
+        state_->processingQueue.async([weak = weak_from_this()] {
             const auto self = weak.lock();
             if (!self) return;  // reset since: the push is dropped with its service
             self->processNextPush();
@@ -234,11 +238,11 @@ void TrackingService::push(AnyValue::Dictionary data) {
 void TrackingService::processNextPush() {
     AnyValue::Dictionary data;
     {
-        std::lock_guard lock(waitingMutex);
-        if (waitingPushes.empty()) return;
-        data = std::move(waitingPushes.front().data);
-        waitingBytes -= waitingPushes.front().bytes;
-        waitingPushes.pop_front();
+        std::lock_guard lock(state_->waitingMutex);
+        if (state_->waitingPushes.empty()) return;
+        data = std::move(state_->waitingPushes.front().data);
+        state_->waitingBytes -= state_->waitingPushes.front().bytes;
+        state_->waitingPushes.pop_front();
     }
     try {
         processPush(std::move(data));
@@ -255,8 +259,8 @@ void TrackingService::processPush(AnyValue::Dictionary data) {
     if (auto within = withinHostValueLimits(data, maxText, "custom property")) data = std::move(*within);
     const std::string* pushedTrack = textMember(data, "track");
     const std::string* pushedType = textMember(data, "type");
-    const std::string track = pushedTrack ? *pushedTrack : trackCommand;
-    const std::string type = pushedType ? *pushedType : typeValue;
+    const std::string track = pushedTrack ? *pushedTrack : state_->trackCommand;
+    const std::string type = pushedType ? *pushedType : state_->typeValue;
 
     // Leaves out "track" and "type": they travel as the payload's own members.
     auto converted = validatedCustomProperties(data);
@@ -307,7 +311,7 @@ void TrackingService::addToProductData(const std::string& track, const std::stri
 }
 
 void TrackingService::waitForPendingPushes() const {
-    processingQueue.sync([] {});
+    state_->processingQueue.sync([] {});
 }
 
 // ---- enrichments
@@ -340,8 +344,8 @@ void TrackingService::addCustomEnrichment(std::optional<std::string> pluginId,
                                           std::vector<std::string> variables) {
     if (isForeign()) throw notInitializedAfterFork();
     if (!pluginId) {
-        if (!settings->config()) detail::fatalError("TrackConfig is not available.");
-        pluginId = settings->container();
+        if (!state_->settings->config()) detail::fatalError("TrackConfig is not available.");
+        pluginId = state_->settings->container();
     }
     if (auto within = withinHostValueLimits(arguments, limits.maxTextBytes.load(std::memory_order_relaxed), "enrichment argument"))
         arguments = std::move(*within);
@@ -350,20 +354,20 @@ void TrackingService::addCustomEnrichment(std::optional<std::string> pluginId,
 }
 
 void TrackingService::storeEnrichment(const std::string& pluginId, Enrichment enrichment) {
-    std::lock_guard lock(enrichmentsMutex);
-    enrichments.insert_or_assign(pluginId, std::move(enrichment));
+    std::lock_guard lock(state_->enrichmentsMutex);
+    state_->enrichments.insert_or_assign(pluginId, std::move(enrichment));
 }
 
 std::optional<std::map<std::string, Enrichment>> TrackingService::enrichmentsForSubmission() const {
-    std::lock_guard lock(enrichmentsMutex);
-    if (enrichments.empty()) return std::nullopt;
-    return enrichments;
+    std::lock_guard lock(state_->enrichmentsMutex);
+    if (state_->enrichments.empty()) return std::nullopt;
+    return state_->enrichments;
 }
 
 void TrackingService::resetEnrichments() {
     {
-        std::lock_guard lock(enrichmentsMutex);
-        enrichments.clear();
+        std::lock_guard lock(state_->enrichmentsMutex);
+        state_->enrichments.clear();
     }
     LoggerUtility::shared().info("Enrichments have been reset");
 }

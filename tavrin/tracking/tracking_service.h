@@ -11,18 +11,15 @@
 
 #include <cstddef>
 #include <cstdint>
-#include <deque>
 #include <future>
 #include <functional>
 #include <map>
 #include <memory>
-#include <mutex>
 #include <optional>
 #include <string>
 #include <vector>
 
 #include "tavrin/consent/consent_status.h"
-#include "tavrin/platform/dispatch.h"
 #include "tavrin/tracking/any_value.h"
 #include "tavrin/tracking/codable_value.h"
 #include "tavrin/tracking/enrichment.h"
@@ -54,10 +51,6 @@ struct PushLimits {
 };
 
 class TrackingService : public std::enable_shared_from_this<TrackingService> {
-    struct ConstructionKey {
-        explicit ConstructionKey() = default;
-    };
-
 public:
     // The current instance. Without one: an error line, then
     // TrackingServiceError notInitialized.
@@ -65,13 +58,6 @@ public:
     // Empties the shared slot. Pushes still waiting on the dropped instance's
     // queue are discarded; the push order counter is not reset.
     static void resetInstance();
-    // Called by TavrinService::configure: builds a service on the shared
-    // settings (which must be configured) that sends through `service`,
-    // installs it as the shared instance and returns it.
-    static std::shared_ptr<TrackingService> initialize(std::shared_ptr<ServiceProtocol> service);
-
-    TrackingService(ConstructionKey, std::shared_ptr<ServiceProtocol> service,
-                    std::shared_ptr<const TrackingSettings> settings);
     ~TrackingService();
     TrackingService(const TrackingService&) = delete;
     TrackingService& operator=(const TrackingService&) = delete;
@@ -122,10 +108,15 @@ public:
 private:
     friend struct detail::TrackingServiceInternals;
 
+    // What the instance holds, out of sight of applications.
+    struct State;
+
+    TrackingService(std::shared_ptr<ServiceProtocol> service, std::shared_ptr<const TrackingSettings> settings);
+
     // True in a process forked from the one that built this instance: its
     // queue has no thread there, so every operation fails fast (logged) until
     // the child configures its own instance.
-    bool isForeign() const noexcept { return generation != platform::forkGeneration(); }
+    bool isForeign() const noexcept;
     template <class T>
     static std::future<T> failedAfterFork() {
         std::promise<T> failed;
@@ -159,33 +150,7 @@ private:
     void resetEnrichments();
     void storeEnrichment(const std::string& pluginId, Enrichment enrichment);
 
-    const std::uint32_t generation = platform::forkGeneration();
-    const std::string trackCommand = "defaultTrackCommand";
-    const std::string typeValue = "defaultDependencyType";
-    const std::shared_ptr<const TrackingSettings> settings;
-    std::shared_ptr<ServiceProtocol> service;
-    const std::string userAgent;
-    const std::unique_ptr<const ConsentIDUtility> consentUtility;
-    const std::unique_ptr<const UserIDUtility> userIDUtility;
-    const std::string vendorConsentsKey = "VendorConsents";
-    const std::string vendorConsentsLastUpdateKey = "VendorConsents_lastupdate";
-    // Serialises push work: pushes are processed and numbered in call order.
-    mutable platform::SerialQueue processingQueue{"com.tavrin.processing"};
-    // Pushes handed over and not yet processed, oldest first, with their
-    // approximate size; each has its task on processingQueue.
-    struct WaitingPush {
-        AnyValue::Dictionary data;
-        std::size_t bytes;
-    };
-    std::deque<WaitingPush> waitingPushes;
-    std::size_t waitingBytes = 0;
-    std::mutex waitingMutex;
-    // setConsents calls, one at a time in call order.
-    const std::shared_ptr<detail::OrderedBlocks> consentOrder;
-    // Guarded by enrichmentsMutex alone: callers on any thread add, the
-    // submission reads and resets; nothing else runs under this lock.
-    std::map<std::string, Enrichment> enrichments;
-    mutable std::mutex enrichmentsMutex;
+    const std::unique_ptr<State> state_;
 };
 
 }  // namespace tavrin

@@ -13,7 +13,7 @@
 #include "tavrin/sdk/internal/logger_utility.h"
 #include "tavrin/sdk/internal/shared_instance.h"
 #include "tavrin/transport/internal/retry_policy.h"
-#include "tavrin/transport/service.h"
+#include "tavrin/transport/internal/service.h"
 
 namespace tavrin {
 

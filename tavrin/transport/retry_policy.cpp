@@ -9,7 +9,7 @@
 #include <string>
 
 #include "tavrin/platform/http_client.h"
-#include "tavrin/transport/service.h"
+#include "tavrin/transport/internal/service.h"
 
 namespace tavrin::detail {
 

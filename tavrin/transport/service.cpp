@@ -1,4 +1,4 @@
-#include "tavrin/transport/service.h"
+#include "tavrin/transport/internal/service.h"
 
 #include <strings.h>
 
@@ -69,13 +69,13 @@ detail::SharedInstance<Service>& sharedSlot() {
 
 }  // namespace
 
-Service::ServiceError::ServiceError(Code code, int statusCode, std::optional<std::chrono::seconds> retryAfter)
+ServiceError::ServiceError(Code code, int statusCode, std::optional<std::chrono::seconds> retryAfter)
     : std::runtime_error(std::string(errorDescription(code)) + " (Service.ServiceError." + name(code) + ")"),
       code_(code),
       statusCode_(statusCode),
       retryAfter_(retryAfter) {}
 
-const char* Service::ServiceError::name(Code code) noexcept {
+const char* ServiceError::name(Code code) noexcept {
     switch (code) {
         case Code::invalidURL: return "invalidURL";
         case Code::invalidRequestBody: return "invalidRequestBody";

@@ -1,4 +1,4 @@
-#include "tavrin/transport/service_protocol.h"
+#include "tavrin/transport/internal/service_protocol.h"
 
 #include "tavrin/consent/internal/consent_model.h"
 #include "tavrin/tracking/internal/data_submission_model.h"

@@ -1,7 +1,7 @@
 // The SDK stopped and started again from where a host may call it: inside a
 // completion on the SDK's own HTTP thread, then a new configuration.
 
-#include "tavrin/transport/service.h"
+#include "tavrin/transport/internal/service.h"
 #include "tests/end_to_end/end_to_end_fixture.h"
 
 namespace tavrin::testing {

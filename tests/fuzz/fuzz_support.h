@@ -10,7 +10,7 @@
 #include <string>
 #include <string_view>
 
-#include "tavrin/tracking/internal/coding.h"
+#include "tavrin/platform/internal/coding.h"
 
 namespace tavrin::fuzz {
 

@@ -13,7 +13,7 @@
 #include <utility>
 #include <vector>
 
-#include "tavrin/monitor/internal/timestamp_utility.h"
+#include "tavrin/platform/internal/timestamp_utility.h"
 #include "tavrin/monitor/internal/user_agent_utility.h"
 #include "tavrin/platform/clock.h"
 

@@ -34,6 +34,10 @@ echo '#include "tavrin/tavrin.h"' | "$cxx" -std=c++20 -I"$include_dir" -E -x c++
 if grep -E '^# [0-9]+ "[^"]*(nlohmann|curl|sqlite3|/regex)' "$work/umbrella.i" | head -n 5 | grep .; then
   echo "tavrin/tavrin.h reaches a heavy header (above)"; exit 1
 fi
+# Nor the SDK's own machinery: queues and the transport's records stay behind the public types.
+if grep -E '^# [0-9]+ "[^"]*tavrin/(platform/dispatch|transport/(internal/)?service_protocol)\.h"' "$work/umbrella.i" | head -n 3 | grep .; then
+  echo "tavrin/tavrin.h reaches an internal header (above)"; exit 1
+fi
 echo "tavrin/tavrin.h preprocesses to $(wc -l <"$work/umbrella.i") lines"
 
 cmake -S "$here/consumer" -B "$work/cmake-build" -DCMAKE_PREFIX_PATH="$work/prefix" "${cmake_cross[@]}" >/dev/null

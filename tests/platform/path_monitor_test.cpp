@@ -11,6 +11,7 @@
 #include <set>
 #include <thread>
 
+#include "tavrin/platform/dispatch.h"
 #include "tavrin/platform/internal/netlink_path_monitor.h"
 #include "tavrin/platform/internal/path_delivery.h"
 #include "tavrin/platform/internal/path_evaluation.h"

@@ -6,7 +6,7 @@
 
 #include <string_view>
 
-#include "tavrin/tracking/internal/coding.h"
+#include "tavrin/platform/internal/coding.h"
 
 namespace tavrin::testing {
 

@@ -8,7 +8,7 @@
 
 #include "tavrin/consent/internal/consent_model.h"
 #include "tavrin/tracking/internal/data_submission_model.h"
-#include "tavrin/transport/service_protocol.h"
+#include "tavrin/transport/internal/service_protocol.h"
 
 namespace tavrin::testing {
 

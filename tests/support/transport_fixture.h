@@ -23,7 +23,7 @@
 #include "tavrin/sdk/internal/tracking_settings.h"
 #include "tavrin/tracking/internal/data_submission_model.h"
 #include "tavrin/transport/internal/offline_cache_manager.h"
-#include "tavrin/transport/service.h"
+#include "tavrin/transport/internal/service.h"
 #include "tests/support/log_capture.h"
 #include "tests/support/loopback_server.h"
 #include "tests/support/temp_dir.h"

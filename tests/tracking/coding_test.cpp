@@ -2,7 +2,7 @@
 // two value types (CodableValue for properties and arguments, AnyCodable for
 // any JSON value but null), byte buffers, and JSON text for log lines.
 // Round trips of arbitrary input are the fuzz targets' job (tests/fuzz).
-#include "tavrin/tracking/internal/coding.h"
+#include "tavrin/platform/internal/coding.h"
 
 #include <gtest/gtest.h>
 
@@ -14,7 +14,7 @@
 
 #include "tavrin/tracking/internal/any_codable.h"
 #include "tavrin/tracking/internal/codable_value_coding.h"
-#include "tavrin/tracking/internal/json_stringify.h"
+#include "tavrin/platform/internal/json_stringify.h"
 #include "tests/support/decoding_assertions.h"
 #include "tests/support/log_capture.h"
 

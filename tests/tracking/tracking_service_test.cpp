@@ -91,7 +91,7 @@ protected:
         StoreTest::TearDown();
     }
 
-    std::shared_ptr<TrackingService> start() { return TrackingService::initialize(transport); }
+    std::shared_ptr<TrackingService> start() { return detail::TrackingServiceInternals::initialize(transport); }
 
     // Pushes already made have been processed and their writes applied.
     static void settle(const TrackingService& service) {

@@ -1,4 +1,4 @@
-#include "tavrin/transport/service.h"
+#include "tavrin/transport/internal/service.h"
 
 #include <gtest/gtest.h>
 

@@ -4,6 +4,7 @@
 
 #include <chrono>
 #include <condition_variable>
+#include <deque>
 #include <exception>
 #include <future>
 #include <type_traits>
@@ -17,7 +18,44 @@
 #include <string>
 #include <utility>
 
+#include "tavrin/platform/dispatch.h"
 #include "tavrin/tracking/tracking_service.h"
+
+namespace tavrin {
+
+struct TrackingService::State {
+    State(std::shared_ptr<ServiceProtocol> service, std::shared_ptr<const TrackingSettings> settings);
+
+    const std::uint32_t generation = platform::forkGeneration();
+    const std::string trackCommand = "defaultTrackCommand";
+    const std::string typeValue = "defaultDependencyType";
+    const std::shared_ptr<const TrackingSettings> settings;
+    std::shared_ptr<ServiceProtocol> service;
+    const std::string userAgent;
+    const std::unique_ptr<const ConsentIDUtility> consentUtility;
+    const std::unique_ptr<const UserIDUtility> userIDUtility;
+    const std::string vendorConsentsKey = "VendorConsents";
+    const std::string vendorConsentsLastUpdateKey = "VendorConsents_lastupdate";
+    // Serialises push work: pushes are processed and numbered in call order.
+    mutable platform::SerialQueue processingQueue{"com.tavrin.processing"};
+    // Pushes handed over and not yet processed, oldest first, with their
+    // approximate size; each has its task on processingQueue.
+    struct WaitingPush {
+        AnyValue::Dictionary data;
+        std::size_t bytes;
+    };
+    std::deque<WaitingPush> waitingPushes;
+    std::size_t waitingBytes = 0;
+    std::mutex waitingMutex;
+    // setConsents calls, one at a time in call order.
+    const std::shared_ptr<detail::OrderedBlocks> consentOrder;
+    // Guarded by enrichmentsMutex alone: callers on any thread add, the
+    // submission reads and resets; nothing else runs under this lock.
+    std::map<std::string, Enrichment> enrichments;
+    mutable std::mutex enrichmentsMutex;
+};
+
+}  // namespace tavrin
 
 namespace tavrin::detail {
 
@@ -91,6 +129,11 @@ std::future<T> trackedOperation(Start&& start, Result result) {
 }
 
 struct TrackingServiceInternals {
+    // Called by TavrinService::configure: builds a service on the shared
+    // settings (which must be configured) that sends through `service`,
+    // installs it as the shared instance and returns it.
+    static std::shared_ptr<TrackingService> initialize(std::shared_ptr<ServiceProtocol> service);
+
     // Runs the queue side of a push on the calling thread (benchmarks).
     static void processPush(TrackingService& service, AnyValue::Dictionary data) {
         service.processPush(std::move(data));
@@ -98,14 +141,14 @@ struct TrackingServiceInternals {
     static void waitForPendingPushes(const TrackingService& service) { service.waitForPendingPushes(); }
     // Runs `block` on the processing queue once the pushes enqueued so far are processed.
     static void whenPushesProcessed(const TrackingService& service, std::function<void()> block) {
-        service.processingQueue.async(std::move(block));
+        service.state_->processingQueue.async(std::move(block));
     }
     static std::optional<std::map<std::string, Enrichment>> enrichmentsForSubmission(const TrackingService& service) {
         return service.enrichmentsForSubmission();
     }
     static void resetEnrichments(TrackingService& service) { service.resetEnrichments(); }
-    static const std::string& userAgent(const TrackingService& service) { return service.userAgent; }
-    static const std::shared_ptr<ServiceProtocol>& service(const TrackingService& service) { return service.service; }
+    static const std::string& userAgent(const TrackingService& service) { return service.state_->userAgent; }
+    static const std::shared_ptr<ServiceProtocol>& service(const TrackingService& service) { return service.state_->service; }
 
     // The shared instance, or null before configure and in a forked child
     // before it configures (without the error line).
@@ -120,3 +163,4 @@ struct TrackingServiceInternals {
 };
 
 }  // namespace tavrin::detail
+

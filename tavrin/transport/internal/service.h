@@ -1,22 +1,15 @@
 #pragma once
 // The one place where tracking data leaves the device: encodes a data or
-// consent submission and posts it to the tracking endpoint. An application
-// meets it through the Service::ServiceError a submission's future throws
-// when the server refuses it.
-//
-//     try {
-//         tavrin::TrackingService::shared()->submit("checkout").get();
-//     } catch (const tavrin::Service::ServiceError& error) {  // invalidResponse: statusCode() is the answer's
-//         if (error.retryAfter()) { /* 429 or 503 without offline tracking: wait *error.retryAfter() */ }
-//     } catch (const tavrin::platform::UrlError& error) { /* no answer at all: error.code() says why */ }
+// consent submission and posts it to the tracking endpoint. Wired by
+// TavrinService::configure; applications meet only its ServiceError.
 //
 // While the device is offline with offline tracking on, a submission goes to
 // the offline cache manager instead. It also resends cached data submissions,
 // marked as late.
 //
 // Every send reports through its completion (or future); nothing waits on the
-// network while holding a thread. A failure is a Service::ServiceError or the
-// HTTP client's UrlError.
+// network while holding a thread. A failure is a ServiceError or the HTTP
+// client's UrlError.
 //
 // With offline tracking on, a live send that the server or the network let
 // down (a transport failure, or status 3xx, 408, 429 or 5xx) is cached like an
@@ -30,7 +23,8 @@
 #include <stdexcept>
 #include <string>
 
-#include "tavrin/transport/service_protocol.h"
+#include "tavrin/transport/internal/service_protocol.h"
+#include "tavrin/transport/service_error.h"
 
 namespace tavrin {
 
@@ -45,29 +39,8 @@ class RequestWindow;
 
 class Service final : public ServiceProtocol {
 public:
-    class ServiceError : public std::runtime_error {
-    public:
-        enum class Code {
-            invalidURL,          // the endpoint text is not a URL
-            invalidRequestBody,  // a record did not encode, or a cached body is not a JSON object
-            invalidResponse,     // the status is outside 200-299
-        };
-
-        explicit ServiceError(Code code, int statusCode = 0,
-                              std::optional<std::chrono::seconds> retryAfter = std::nullopt);
-        Code code() const noexcept { return code_; }
-        // The status an invalidResponse came with (0 when there was none).
-        int statusCode() const noexcept { return statusCode_; }
-        // The wait a 429 or 503 answer asked for in its Retry-After field.
-        const std::optional<std::chrono::seconds>& retryAfter() const noexcept { return retryAfter_; }
-        // "invalidURL", "invalidRequestBody", "invalidResponse".
-        static const char* name(Code code) noexcept;
-
-    private:
-        Code code_;
-        int statusCode_;
-        std::optional<std::chrono::seconds> retryAfter_;
-    };
+    // What a refused submission throws; spelt Service::ServiceError too.
+    using ServiceError = tavrin::ServiceError;
 
     // All three may be null: the process-wide HTTP client, the shared settings
     // (read when constructed: configure first) and the shared offline cache
