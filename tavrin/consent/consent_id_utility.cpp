@@ -21,8 +21,9 @@ void ConsentIDUtility::storeConsentID(const std::string& id) const {
 }
 
 std::optional<std::string> ConsentIDUtility::retrieveConsentID() const {
-    std::string unreadable;
-    auto id = UserDefaultsUtility::string(consentIDKey, unreadable);
+    auto read = UserDefaultsUtility::readString(consentIDKey);
+    const std::string unreadable = read ? std::string() : read.error().message;
+    auto id = read ? std::move(read).value() : std::nullopt;
     if (!unreadable.empty())
         LoggerUtility::shared().warning([&] {
             return "Consent ID: the value stored under key " + consentIDKey + " " + unreadable + "; it is ignored.";

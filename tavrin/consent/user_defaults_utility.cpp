@@ -45,22 +45,23 @@ const char* kindOf(const platform::KeyValueStore::Value& value) {
 }
 }  // namespace
 
-std::optional<std::string> UserDefaultsUtility::string(const std::string& key, std::string& unreadable) {
-    unreadable.clear();
+UserDefaultsUtility::Read<std::string> UserDefaultsUtility::readString(const std::string& key) {
     if (auto cached = readCache().objectAs<std::string>(key)) return cached;
     std::lock_guard lock(storeMutex());
     if (auto cached = readCache().objectAs<std::string>(key)) return cached;  // a write got in first
     std::optional<std::string> stored;
+    std::optional<detail::Error> unreadable;
     if (auto value = store()->value(key)) {
         if (auto* text = std::get_if<std::string>(&*value))
             stored = std::move(*text);
         else
-            unreadable = std::string("is ") + kindOf(*value) + ", not text";
+            unreadable = detail::Error{0, std::string("is ") + kindOf(*value) + ", not text"};
     }
     if (stored)
         cache(key, std::any(*stored));
     else
         readCache().removeObject(key);
+    if (unreadable) return std::move(*unreadable);
     return stored;
 }
 
@@ -104,12 +105,11 @@ void UserDefaultsUtility::writeEncoded(const std::string& key, const Bytes& enco
     cache(key, std::move(value));
 }
 
-std::optional<Bytes> UserDefaultsUtility::storedData(const std::string& key, std::string& unreadable) {
+UserDefaultsUtility::Read<Bytes> UserDefaultsUtility::storedData(const std::string& key) {
     auto value = store()->value(key);
-    if (!value) return std::nullopt;
-    if (auto* bytes = std::get_if<Bytes>(&*value)) return std::move(*bytes);
-    unreadable = std::string("is ") + kindOf(*value) + ", not data";
-    return std::nullopt;
+    if (!value) return std::optional<Bytes>();
+    if (auto* bytes = std::get_if<Bytes>(&*value)) return std::optional<Bytes>(std::move(*bytes));
+    return detail::Error{0, std::string("is ") + kindOf(*value) + ", not data"};
 }
 
 std::string UserDefaultsUtility::decodingFailure(const DecodingError& error) {

@@ -18,8 +18,9 @@ void UserIDUtility::storeUserID(const std::string& id) const {
 }
 
 std::optional<std::string> UserIDUtility::retrieveUserID() const {
-    std::string unreadable;
-    auto id = UserDefaultsUtility::string(userIDKey, unreadable);
+    auto read = UserDefaultsUtility::readString(userIDKey);
+    const std::string unreadable = read ? std::string() : read.error().message;
+    auto id = read ? std::move(read).value() : std::nullopt;
     // A foreign value is named before the usual "not found" line, which alone
     // would read like a fresh install.
     if (!unreadable.empty())

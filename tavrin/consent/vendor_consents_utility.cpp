@@ -22,10 +22,11 @@ void VendorConsentsUtility::storeVendorConsents(const VendorConsents& consents) 
 
 std::optional<VendorValues> VendorConsentsUtility::retrieveVendorConsents() const {
     auto& logger = LoggerUtility::shared();
-    std::string unreadable;
-    if (auto data = UserDefaultsUtility::loadData(vendorConsentsKey, unreadable)) {
+    auto data = UserDefaultsUtility::readData(vendorConsentsKey);
+    std::string unreadable = data ? std::string() : data.error().message;
+    if (data && *data) {
         try {
-            auto consents = decodeJson<VendorConsents>(platform::toString(*data));
+            auto consents = decodeJson<VendorConsents>(platform::toString(**data));
             logger.info([&] {
                 return "Vendor consents successfully retrieved from UserDefaults with key: " + vendorConsentsKey + ".";
             });

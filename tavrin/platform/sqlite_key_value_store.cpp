@@ -19,6 +19,7 @@
 #include "tavrin/platform/clock.h"
 #include "tavrin/platform/dispatch.h"
 #include "tavrin/platform/internal/log_hook.h"
+#include "tavrin/platform/internal/result.h"
 
 namespace tavrin::platform {
 
@@ -67,24 +68,23 @@ auto untilUnlocked(sqlite3* db, SteadyClock::time_point deadline, Step step) {
         const auto left = duration_cast<milliseconds>(deadline - SteadyClock::now());
         sqlite3_busy_timeout(db, static_cast<int>(std::max<milliseconds::rep>(left.count(), 0)));
         auto outcome = step();
-        if (!outcome || !isBusy(outcome->code) || SteadyClock::now() >= deadline) return outcome;
+        if (outcome.ok() || !isBusy(outcome.error().code) || SteadyClock::now() >= deadline) return outcome;
         std::this_thread::sleep_for(std::min<SteadyClock::duration>(pause, deadline - SteadyClock::now()));
     }
 }
 
-// Creates the missing directories of `directory` with mode 0700; the reason
-// when it cannot.
-std::optional<std::string> makeDirectories(const std::filesystem::path& directory) {
-    if (directory.empty()) return std::nullopt;
+// Creates the missing directories of `directory` with mode 0700.
+tavrin::detail::Status makeDirectories(const std::filesystem::path& directory) {
+    if (directory.empty()) return {};
     std::error_code ec;
-    if (std::filesystem::is_directory(directory, ec)) return std::nullopt;
+    if (std::filesystem::is_directory(directory, ec)) return {};
     if (directory.has_parent_path() && directory.parent_path() != directory)
-        if (auto failure = makeDirectories(directory.parent_path())) return failure;
+        if (auto made = makeDirectories(directory.parent_path()); !made) return made;
     if (::mkdir(directory.c_str(), 0700) != 0 && errno != EEXIST)
-        return "cannot create directory " + directory.string() + ": " + std::strerror(errno);
+        return tavrin::detail::Error{errno, "cannot create directory " + directory.string() + ": " + std::strerror(errno)};
     if (!std::filesystem::is_directory(directory, ec))
-        return "cannot create directory " + directory.string() + ": a file of that name is in the way";
-    return std::nullopt;
+        return tavrin::detail::Error{EEXIST, "cannot create directory " + directory.string() + ": a file of that name is in the way"};
+    return {};
 }
 
 // Whether `group` is the user's own private group: named after the user, with
@@ -264,7 +264,7 @@ SqliteKeyValueStore::Failure SqliteKeyValueStore::lastFailure() const {
 SqliteKeyValueStore::Outcome SqliteKeyValueStore::execute(const char* sql, Deadline deadline) {
     return untilUnlocked(db_, deadline, [&]() -> Outcome {
         char* message = nullptr;
-        if (sqlite3_exec(db_, sql, nullptr, nullptr, &message) == SQLITE_OK) return std::nullopt;
+        if (sqlite3_exec(db_, sql, nullptr, nullptr, &message) == SQLITE_OK) return {};
         const int code = sqlite3_extended_errcode(db_);
         Failure failure{code, describe(code, message), isNotADatabase(code)};
         sqlite3_free(message);
@@ -303,33 +303,33 @@ SqliteKeyValueStore::Outcome SqliteKeyValueStore::openAt(Access access, Deadline
     // Reading the header and every page catches a file that is not a database
     // or is damaged now, rather than on some later write; the shape is checked
     // before anything is written to the file.
-    Outcome failure;
-    if (!inMemory) failure = quickCheck(deadline);
-    if (!failure && !inMemory) failure = checkShape(deadline);
-    if (!failure && !readOnly) failure = execute("PRAGMA journal_mode = WAL", deadline);
-    if (!failure && !readOnly) failure = execute("PRAGMA synchronous = FULL", deadline);
+    Outcome step;
+    if (!inMemory) step = quickCheck(deadline);
+    if (step && !inMemory) step = checkShape(deadline);
+    if (step && !readOnly) step = execute("PRAGMA journal_mode = WAL", deadline);
+    if (step && !readOnly) step = execute("PRAGMA synchronous = FULL", deadline);
     // An overwritten or removed value (a configuration stored by an earlier
     // version with its token) is zeroed in the pages written anyway. Full
     // secure_delete, Debian's default, also rewrote every freed overflow page
     // of a sent request, in the WAL and again at the checkpoint, doubling the
     // storage written per cached request; freed pages keep their bytes until
     // reused.
-    if (!failure && !readOnly) failure = execute("PRAGMA secure_delete = FAST", deadline);
+    if (step && !readOnly) step = execute("PRAGMA secure_delete = FAST", deadline);
     // The values are small and a cached request is read once, so a page cache
     // of 256 KiB does; SQLite's default of 2 MiB grew with every page the
     // offline cache ever touched, the bulk of what the SDK added to its host.
-    if (!failure) failure = execute("PRAGMA cache_size = -256", deadline);
-    if (!failure && !readOnly) failure = execute(kCreateTable, deadline);
-    if (!failure && options_.readOnly && inMemory) failure = execute("PRAGMA query_only = ON", deadline);
-    if (!failure) failure = prepareStatements(deadline);
-    if (failure) {
+    if (step) step = execute("PRAGMA cache_size = -256", deadline);
+    if (step && !readOnly) step = execute(kCreateTable, deadline);
+    if (step && options_.readOnly && inMemory) step = execute("PRAGMA query_only = ON", deadline);
+    if (step) step = prepareStatements(deadline);
+    if (!step) {
         close();
-        return failure;
+        return step;
     }
     sqlite3_busy_timeout(db_, options_.busyTimeoutMilliseconds);
     inMemory_ = inMemory;
     writable_ = !readOnly && !options_.readOnly && sqlite3_db_readonly(db_, "main") != 1;
-    return std::nullopt;
+    return {};
 }
 
 SqliteKeyValueStore::Outcome SqliteKeyValueStore::quickCheck(Deadline deadline) {
@@ -381,7 +381,7 @@ SqliteKeyValueStore::Outcome SqliteKeyValueStore::prepareStatements(Deadline dea
             if (!*slot && sqlite3_prepare_v3(db_, sql, -1, SQLITE_PREPARE_PERSISTENT, slot, nullptr) != SQLITE_OK)
                 return lastFailure();
         }
-        return std::nullopt;
+        return {};
     });
 }
 
@@ -408,55 +408,55 @@ std::optional<std::filesystem::path> SqliteKeyValueStore::moveAside() {
 void SqliteKeyValueStore::open() {
     // One wait for the whole opening, however many steps and fallbacks it takes.
     const Deadline deadline = SteadyClock::now() + std::chrono::milliseconds(options_.busyTimeoutMilliseconds);
-    if (auto failure = makeDirectories(path_.parent_path())) {
-        openInMemory(*failure);
+    if (auto made = makeDirectories(path_.parent_path()); !made) {
+        openInMemory(made.error().message);
         return;
     }
     if (auto unsafe = unsafeLocation(path_)) {
         openInMemory(*unsafe);
         return;
     }
-    Outcome failure;
+    Outcome opened;
     if (!options_.readOnly) {
-        failure = hasForeignHeader(path_) ? Failure{SQLITE_NOTADB, "no database header", true}
-                                          : openAt(Access::readWrite, deadline);
-        if (!failure) {
+        opened = hasForeignHeader(path_) ? Outcome(Failure{SQLITE_NOTADB, "no database header", true})
+                                         : openAt(Access::readWrite, deadline);
+        if (opened) {
             if (!writable_) logStoreError("the file " + path_.string() + " is write-protected; writes will fail");
             return;
         }
-        if (failure->unusableFile) {
-            logStoreError("the file " + path_.string() + " is not a usable database (" + failure->message + ")");
+        if (opened.error().unusableFile) {
+            logStoreError("the file " + path_.string() + " is not a usable database (" + opened.error().message + ")");
             if (auto target = moveAside()) {
                 movedAside_ = target;
                 logStoreError("moved the unusable file to " + target->string() + " and started an empty store");
-                failure = openAt(Access::readWrite, deadline);
-                if (!failure) return;
+                opened = openAt(Access::readWrite, deadline);
+                if (opened) return;
             }
         }
         std::error_code ec;
         if (!std::filesystem::exists(path_, ec)) {
-            openInMemory(failure->message);
+            openInMemory(opened.error().message);
             return;
         }
         // The values are there but cannot be written: keep reading them.
-        const std::string writeFailure = failure->message;
-        if (!(failure = openAt(Access::readOnly, deadline)) || !(failure = openAt(Access::immutable, deadline))) {
+        const std::string writeFailure = opened.error().message;
+        if ((opened = openAt(Access::readOnly, deadline)) || (opened = openAt(Access::immutable, deadline))) {
             logStoreError("cannot open " + path_.string() + " for writing (" + writeFailure +
                      "); it is opened read-only and writes will fail");
             return;
         }
-    } else if (!(failure = openAt(Access::readOnly, deadline)) ||
-               !(failure = openAt(Access::immutable, deadline))) {
+    } else if ((opened = openAt(Access::readOnly, deadline)) ||
+               (opened = openAt(Access::immutable, deadline))) {
         return;
     }
-    openInMemory(failure->message);
+    openInMemory(opened.error().message);
 }
 
 void SqliteKeyValueStore::openInMemory(const std::string& reason) {
     logStoreError("cannot open " + path_.string() + " (" + reason +
              "); values are kept in memory for this run only and will not persist");
-    if (auto failure = openAt(Access::memory, SteadyClock::now()))
-        logStoreError("cannot open an in-memory store: " + failure->message);
+    if (auto opened = openAt(Access::memory, SteadyClock::now()); !opened)
+        logStoreError("cannot open an in-memory store: " + opened.error().message);
 }
 
 void SqliteKeyValueStore::logFailure(const char* operation, const std::string& key, int code) const {

@@ -60,8 +60,9 @@ void TrackingSettings::configure(const TrackConfig& config) {
 }
 
 void TrackingSettings::loadConfigFromUserDefaults() {
-    std::string unreadable;
-    auto config = UserDefaultsUtility::load<TrackConfig>(userDefaultsKey, unreadable);
+    auto read = UserDefaultsUtility::read<TrackConfig>(userDefaultsKey);
+    const std::string unreadable = read ? std::string() : read.error().message;
+    auto config = read ? std::move(read).value() : std::nullopt;
     if (!unreadable.empty())
         LoggerUtility::shared().warning([&] {
             return std::string("TrackConfig: the value stored under key ") + userDefaultsKey + " " + unreadable +

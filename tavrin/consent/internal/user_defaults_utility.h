@@ -20,11 +20,17 @@
 #include "tavrin/platform/internal/json.h"
 #include "tavrin/platform/internal/object_cache.h"
 #include "tavrin/platform/internal/coding.h"
+#include "tavrin/platform/internal/result.h"
 
 namespace tavrin {
 
 class UserDefaultsUtility {
 public:
+    // What a key holds: a value, nothing, or an error saying why what it holds
+    // cannot be read.
+    template <class T>
+    using Read = detail::Result<std::optional<T>>;
+
     UserDefaultsUtility() = delete;
 
     // Writes, flushes, then caches the value.
@@ -33,14 +39,11 @@ public:
 
     // A cached text as is; otherwise the store's value when it is text. The
     // result is cached; a miss removes the key's cache entry.
-    static std::optional<std::string> string(const std::string& key) {
-        std::string ignored;
-        return string(key, ignored);
-    }
-    // The same; when the key holds a value that is not text, `unreadable`
-    // says so ("is an integer, not text"), so the caller can name what it
-    // ignores. These reads stay silent themselves.
-    static std::optional<std::string> string(const std::string& key, std::string& unreadable);
+    static std::optional<std::string> string(const std::string& key) { return orNothing(readString(key)); }
+    // The same; when the key holds a value that is not text, the error says
+    // so ("is an integer, not text"), so the caller can name what it ignores.
+    // These reads stay silent themselves.
+    static Read<std::string> readString(const std::string& key);
 
     // Stores the value's JSON encoding as data under the key, flushes, and
     // caches the value itself. A byte buffer encodes as a JSON string of its
@@ -62,35 +65,30 @@ public:
     // success. Missing or undecodable data gives nothing, silently.
     static std::optional<Bytes> loadData(const std::string& key);
 
-    // The same, saying in `unreadable` why a value the key holds gave nothing.
-    static std::optional<Bytes> loadData(const std::string& key, std::string& unreadable) {
-        return load<Bytes>(key, unreadable);
-    }
+    // The same, with an error saying why a value the key holds gave nothing.
+    static Read<Bytes> readData(const std::string& key) { return read<Bytes>(key); }
 
     // A cached T as is; otherwise the store's data decoded as a T, cached on
     // success. Missing or undecodable data gives nothing, silently.
     template <class T>
     static std::optional<T> load(const std::string& key) {
-        std::string ignored;
-        return load<T>(key, ignored);
+        return orNothing(read<T>(key));
     }
     // The same; when the key holds something that is not data or does not
-    // decode, `unreadable` says what ("could not be decoded (...)").
+    // decode, the error says what ("could not be decoded (...)").
     template <class T>
-    static std::optional<T> load(const std::string& key, std::string& unreadable) {
-        unreadable.clear();
+    static Read<T> read(const std::string& key) {
         if (auto cached = readCache().objectAs<T>(key)) return cached;
         std::lock_guard lock(storeMutex());
         if (auto cached = readCache().objectAs<T>(key)) return cached;  // a write got in first
-        auto data = storedData(key, unreadable);
-        if (!data) return std::nullopt;
+        auto data = storedData(key);
+        if (!data || !*data) return data ? Read<T>(std::nullopt) : Read<T>(std::move(data).error());
         try {
-            T value = decodeJson<T>(platform::toString(*data));
+            T value = decodeJson<T>(platform::toString(**data));
             cache(key, std::any(value));
-            return value;
+            return std::optional<T>(std::move(value));
         } catch (const DecodingError& error) {
-            unreadable = decodingFailure(error);
-            return std::nullopt;
+            return detail::Error{0, decodingFailure(error)};
         }
     }
 
@@ -115,9 +113,13 @@ public:
 private:
     static void logSaveFailure(const std::string& key, const std::string& description);
     static void writeEncoded(const std::string& key, const Bytes& encoded, std::any value);
-    // The store's data for the key; a value of another type gives nothing
-    // and says so in `unreadable`.
-    static std::optional<Bytes> storedData(const std::string& key, std::string& unreadable);
+    // The store's data for the key; a value of another type is an error
+    // saying so.
+    static Read<Bytes> storedData(const std::string& key);
+    template <class T>
+    static std::optional<T> orNothing(Read<T> read) {
+        return read ? std::move(read).value() : std::nullopt;
+    }
     // Held across each store access together with its cache update.
     static std::mutex& storeMutex();
     static void cache(const std::string& key, std::any value) { readCache().setObject(key, std::move(value)); }

@@ -31,6 +31,7 @@
 #include <optional>
 #include <string>
 
+#include "tavrin/platform/internal/result.h"
 #include "tavrin/platform/key_value_store.h"
 
 struct sqlite3;
@@ -96,8 +97,7 @@ private:
         // damaged, or a key_value table of another shape): to be moved aside.
         bool unusableFile = false;
     };
-    // Empty when the step succeeded.
-    using Outcome = std::optional<Failure>;
+    using Outcome = tavrin::detail::Result<void, Failure>;
 
     void open();
     Outcome openAt(Access access, Deadline deadline);
