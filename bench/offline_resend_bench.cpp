@@ -26,7 +26,7 @@
 #include "tavrin/sdk/internal/tracking_settings.h"
 #include "tavrin/tracking/internal/data_submission_model.h"
 #include "tavrin/transport/internal/offline_cache_manager.h"
-#include "tavrin/transport/service.h"
+#include "tavrin/transport/internal/service.h"
 
 namespace {
 

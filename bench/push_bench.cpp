@@ -53,7 +53,7 @@ std::shared_ptr<TrackingService> service() {
                                                                 .customProtocol = std::nullopt,
                                                                 .enableOfflineTracking = false,
                                                                 .offlineTrackingTimeout = 3600});
-        return TrackingService::initialize(nullptr);
+        return detail::TrackingServiceInternals::initialize(nullptr);
     }();
     return instance;
 }

@@ -19,6 +19,7 @@
 #include "tavrin/platform/dispatch.h"
 #include "tavrin/platform/internal/path_evaluation.h"
 #include "tavrin/platform/internal/log_hook.h"
+#include "tavrin/platform/internal/result.h"
 
 namespace tavrin::platform {
 
@@ -83,10 +84,9 @@ void forEachAttribute(const rtattr* rta, int length, F&& f) {
 // A socket for request-and-dump conversations with the kernel (no multicast groups).
 class RouteQuery {
 public:
-    // False (with errno) when the socket cannot be opened.
-    bool open() {
+    tavrin::detail::Status open() {
         fd_ = Fd(::socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC, NETLINK_ROUTE));
-        if (!fd_) return false;
+        if (!fd_) return failure("query socket", errno);
         // The kernel answers at once; the timeout only guards against a wedged socket.
         timeval timeout{5, 0};
         ::setsockopt(fd_.get(), SOL_SOCKET, SO_RCVTIMEO, &timeout, sizeof timeout);
@@ -95,10 +95,9 @@ public:
         if (::bind(fd_.get(), reinterpret_cast<sockaddr*>(&local), sizeof local) != 0) {
             const int error = errno;
             fd_.reset();
-            errno = error;
-            return false;
+            return failure("query socket", error);
         }
-        return true;
+        return {};
     }
 
     // The path as the kernel's tables show it now; absent on failure (logged).
@@ -107,21 +106,25 @@ public:
         for (int attempt = 0; attempt < 5; ++attempt) {
             std::vector<detail::LinkFact> links;
             std::vector<detail::DefaultRouteFact> routes;
-            Outcome outcome = dumpLinks(links);
-            if (outcome == Outcome::ok) outcome = dumpRoutes(AF_INET, routes);
-            if (outcome == Outcome::ok) outcome = dumpRoutes(AF_INET6, routes);
-            if (outcome == Outcome::ok) return detail::evaluatePath(links, routes);
-            if (outcome == Outcome::failed) return std::nullopt;
+            Dump dumped = dumpLinks(links);
+            if (dumped && *dumped) dumped = dumpRoutes(AF_INET, routes);
+            if (dumped && *dumped) dumped = dumpRoutes(AF_INET6, routes);
+            if (!dumped) {
+                logError("Network path monitor: " + dumped.error().message);
+                return std::nullopt;
+            }
+            if (*dumped) return detail::evaluatePath(links, routes);
         }
         logError("Network path monitor: routing tables keep changing during reads");
         return std::nullopt;
     }
 
 private:
-    enum class Outcome { ok, interrupted, failed };
+    // Whether the dump is consistent (false: a concurrent change interrupted it), or why it failed.
+    using Dump = tavrin::detail::Result<bool>;
 
     template <class Body, class OnMessage>
-    Outcome dump(std::uint16_t type, const Body& body, OnMessage&& onMessage) {
+    Dump dump(std::uint16_t type, const Body& body, OnMessage&& onMessage) {
         struct {
             nlmsghdr header;
             Body body;
@@ -138,7 +141,7 @@ private:
             sent = ::sendto(fd_.get(), &request, request.header.nlmsg_len, 0, reinterpret_cast<sockaddr*>(&kernel),
                             sizeof kernel);
         } while (sent < 0 && errno == EINTR);
-        if (sent < 0) return fail("send", errno);
+        if (sent < 0) return failure("send", errno);
 
         bool interrupted = false;
         for (;;) {
@@ -148,12 +151,12 @@ private:
             do {
                 pending = ::recv(fd_.get(), nullptr, 0, MSG_PEEK | MSG_TRUNC);
             } while (pending < 0 && errno == EINTR);
-            if (pending < 0) return fail("receive", errno);
+            if (pending < 0) return failure("receive", errno);
             if (static_cast<std::size_t>(pending) > buffer_.size()) buffer_.resize(static_cast<std::size_t>(pending));
             bool truncated = false;
             const ssize_t n = receiveFromKernel(fd_.get(), buffer_.data(), buffer_.size(), 0, truncated);
-            if (n < 0) return fail("receive", errno);
-            if (truncated) return fail("receive", EMSGSIZE);
+            if (n < 0) return failure("receive", errno);
+            if (truncated) return failure("receive", EMSGSIZE);
             int length = static_cast<int>(n);
             // NLMSG_OK compares the header's unsigned length with this int; GCC
             // hides that inside the system macro, clang warns.
@@ -164,20 +167,20 @@ private:
 #pragma GCC diagnostic pop
                 if (h->nlmsg_seq != sequence_) continue;  // a late answer to an abandoned request
                 if (h->nlmsg_flags & NLM_F_DUMP_INTR) interrupted = true;
-                if (h->nlmsg_type == NLMSG_DONE) return interrupted ? Outcome::interrupted : Outcome::ok;
+                if (h->nlmsg_type == NLMSG_DONE) return !interrupted;
                 if (h->nlmsg_type == NLMSG_ERROR) {
                     const auto* err = static_cast<const nlmsgerr*>(NLMSG_DATA(h));
-                    if (h->nlmsg_len < NLMSG_LENGTH(sizeof(nlmsgerr))) return fail("read", EBADMSG);
+                    if (h->nlmsg_len < NLMSG_LENGTH(sizeof(nlmsgerr))) return failure("read", EBADMSG);
                     if (err->error == 0) continue;
-                    if (err->error == -EBUSY || err->error == -EINTR) return Outcome::interrupted;
-                    return fail("dump", -err->error);
+                    if (err->error == -EBUSY || err->error == -EINTR) return false;
+                    return failure("dump", -err->error);
                 }
                 onMessage(h);
             }
         }
     }
 
-    Outcome dumpLinks(std::vector<detail::LinkFact>& links) {
+    Dump dumpLinks(std::vector<detail::LinkFact>& links) {
         ifinfomsg body{};
         body.ifi_family = AF_UNSPEC;
         return dump(RTM_GETLINK, body, [&](const nlmsghdr* h) {
@@ -194,7 +197,7 @@ private:
         });
     }
 
-    Outcome dumpRoutes(unsigned char family, std::vector<detail::DefaultRouteFact>& routes) {
+    Dump dumpRoutes(unsigned char family, std::vector<detail::DefaultRouteFact>& routes) {
         rtmsg body{};
         body.rtm_family = family;
         return dump(RTM_GETROUTE, body, [&](const nlmsghdr* h) {
@@ -242,11 +245,8 @@ private:
         });
     }
 
-    Outcome fail(const char* what, int error) {
-        logError([&] {
-            return std::string("Network path monitor: rtnetlink ") + what + " failed: " + errnoText(error);
-        });
-        return Outcome::failed;
+    static tavrin::detail::Error failure(const char* what, int error) {
+        return {error, std::string("rtnetlink ") + what + " failed: " + errnoText(error)};
     }
 
     Fd fd_;
@@ -350,7 +350,10 @@ void NetlinkPathMonitor::start(SerialQueue& queue) {
     local.nl_groups = RTMGRP_LINK | RTMGRP_IPV4_IFADDR | RTMGRP_IPV6_IFADDR | RTMGRP_IPV4_ROUTE | RTMGRP_IPV6_ROUTE;
     if (::bind(reader->events.get(), reinterpret_cast<sockaddr*>(&local), sizeof local) != 0)
         return failed("rtnetlink bind");
-    if (!reader->query.open()) return failed("rtnetlink query socket");
+    if (auto opened = reader->query.open(); !opened) {
+        logError("Network path monitor unavailable: " + opened.error().message);
+        return;
+    }
     reader->wake = Fd(::eventfd(0, EFD_CLOEXEC));
     if (!reader->wake) return failed("eventfd");
     Reader* raw = reader.get();
@@ -369,10 +372,8 @@ void NetlinkPathMonitor::cancel() {
 
 std::optional<PathStatus> NetlinkPathMonitor::currentStatus() {
     RouteQuery query;
-    if (!query.open()) {
-        const int error = errno;
-        logError(
-            [&] { return "Network path monitor: rtnetlink query socket failed: " + errnoText(error); });
+    if (auto opened = query.open(); !opened) {
+        logError("Network path monitor: " + opened.error().message);
         return std::nullopt;
     }
     return query.status();
