@@ -59,10 +59,10 @@ namespace {
 // tree was a third of a push's processing. The output is what a JSON library's
 // compact dump gives: the same escapes, numbers in shortest round-trip form.
 
-struct NoJsonForm {};
-
-void writeText(std::string& out, std::string_view text) {
-    if (!detail::isValidUtf8(text)) throw NoJsonForm{};
+// Each writer gives false when the value has no JSON form (text that is not
+// UTF-8, a number that is not finite, a date, nesting past the limit).
+bool writeText(std::string& out, std::string_view text) {
+    if (!detail::isValidUtf8(text)) return false;
     static constexpr char kHex[] = "0123456789abcdef";
     out.push_back('"');
     for (const char c : text) {
@@ -85,70 +85,70 @@ void writeText(std::string& out, std::string_view text) {
         }
     }
     out.push_back('"');
+    return true;
 }
 
-void writeValue(std::string& out, const AnyValue& value, std::size_t depth);
+bool writeValue(std::string& out, const AnyValue& value, std::size_t depth);
 
 // `depth` counts the arrays and dictionaries open around this one, itself included.
-void writeDictionary(std::string& out, const AnyValue::Dictionary& dictionary, std::size_t depth) {
-    if (depth > platform::kMaxJsonNestingDepth) throw NoJsonForm{};
+bool writeDictionary(std::string& out, const AnyValue::Dictionary& dictionary, std::size_t depth) {
+    if (depth > platform::kMaxJsonNestingDepth) return false;
     out.push_back('{');
     bool first = true;
     for (const auto& [key, member] : dictionary) {
         if (!first) out.push_back(',');
         first = false;
-        writeText(out, key);
+        if (!writeText(out, key)) return false;
         out.push_back(':');
-        writeValue(out, member, depth);
+        if (!writeValue(out, member, depth)) return false;
     }
     out.push_back('}');
+    return true;
 }
 
-void writeValue(std::string& out, const AnyValue& value, std::size_t depth) {
+bool writeValue(std::string& out, const AnyValue& value, std::size_t depth) {
     switch (value.kind()) {
         case AnyValue::Kind::null:
             out += "null";
-            return;
+            return true;
         case AnyValue::Kind::text:
-            writeText(out, value.asText());
-            return;
+            return writeText(out, value.asText());
         case AnyValue::Kind::boolean:
             out += value.asBool() ? "true" : "false";
-            return;
+            return true;
         case AnyValue::Kind::integer: {
             char buffer[24];
             const auto end = std::to_chars(buffer, buffer + sizeof buffer, value.asInteger()).ptr;
             out.append(buffer, end);
-            return;
+            return true;
         }
         case AnyValue::Kind::number: {
-            if (!std::isfinite(value.asNumber())) throw NoJsonForm{};
+            if (!std::isfinite(value.asNumber())) return false;
             // The JSON library's own formatting ("2.0", "1e+300"), so the text
             // reads as every other JSON the SDK writes.
             char buffer[64];
             const auto end = nlohmann::detail::to_chars(buffer, buffer + sizeof buffer, value.asNumber());
             out.append(buffer, end);
-            return;
+            return true;
         }
         case AnyValue::Kind::array: {
-            if (depth + 1 > platform::kMaxJsonNestingDepth) throw NoJsonForm{};
+            if (depth + 1 > platform::kMaxJsonNestingDepth) return false;
             out.push_back('[');
             bool first = true;
             for (const auto& element : value.asArray()) {
                 if (!first) out.push_back(',');
                 first = false;
-                writeValue(out, element, depth + 1);
+                if (!writeValue(out, element, depth + 1)) return false;
             }
             out.push_back(']');
-            return;
+            return true;
         }
         case AnyValue::Kind::dictionary:
-            writeDictionary(out, value.asDictionary(), depth + 1);
-            return;
+            return writeDictionary(out, value.asDictionary(), depth + 1);
         case AnyValue::Kind::date:
             break;
     }
-    throw NoJsonForm{};
+    return false;
 }
 
 }  // namespace
@@ -156,11 +156,7 @@ void writeValue(std::string& out, const AnyValue& value, std::size_t depth) {
 std::optional<std::string> AnyValue::sortedJsonText(const Dictionary& dictionary) {
     std::string out;
     out.reserve(256);
-    try {
-        writeDictionary(out, dictionary, 1);
-    } catch (const NoJsonForm&) {
-        return std::nullopt;
-    }
+    if (!writeDictionary(out, dictionary, 1)) return std::nullopt;
     return out;
 }
 
