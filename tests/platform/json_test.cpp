@@ -23,7 +23,7 @@ TEST(Base64Test, RoundTripsTheStandardVectorsAndEveryByte) {
 }
 
 TEST(Base64Test, RejectsMalformedText) {
-    for (const char* bad : {"Zg", "Zg=", "Zm9", "Z===", "====", "Zg==Zg==", "Zm=v", "Zm9v=", "Zm9v====",
+    for (const char* bad : {"Zg", "Zg=", "Zm9", "Z===", "====", "Zg==Zg==", "Zm=v", "Zm9v=", "Zm9v====",  // length, padding
                             "Zh==", "Zm9=",  // padding hides set bits
                             "Zm9v\n", " Zm9v", "Zm-_", "Zm9*", "Zm9v\xC3\xA9"}) {
         EXPECT_FALSE(base64Decode(bad).has_value()) << ::testing::PrintToString(std::string(bad));
