@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
-# Installs dependencies, builds (Release, as users build it) and runs the whole suite, then builds and runs it
-# again under ThreadSanitizer and under AddressSanitizer + UndefinedBehaviorSanitizer, cross-built for Linux arm64
-# under qemu; then fuzzes each decoder for 60 seconds (scripts/fuzz.sh).
+# Installs dependencies, checks the formatting, builds (Release, as users build it) and runs the whole suite, then
+# builds and runs it again under ThreadSanitizer and under AddressSanitizer + UndefinedBehaviorSanitizer,
+# cross-built for Linux arm64 under qemu; then fuzzes each decoder for 60 seconds (scripts/fuzz.sh).
 set -uo pipefail
 cd "$(dirname "$0")/.."
 
@@ -39,6 +39,9 @@ if command -v ccache >/dev/null; then
   # Paths relative to the checkout, so another clone of it hits the same cache.
   export CCACHE_BASEDIR="${CCACHE_BASEDIR:-$PWD}" CCACHE_NOHASHDIR="${CCACHE_NOHASHDIR:-1}"
 fi
+
+echo "=== format check"
+bash scripts/format.sh --check || status=1
 
 mkdir -p build
 run_suite build/release "" "" -- -DCMAKE_BUILD_TYPE=Release || status=1
