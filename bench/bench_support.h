@@ -15,8 +15,8 @@
 #include <atomic>
 #include <chrono>
 #include <fstream>
-#include <string>
 #include <mutex>
+#include <string>
 #include <thread>
 #include <vector>
 
@@ -50,7 +50,8 @@ public:
 class OkServer {
 public:
     // count: where answered requests are counted (another process's memory, say).
-    explicit OkServer(std::chrono::milliseconds delay = std::chrono::milliseconds(0), std::atomic<long>* count = nullptr)
+    explicit OkServer(std::chrono::milliseconds delay = std::chrono::milliseconds(0),
+                      std::atomic<long>* count = nullptr)
         : delay_(delay), count_(count ? count : &requests_) {
         fd_ = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
         sockaddr_in address{};
@@ -124,7 +125,8 @@ private:
 class ChildOkServer {
 public:
     ChildOkServer() {
-        void* shared = mmap(nullptr, sizeof(std::atomic<long>), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
+        void* shared =
+            mmap(nullptr, sizeof(std::atomic<long>), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
         count_ = new (shared) std::atomic<long>(0);
         int ready[2];
         if (pipe(ready) != 0) return;

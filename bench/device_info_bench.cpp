@@ -17,10 +17,11 @@ BENCHMARK(BM_CollectDeviceInfo);
 
 // The host's bundle keys are read at every collection, so a set bundle is part of the cost.
 void BM_CollectDeviceInfoWithHostBundle(benchmark::State& state) {
-    tavrin::platform::DeviceFacts::setApplicationInfo(
-        {.bundleIdentifier = "com.example.shop",
-         .infoDictionary = {{"CFBundleDisplayName", "Shop"}, {"CFBundleName", "Shop"},
-                            {"CFBundleShortVersionString", "2.3.1"}, {"CFBundleVersion", "1042"}}});
+    tavrin::platform::DeviceFacts::setApplicationInfo({.bundleIdentifier = "com.example.shop",
+                                                       .infoDictionary = {{"CFBundleDisplayName", "Shop"},
+                                                                          {"CFBundleName", "Shop"},
+                                                                          {"CFBundleShortVersionString", "2.3.1"},
+                                                                          {"CFBundleVersion", "1042"}}});
     tavrin::platform::DeviceFacts::setScreenBounds(tavrin::platform::ScreenBounds{390, 844});
     for (auto _ : state) benchmark::DoNotOptimize(tavrin::DeviceInfoUtility::collectDeviceInfo());
     tavrin::platform::DeviceFacts::reset();

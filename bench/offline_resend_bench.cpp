@@ -3,8 +3,8 @@
 // and bytes the process wrote to storage during it), the bytes written to
 // storage per cached request from caching to removal, and adding one request
 // to a full cache.
-#include <benchmark/benchmark.h>
 #include <arpa/inet.h>
+#include <benchmark/benchmark.h>
 #include <netinet/in.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -51,7 +51,10 @@ long long storageBytesWritten() {
 Bytes submissionBody(int index) {
     DataSubmissionModel model;
     model.version = "3";
-    model.system = {.type = "sdk-ios", .timestamp = 1731667200123, .navigatorUserAgent = "Agent/1.0", .initiator = "tvr_push_submit"};
+    model.system = {.type = "sdk-ios",
+                    .timestamp = 1731667200123,
+                    .navigatorUserAgent = "Agent/1.0",
+                    .initiator = "tvr_push_submit"};
     model.configuration = {.container = "shop-app", .environment = "live", .version = "7", .debugcode = std::nullopt};
     model.data.identifier = {.user = {.id = "4821", .action = "update"}, .session = {.id = "77", .action = "new"}};
     model.data.variables.customProperties = {{"index", CodableValue::integer(index)},
@@ -131,7 +134,8 @@ void BM_ResendWalkOf1000Cached3KBSubmissions(benchmark::State& state) {
         writtenMB += static_cast<double>(storageBytesWritten() - before) / 1e6;
         if (!manager->offlineCache().entries().empty()) state.SkipWithError("requests left in the cache");
         std::error_code ec;
-        walDbMB += static_cast<double>(fs::file_size(file, ec) + fs::file_size(fs::path(file.string() + "-wal"), ec)) / 1e6;
+        walDbMB +=
+            static_cast<double>(fs::file_size(file, ec) + fs::file_size(fs::path(file.string() + "-wal"), ec)) / 1e6;
         ++runs;
         manager->shutdown(std::chrono::seconds(1));
         state.ResumeTiming();
@@ -141,7 +145,12 @@ void BM_ResendWalkOf1000Cached3KBSubmissions(benchmark::State& state) {
     state.counters["delivered"] = static_cast<double>(server.requests()) / runs;
     client->shutdown();
 }
-BENCHMARK(BM_ResendWalkOf1000Cached3KBSubmissions)->Arg(0)->Arg(50)->Iterations(3)->Unit(benchmark::kMillisecond)->UseRealTime();
+BENCHMARK(BM_ResendWalkOf1000Cached3KBSubmissions)
+    ->Arg(0)
+    ->Arg(50)
+    ->Iterations(3)
+    ->Unit(benchmark::kMillisecond)
+    ->UseRealTime();
 
 // Storage written per cached 3 KB request, from caching it to removing it
 // after delivery: 1,000 requests cached one at a time (argument 0: each
@@ -196,7 +205,12 @@ void BM_StorageWrittenPerCachedRequest(benchmark::State& state) {
     state.counters["total_KB_per_request"] = (cachingKB + removingKB) / runs;
     client->shutdown();
 }
-BENCHMARK(BM_StorageWrittenPerCachedRequest)->Arg(0)->Arg(1)->Iterations(2)->Unit(benchmark::kMillisecond)->UseRealTime();
+BENCHMARK(BM_StorageWrittenPerCachedRequest)
+    ->Arg(0)
+    ->Arg(1)
+    ->Iterations(2)
+    ->Unit(benchmark::kMillisecond)
+    ->UseRealTime();
 
 // One durable addition to a full cache (the oldest request is dropped).
 void BM_AddOneRequestWith1000Cached(benchmark::State& state) {

@@ -7,8 +7,8 @@
 #include <cstring>
 #include <filesystem>
 #include <fstream>
-#include <string>
 #include <memory>
+#include <string>
 #include <vector>
 
 #include "tavrin/monitor/internal/memory_cache_utility.h"
@@ -184,7 +184,6 @@ void BM_PushThroughQueue(benchmark::State& state) {
     state.SetItemsProcessed(state.iterations() * kBatch);
 }
 BENCHMARK(BM_PushThroughQueue)->UseRealTime()->Unit(benchmark::kMillisecond);
-
 
 // Kilobytes of /proc/self/status's `field` ("VmRSS", "VmHWM").
 long statusKb(const char* field) {

@@ -3,8 +3,8 @@
 // configure returning to the caller, submit of 50 properties to a loopback
 // server, end to end, and 10,000 submissions made back to back (peak resident
 // memory, CPU per submission).
-#include <benchmark/benchmark.h>
 #include <arpa/inet.h>
+#include <benchmark/benchmark.h>
 #include <netinet/in.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -16,14 +16,14 @@
 #include <fstream>
 #include <future>
 #include <mutex>
-#include <sys/resource.h>
 #include <string>
+#include <sys/resource.h>
 #include <thread>
 #include <vector>
 
 #include "bench/bench_support.h"
-#include "tavrin/platform/path_monitor.h"
 #include "tavrin/platform/key_value_store.h"
+#include "tavrin/platform/path_monitor.h"
 #include "tavrin/platform/system_log.h"
 #include "tavrin/sdk/tavrin_service.h"
 #include "tavrin/tracking/tracking_service.h"
@@ -33,7 +33,6 @@ namespace {
 using namespace tavrin;
 namespace fs = std::filesystem;
 using Clock = std::chrono::steady_clock;
-
 
 using bench::DiscardSink;
 using bench::OkServer;
@@ -59,9 +58,8 @@ struct Environment {
         root = fs::temp_directory_path() / ("tavrin-sdk-bench-" + std::to_string(getpid()));
         fs::create_directories(root);
         platform::KeyValueStore::setDataDirectory(root.string());
-        platform::PathMonitor::setFactory([]() -> std::shared_ptr<platform::PathMonitor> {
-            return std::make_shared<OnlinePath>();
-        });
+        platform::PathMonitor::setFactory(
+            []() -> std::shared_ptr<platform::PathMonitor> { return std::make_shared<OnlinePath>(); });
         TavrinService::setLogLevel(LogLevel::warning);
     }
     ~Environment() {

@@ -12,8 +12,9 @@ using tavrin::Tag;
 using tavrin::TagCache;
 
 Tag pushTag(const char* id = "AD01") {
-    return Tag::makeInfo(id, "T-SDK: [TAVRIN DL] - [AD01] Received SDK.push() - Command: pageview | Data: "
-                             R"({"page":"home","price":9.99,"track":"pageview"})",
+    return Tag::makeInfo(id,
+                         "T-SDK: [TAVRIN DL] - [AD01] Received SDK.push() - Command: pageview | Data: "
+                         R"({"page":"home","price":9.99,"track":"pageview"})",
                          1700000000000, true);
 }
 

@@ -47,14 +47,22 @@ Options parse(int argc, char** argv) {
             if (i + 1 >= argc) usage("missing value");
             return argv[++i];
         };
-        if (arg == "--domain") options.domain = value();
-        else if (arg == "--protocol") options.protocol = value();
-        else if (arg == "--ca-file") options.caFile = value();
-        else if (arg == "--token") options.token = value();
-        else if (arg == "--debug-code") options.debugCode = value();
-        else if (arg == "--no-debug") options.debugCode.reset();
-        else if (arg == "--data-dir") options.dataDir = value();
-        else usage("unknown option");
+        if (arg == "--domain")
+            options.domain = value();
+        else if (arg == "--protocol")
+            options.protocol = value();
+        else if (arg == "--ca-file")
+            options.caFile = value();
+        else if (arg == "--token")
+            options.token = value();
+        else if (arg == "--debug-code")
+            options.debugCode = value();
+        else if (arg == "--no-debug")
+            options.debugCode.reset();
+        else if (arg == "--data-dir")
+            options.dataDir = value();
+        else
+            usage("unknown option");
     }
     if (options.domain.empty()) usage("--domain is required");
     return options;
@@ -93,11 +101,10 @@ int main(int argc, char** argv) {
     // Host facts and platform choices come before configure.
     tavrin::platform::SystemLog::setSink(std::make_shared<tavrin::platform::StderrSink>());
     tavrin::TavrinService::setLogLevel(tavrin::LogLevel::warning);
-    tavrin::platform::DeviceFacts::setApplicationInfo(
-        {.bundleIdentifier = "com.example.shop",
-         .infoDictionary = {{"CFBundleDisplayName", "Example Shop"},
-                            {"CFBundleShortVersionString", "2.3"},
-                            {"CFBundleVersion", "41"}}});
+    tavrin::platform::DeviceFacts::setApplicationInfo({.bundleIdentifier = "com.example.shop",
+                                                       .infoDictionary = {{"CFBundleDisplayName", "Example Shop"},
+                                                                          {"CFBundleShortVersionString", "2.3"},
+                                                                          {"CFBundleVersion", "41"}}});
     tavrin::platform::DeviceFacts::setScreenBounds(tavrin::platform::ScreenBounds{1280, 800});
     if (options.dataDir) tavrin::platform::KeyValueStore::setDataDirectory(*options.dataDir);
     if (options.caFile) {
@@ -121,9 +128,8 @@ int main(int argc, char** argv) {
 
     std::cout << "consent: the visitor allows analytics, denies ads, has not decided on chat\n";
     if (!report("consent decision",
-                tracking->setConsents({{"analytics", ConsentStatus::allow},
-                                       {"ads", ConsentStatus::deny},
-                                       {"chat", ConsentStatus::ncm}})))
+                tracking->setConsents(
+                    {{"analytics", ConsentStatus::allow}, {"ads", ConsentStatus::deny}, {"chat", ConsentStatus::ncm}})))
         ++failures;
 
     std::cout << "browse: home page, then a category\n";
@@ -132,7 +138,9 @@ int main(int argc, char** argv) {
     if (!report("browsing submission", tracking->submit("browse"))) ++failures;
 
     std::cout << "product views: two shoes\n";
-    tracking->push({{"track", "product_view"}, {"sku", "SHOE-RED-42"}, {"price", 89.9},
+    tracking->push({{"track", "product_view"},
+                    {"sku", "SHOE-RED-42"},
+                    {"price", 89.9},
                     {"tags", AnyValue::Array{"running", "red"}}});
     tracking->push({{"track", "product_view"}, {"sku", "SHOE-BLUE-42"}, {"price", 94.5}, {"in_stock", true}});
     // The plug-in receives the latest pushed "sku" and a literal store name.
@@ -145,10 +153,9 @@ int main(int argc, char** argv) {
         ++failures;
 
     std::cout << "consent: the visitor now allows ads as well\n";
-    if (!report("changed consent decision",
-                tracking->setConsents({{"analytics", ConsentStatus::allow},
-                                       {"ads", ConsentStatus::allow},
-                                       {"chat", ConsentStatus::ncm}})))
+    if (!report("changed consent decision", tracking->setConsents({{"analytics", ConsentStatus::allow},
+                                                                   {"ads", ConsentStatus::allow},
+                                                                   {"chat", ConsentStatus::ncm}})))
         ++failures;
 
     std::cout << "checkout\n";

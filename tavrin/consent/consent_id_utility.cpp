@@ -39,8 +39,7 @@ std::optional<std::string> ConsentIDUtility::retrieveConsentID() const {
 
 std::optional<std::string> ConsentIDUtility::whyUnusable(std::string_view id) {
     if (id.empty()) return "it is empty";
-    if (id.size() > kMaxLength)
-        return std::to_string(id.size()) + " bytes, more than " + std::to_string(kMaxLength);
+    if (id.size() > kMaxLength) return std::to_string(id.size()) + " bytes, more than " + std::to_string(kMaxLength);
     for (unsigned char c : id)
         if (c < 0x21 || c > 0x7e) return "it holds bytes that are not printable ASCII";
     return std::nullopt;

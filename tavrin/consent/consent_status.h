@@ -20,7 +20,6 @@
 #include <utility>
 #include <variant>
 
-
 namespace tavrin {
 
 // Encoded as the text of its case name.

@@ -92,9 +92,8 @@ Bytes UserDefaultsUtility::encodedBytes(const Json& encoded) {
 }
 
 void UserDefaultsUtility::logSaveFailure(const std::string& key, const std::string& description) {
-    LoggerUtility::shared().info([&] {
-        return "❌ UserDefaultsUtility: Failed to encode and save data for key " + key + " - " + description;
-    });
+    LoggerUtility::shared().info(
+        [&] { return "❌ UserDefaultsUtility: Failed to encode and save data for key " + key + " - " + description; });
 }
 
 void UserDefaultsUtility::writeEncoded(const std::string& key, const Bytes& encoded, std::any value) {

@@ -1,9 +1,9 @@
 #include "tavrin/consent/internal/user_id_utility.h"
 
 #include "tavrin/consent/internal/user_defaults_utility.h"
-#include "tavrin/platform/internal/timestamp_utility.h"
 #include "tavrin/platform/internal/pattern.h"
 #include "tavrin/platform/internal/secure_random.h"
+#include "tavrin/platform/internal/timestamp_utility.h"
 #include "tavrin/sdk/internal/logger_utility.h"
 
 namespace tavrin {
@@ -14,7 +14,8 @@ constexpr std::int64_t kRandomPartMax = 100000;
 
 void UserIDUtility::storeUserID(const std::string& id) const {
     UserDefaultsUtility::setString(id, userIDKey);
-    LoggerUtility::shared().info([&] { return "User ID successfully stored in UserDefaults with key: " + userIDKey + "."; });
+    LoggerUtility::shared().info(
+        [&] { return "User ID successfully stored in UserDefaults with key: " + userIDKey + "."; });
 }
 
 std::optional<std::string> UserIDUtility::retrieveUserID() const {
@@ -35,7 +36,8 @@ std::optional<std::string> UserIDUtility::retrieveUserID() const {
 }
 
 std::string UserIDUtility::generateUserID() {
-    return generateUserID([](std::int64_t low, std::int64_t high) { return platform::SecureRandom::uniform(low, high); });
+    return generateUserID(
+        [](std::int64_t low, std::int64_t high) { return platform::SecureRandom::uniform(low, high); });
 }
 
 std::string UserIDUtility::generateUserID(const UniformDraw& draw) {

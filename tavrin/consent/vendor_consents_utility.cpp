@@ -15,7 +15,8 @@ void VendorConsentsUtility::storeVendorConsents(const VendorConsents& consents) 
         return;
     }
     UserDefaultsUtility::save(encoded, vendorConsentsKey);
-    logger.info([&] { return "Vendor consents successfully stored in UserDefaults with key: " + vendorConsentsKey + "."; });
+    logger.info(
+        [&] { return "Vendor consents successfully stored in UserDefaults with key: " + vendorConsentsKey + "."; });
     // The strict encoding above only produces valid UTF-8, so the text is the bytes.
     logger.debug([&] { return "Stored Vendor Consents (Raw JSON): " + platform::toString(encoded); });
 }

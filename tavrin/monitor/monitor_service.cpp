@@ -122,8 +122,10 @@ void MonitorService::sendMonitorRequest(std::function<void()> done) {
                 clearSentTags(sent);
                 LoggerUtility::shared().info("/monitor request sent successfully. Cache cleared.");
             } catch (...) {
-                LoggerUtility::shared().error(
-                    [&] { return "/monitor request sent, but its tags could not be cleared: " + describe(std::current_exception()); });
+                LoggerUtility::shared().error([&] {
+                    return "/monitor request sent, but its tags could not be cleared: " +
+                           describe(std::current_exception());
+                });
             }
         } else {
             LoggerUtility::shared().error([&] { return "Failed to send /monitor request: " + describe(error); });

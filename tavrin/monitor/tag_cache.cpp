@@ -67,7 +67,8 @@ TagCache& TagCache::shared() {
 void TagCache::addOrReplace(Tag tag) {
     auto& logger = LoggerUtility::shared();
     tag.dropNonFiniteNumbers([&](const CodingPath& path) {
-        logger.debug([&] { return "Warning: Non-finite number dropped from tag " + tag.id + " at " + joined(path) + "."; });
+        logger.debug(
+            [&] { return "Warning: Non-finite number dropped from tag " + tag.id + " at " + joined(path) + "."; });
     });
     // Prints the name on purpose: it carries the readable message of the step.
     logger.info([&] { return "Added or replaced tag with id: " + tag.name; });

@@ -121,8 +121,7 @@ std::int64_t Decoder::decodeInt64() const {
         return static_cast<std::int64_t>(v);
     }
     if (node_->is_number_integer()) return node_->get<std::int64_t>();
-    if (node_->is_number_float())
-        dataCorrupted("Parsed JSON number <" + node_->dump() + "> does not fit in Int64.");
+    if (node_->is_number_float()) dataCorrupted("Parsed JSON number <" + node_->dump() + "> does not fit in Int64.");
     typeMismatch("Int64");
 }
 

@@ -9,21 +9,15 @@ UrlError urlErrorFromCurl(CURLcode result, long osErrno, const char* errorBuffer
     using Code = UrlError::Code;
     Code code = Code::unknown;
     switch (result) {
-        case CURLE_URL_MALFORMAT:
-            code = Code::badURL;
-            break;
+        case CURLE_URL_MALFORMAT: code = Code::badURL; break;
         case CURLE_COULDNT_RESOLVE_HOST:
-        case CURLE_COULDNT_RESOLVE_PROXY:
-            code = Code::cannotFindHost;
-            break;
+        case CURLE_COULDNT_RESOLVE_PROXY: code = Code::cannotFindHost; break;
         case CURLE_COULDNT_CONNECT:
             // No route at all means no usable network, not a refusing server.
             code = (osErrno == ENETUNREACH || osErrno == ENETDOWN) ? Code::notConnectedToInternet
-                                                                  : Code::cannotConnectToHost;
+                                                                   : Code::cannotConnectToHost;
             break;
-        case CURLE_OPERATION_TIMEDOUT:
-            code = Code::timedOut;
-            break;
+        case CURLE_OPERATION_TIMEDOUT: code = Code::timedOut; break;
         case CURLE_SSL_CONNECT_ERROR:
         case CURLE_PEER_FAILED_VERIFICATION:
         case CURLE_SSL_CERTPROBLEM:
@@ -38,15 +32,11 @@ UrlError urlErrorFromCurl(CURLcode result, long osErrno, const char* errorBuffer
         case CURLE_SSL_PINNEDPUBKEYNOTMATCH:
         case CURLE_SSL_INVALIDCERTSTATUS:
         case CURLE_SSL_CLIENTCERT:
-        case CURLE_USE_SSL_FAILED:
-            code = Code::secureConnectionFailed;
-            break;
+        case CURLE_USE_SSL_FAILED: code = Code::secureConnectionFailed; break;
         case CURLE_SEND_ERROR:
         case CURLE_RECV_ERROR:
         case CURLE_GOT_NOTHING:
-        case CURLE_PARTIAL_FILE:
-            code = Code::networkConnectionLost;
-            break;
+        case CURLE_PARTIAL_FILE: code = Code::networkConnectionLost; break;
         // Schemes are checked before a transfer starts, so this is an HTTP/0.9
         // reply or a redirect to a scheme we do not speak.
         case CURLE_UNSUPPORTED_PROTOCOL:
@@ -56,14 +46,9 @@ UrlError urlErrorFromCurl(CURLcode result, long osErrno, const char* errorBuffer
         case CURLE_HTTP3:
         case CURLE_BAD_CONTENT_ENCODING:
         case CURLE_TOO_MANY_REDIRECTS:
-        case CURLE_FILESIZE_EXCEEDED:
-            code = Code::badServerResponse;
-            break;
-        case CURLE_ABORTED_BY_CALLBACK:
-            code = Code::cancelled;
-            break;
-        default:
-            break;
+        case CURLE_FILESIZE_EXCEEDED: code = Code::badServerResponse; break;
+        case CURLE_ABORTED_BY_CALLBACK: code = Code::cancelled; break;
+        default: break;
     }
     return UrlError(code, curl_easy_strerror(result), errorBuffer ? std::string(errorBuffer) : std::string());
 }

@@ -37,7 +37,8 @@ void ensureCurlGlobalInit() {
     static std::once_flag once;
     static CURLcode result = CURLE_OK;
     std::call_once(once, [] { result = curl_global_init(CURL_GLOBAL_DEFAULT); });
-    if (result != CURLE_OK) throw UrlError(UrlError::Code::unknown, "curl_global_init failed", curl_easy_strerror(result));
+    if (result != CURLE_OK)
+        throw UrlError(UrlError::Code::unknown, "curl_global_init failed", curl_easy_strerror(result));
 }
 
 long milliseconds(double seconds) {
@@ -107,7 +108,8 @@ struct Transfer {
             const auto space = line.find(' ');
             if (space != std::string_view::npos) {
                 const auto code = trimmedField(line.substr(space + 1)).substr(0, 3);
-                if (code.size() == 3 && std::all_of(code.begin(), code.end(), [](char c) { return c >= '0' && c <= '9'; }))
+                if (code.size() == 3 &&
+                    std::all_of(code.begin(), code.end(), [](char c) { return c >= '0' && c <= '9'; }))
                     blockStatus = std::stoi(std::string(code));
             }
             if (blockStatus < 100 || blockStatus >= 200) finalBlockStarted = true;
@@ -133,7 +135,8 @@ struct Transfer {
         }
         const auto colon = line.find(':');
         if (colon == std::string_view::npos) return;  // e.g. the line ending a CONNECT reply
-        blockHeaders.emplace_back(std::string(line.substr(0, colon)), std::string(trimmedField(line.substr(colon + 1))));
+        blockHeaders.emplace_back(std::string(line.substr(0, colon)),
+                                  std::string(trimmedField(line.substr(colon + 1))));
     }
 };
 
@@ -291,8 +294,9 @@ struct CurlHttpClient::Impl : std::enable_shared_from_this<Impl> {
         curl_easy_setopt(easy, CURLOPT_FOLLOWLOCATION, 0L);
         t.maxBodyBytes = options.maxResponseBodyBytes;
         // A declared length over the limit is refused before any of it is read.
-        curl_easy_setopt(easy, CURLOPT_MAXFILESIZE_LARGE, static_cast<curl_off_t>(
-            std::min<std::size_t>(t.maxBodyBytes, static_cast<std::size_t>(INT64_MAX))));
+        curl_easy_setopt(
+            easy, CURLOPT_MAXFILESIZE_LARGE,
+            static_cast<curl_off_t>(std::min<std::size_t>(t.maxBodyBytes, static_cast<std::size_t>(INT64_MAX))));
         curl_easy_setopt(easy, CURLOPT_TCP_KEEPALIVE, 1L);
         // Name lookups run on libcurl's resolver threads. Ending a transfer
         // whose lookup still hangs (its timeout, a shutdown) would otherwise
@@ -304,7 +308,8 @@ struct CurlHttpClient::Impl : std::enable_shared_from_this<Impl> {
 
         const long timeoutMs = milliseconds(request.timeoutSeconds);
         curl_easy_setopt(easy, CURLOPT_TIMEOUT_MS, timeoutMs);
-        curl_easy_setopt(easy, CURLOPT_CONNECTTIMEOUT_MS, std::min(timeoutMs, milliseconds(options.connectTimeoutSeconds)));
+        curl_easy_setopt(easy, CURLOPT_CONNECTTIMEOUT_MS,
+                         std::min(timeoutMs, milliseconds(options.connectTimeoutSeconds)));
 
         // Peer and host verification are never switched off.
         curl_easy_setopt(easy, CURLOPT_SSL_VERIFYPEER, 1L);
@@ -368,8 +373,8 @@ struct CurlHttpClient::Impl : std::enable_shared_from_this<Impl> {
             it = active.erase(it);
             std::snprintf(expired->errorBuffer, sizeof expired->errorBuffer,
                           "Operation timed out after %ld milliseconds", milliseconds(expired->request.timeoutSeconds));
-            expired->fail(std::make_exception_ptr(
-                detail::urlErrorFromCurl(CURLE_OPERATION_TIMEDOUT, 0, expired->errorBuffer)));
+            expired->fail(
+                std::make_exception_ptr(detail::urlErrorFromCurl(CURLE_OPERATION_TIMEDOUT, 0, expired->errorBuffer)));
         }
         return static_cast<int>(wait.count());
     }
@@ -407,9 +412,9 @@ struct CurlHttpClient::Impl : std::enable_shared_from_this<Impl> {
         if ((result == CURLE_WRITE_ERROR && t.tooLarge) || result == CURLE_FILESIZE_EXCEEDED) {
             long status = 0;
             curl_easy_getinfo(t.easy, CURLINFO_RESPONSE_CODE, &status);
-            t.fail(std::make_exception_ptr(UrlError(
-                UrlError::Code::responseTooLarge, curl_easy_strerror(result),
-                "status " + std::to_string(status) + ", answer longer than " + std::to_string(t.maxBodyBytes) + " bytes")));
+            t.fail(std::make_exception_ptr(UrlError(UrlError::Code::responseTooLarge, curl_easy_strerror(result),
+                                                    "status " + std::to_string(status) + ", answer longer than " +
+                                                        std::to_string(t.maxBodyBytes) + " bytes")));
             return;
         }
         long osErrno = 0;
@@ -432,7 +437,8 @@ struct CurlHttpClient::Impl : std::enable_shared_from_this<Impl> {
 
 CurlHttpClient::CurlHttpClient() : CurlHttpClient(Options{}) {}
 
-CurlHttpClient::CurlHttpClient(Options options) : options_(std::move(options)), impl_(std::make_shared<Impl>(options_)) {
+CurlHttpClient::CurlHttpClient(Options options)
+    : options_(std::move(options)), impl_(std::make_shared<Impl>(options_)) {
     impl_->startThread();
 }
 
@@ -471,6 +477,5 @@ void CurlHttpClient::send(HttpRequest request, Completion completion) {
     transfer->request = std::move(request);
     impl_->enqueue(std::move(transfer));
 }
-
 
 }  // namespace tavrin::platform

@@ -168,9 +168,8 @@ void DeviceFacts::setScreenBounds(std::optional<ScreenBounds> bounds) {
     // Refused here, on the host's own call, rather than failing the
     // conversion later on a background queue.
     if (bounds && !(isScreenSize(bounds->width) && isScreenSize(bounds->height))) {
-        logError("Screen bounds " + shortestText(bounds->width) + " by " +
-                                      shortestText(bounds->height) +
-                                      " refused: width and height are points from 0 up to 2^63.");
+        logError("Screen bounds " + shortestText(bounds->width) + " by " + shortestText(bounds->height) +
+                 " refused: width and height are points from 0 up to 2^63.");
         return;
     }
     std::lock_guard lock(host().mutex);

@@ -19,7 +19,6 @@
 #include <string>
 #include <string_view>
 
-
 namespace tavrin::platform {
 
 // What the host application tells about itself, before configuring the SDK.
@@ -57,11 +56,11 @@ public:
     static std::optional<ScreenBounds> screenBounds();
 
     // System facts (read from the system each call; callers cache what cannot change).
-    static std::optional<std::string> model();          // DMI product name, else device-tree model
-    static std::string systemName();                    // os-release NAME; "Linux" when not given
-    static std::optional<std::string> systemVersion();  // os-release VERSION_ID
-    static std::optional<std::string> machine();        // uname machine, as the kernel gives it
-    static std::optional<std::string> executableName(); // file name of the running program, read once
+    static std::optional<std::string> model();           // DMI product name, else device-tree model
+    static std::string systemName();                     // os-release NAME; "Linux" when not given
+    static std::optional<std::string> systemVersion();   // os-release VERSION_ID
+    static std::optional<std::string> machine();         // uname machine, as the kernel gives it
+    static std::optional<std::string> executableName();  // file name of the running program, read once
     // From the first of LC_ALL, LC_MESSAGES, LANG that is set and not empty.
     static LocaleCodes currentLocale();
     // Parses a POSIX locale name, language[_territory][.codeset][@modifier]:
@@ -74,6 +73,5 @@ public:
     // Tests: forget host-supplied facts.
     static void reset();
 };
-
 
 }  // namespace tavrin::platform

@@ -26,11 +26,9 @@ void runLogged(const std::function<void()>& block, const std::string& label) noe
     try {
         block();
     } catch (const std::exception& e) {
-        logError(
-            [&] { return "Exception escaped an asynchronous block on " + label + ": " + e.what(); });
+        logError([&] { return "Exception escaped an asynchronous block on " + label + ": " + e.what(); });
     } catch (...) {
-        logError(
-            [&] { return "Exception escaped an asynchronous block on " + label + ": unknown exception"; });
+        logError([&] { return "Exception escaped an asynchronous block on " + label + ": unknown exception"; });
     }
 }
 

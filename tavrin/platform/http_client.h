@@ -123,11 +123,11 @@ private:
 // A URL as the transport understands it; only text with a scheme and a host
 // parses.
 struct Url {
-    std::string text;    // the text as given
-    std::string scheme;  // lower case
-    std::string host;    // without the brackets of an IPv6 literal
+    std::string text;         // the text as given
+    std::string scheme;       // lower case
+    std::string host;         // without the brackets of an IPv6 literal
     std::optional<int> port;  // only when the text names one
-    std::string path;    // "/" when the text has none
+    std::string path;         // "/" when the text has none
     std::optional<std::string> query;
 
     static std::optional<Url> parse(std::string_view text);

@@ -68,7 +68,10 @@ std::string errorMessage(UrlError::Code code, const std::string& reason) {
 }  // namespace
 
 UrlError::UrlError(Code code, std::string reason, std::string detail)
-    : std::runtime_error(errorMessage(code, reason)), code_(code), reason_(std::move(reason)), detail_(std::move(detail)) {}
+    : std::runtime_error(errorMessage(code, reason)),
+      code_(code),
+      reason_(std::move(reason)),
+      detail_(std::move(detail)) {}
 
 const char* UrlError::description(Code code) noexcept {
     switch (code) {

@@ -97,8 +97,8 @@ std::optional<Bytes> base64Decode(std::string_view text) {
                 if (v[k] < 0) return std::nullopt;
             }
         }
-        const std::uint32_t n = (std::uint32_t(v[0]) << 18) | (std::uint32_t(v[1]) << 12) |
-                                (std::uint32_t(v[2]) << 6) | std::uint32_t(v[3]);
+        const std::uint32_t n = (std::uint32_t(v[0]) << 18) | (std::uint32_t(v[1]) << 12) | (std::uint32_t(v[2]) << 6) |
+                                std::uint32_t(v[3]);
         out.push_back(static_cast<std::uint8_t>(n >> 16));
         if (pad < 2) out.push_back(static_cast<std::uint8_t>(n >> 8));
         if (pad < 1) out.push_back(static_cast<std::uint8_t>(n));
@@ -120,8 +120,6 @@ std::optional<Json> parseJson(std::string_view text) {
     }
 }
 
-std::string dumpJson(const Json& value) {
-    return value.dump(-1, ' ', false, Json::error_handler_t::replace);
-}
+std::string dumpJson(const Json& value) { return value.dump(-1, ' ', false, Json::error_handler_t::replace); }
 
 }  // namespace tavrin::platform

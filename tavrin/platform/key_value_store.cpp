@@ -119,7 +119,8 @@ std::shared_ptr<KeyValueStore> KeyValueStore::standard() {
         std::lock_guard lock(state.mutex);
         if (state.store) return state.store;
     }
-    auto opened = std::make_shared<SqliteKeyValueStore>(std::filesystem::path(dataDirectory()) / SqliteKeyValueStore::kFileName);
+    auto opened =
+        std::make_shared<SqliteKeyValueStore>(std::filesystem::path(dataDirectory()) / SqliteKeyValueStore::kFileName);
     std::lock_guard lock(state.mutex);
     // setStandard may have installed a store while this one opened; it wins.
     if (!state.store) {
@@ -169,7 +170,8 @@ std::vector<KeyValueStore::KeySize> KeyValueStore::keySizes(std::string_view pre
 
 bool KeyValueStore::apply(const std::vector<Change>& changes) {
     bool all = true;
-    for (const auto& change : changes) all = (change.value ? set(change.key, *change.value) : remove(change.key)) && all;
+    for (const auto& change : changes)
+        all = (change.value ? set(change.key, *change.value) : remove(change.key)) && all;
     return all;
 }
 

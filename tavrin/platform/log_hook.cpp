@@ -16,10 +16,13 @@ LogType typeOf(LogSeverity severity) {
     }
 }
 
-bool defaultWants(LogSeverity severity) { return severity >= LogSeverity::warning && SystemLog::sink()->isEnabled(typeOf(severity)); }
+bool defaultWants(LogSeverity severity) {
+    return severity >= LogSeverity::warning && SystemLog::sink()->isEnabled(typeOf(severity));
+}
 
 void defaultWrite(LogSeverity severity, std::string text) {
-    SystemLog::sink()->write(LogRecord{typeOf(severity), "com.tavrin.TavrinSDK", "default", std::move(text), LogPrivacy::publicText});
+    SystemLog::sink()->write(
+        LogRecord{typeOf(severity), "com.tavrin.TavrinSDK", "default", std::move(text), LogPrivacy::publicText});
 }
 
 constexpr LogHook kDefaultHook{defaultWants, defaultWrite};
@@ -29,13 +32,17 @@ constinit std::atomic<const LogHook*> installed{&kDefaultHook};
 
 }  // namespace
 
-void installLogHook(const LogHook* hook) noexcept { installed.store(hook ? hook : &kDefaultHook, std::memory_order_release); }
+void installLogHook(const LogHook* hook) noexcept {
+    installed.store(hook ? hook : &kDefaultHook, std::memory_order_release);
+}
 
 namespace detail {
 
 bool logWanted(LogSeverity severity) { return installed.load(std::memory_order_acquire)->wants(severity); }
 
-void logWrite(LogSeverity severity, std::string text) { installed.load(std::memory_order_acquire)->write(severity, std::move(text)); }
+void logWrite(LogSeverity severity, std::string text) {
+    installed.load(std::memory_order_acquire)->write(severity, std::move(text));
+}
 
 }  // namespace detail
 

@@ -17,14 +17,13 @@
 #include <vector>
 
 #include "tavrin/platform/dispatch.h"
-#include "tavrin/platform/internal/path_evaluation.h"
 #include "tavrin/platform/internal/log_hook.h"
+#include "tavrin/platform/internal/path_evaluation.h"
 #include "tavrin/platform/internal/result.h"
 
 namespace tavrin::platform {
 
 namespace {
-
 
 class Fd {
 public:
@@ -209,34 +208,30 @@ private:
             detail::DefaultRouteFact route;
             forEachAttribute(RTM_RTA(rt), static_cast<int>(RTM_PAYLOAD(h)), [&](const rtattr* rta) {
                 switch (rta->rta_type) {
-                case RTA_TABLE:
-                    if (RTA_PAYLOAD(rta) >= sizeof(std::uint32_t))
-                        std::memcpy(&table, RTA_DATA(rta), sizeof table);
-                    break;
-                case RTA_OIF:
-                    if (RTA_PAYLOAD(rta) >= sizeof(int)) {
-                        int oif;
-                        std::memcpy(&oif, RTA_DATA(rta), sizeof oif);
-                        route.outputInterfaces.push_back(oif);
+                    case RTA_TABLE:
+                        if (RTA_PAYLOAD(rta) >= sizeof(std::uint32_t)) std::memcpy(&table, RTA_DATA(rta), sizeof table);
+                        break;
+                    case RTA_OIF:
+                        if (RTA_PAYLOAD(rta) >= sizeof(int)) {
+                            int oif;
+                            std::memcpy(&oif, RTA_DATA(rta), sizeof oif);
+                            route.outputInterfaces.push_back(oif);
+                        }
+                        break;
+                    case RTA_MULTIPATH: {
+                        auto remaining = static_cast<int>(RTA_PAYLOAD(rta));
+                        const auto* hop = static_cast<const rtnexthop*>(RTA_DATA(rta));
+                        while (remaining >= static_cast<int>(sizeof(rtnexthop)) && hop->rtnh_len >= sizeof(rtnexthop) &&
+                               hop->rtnh_len <= remaining) {
+                            if (!(hop->rtnh_flags & (RTNH_F_DEAD | RTNH_F_LINKDOWN)))
+                                route.outputInterfaces.push_back(hop->rtnh_ifindex);
+                            remaining -= RTNH_ALIGN(hop->rtnh_len);
+                            hop = RTNH_NEXT(hop);
+                        }
+                        break;
                     }
-                    break;
-                case RTA_MULTIPATH: {
-                    auto remaining = static_cast<int>(RTA_PAYLOAD(rta));
-                    const auto* hop = static_cast<const rtnexthop*>(RTA_DATA(rta));
-                    while (remaining >= static_cast<int>(sizeof(rtnexthop)) && hop->rtnh_len >= sizeof(rtnexthop) &&
-                           hop->rtnh_len <= remaining) {
-                        if (!(hop->rtnh_flags & (RTNH_F_DEAD | RTNH_F_LINKDOWN)))
-                            route.outputInterfaces.push_back(hop->rtnh_ifindex);
-                        remaining -= RTNH_ALIGN(hop->rtnh_len);
-                        hop = RTNH_NEXT(hop);
-                    }
-                    break;
-                }
-                case RTA_NH_ID:
-                    route.usesNexthopObject = true;
-                    break;
-                default:
-                    break;
+                    case RTA_NH_ID: route.usesNexthopObject = true; break;
+                    default: break;
                 }
             });
             // Other tables are reached only through policy rules that ordinary traffic may not match.
@@ -288,8 +283,7 @@ struct NetlinkPathMonitor::Reader {
                     changed = true;
                     continue;
                 }
-                logError(
-                    [&] { return "Network path monitor: rtnetlink receive failed: " + errnoText(errno); });
+                logError([&] { return "Network path monitor: rtnetlink receive failed: " + errnoText(errno); });
                 return true;
             }
             if (n > 0) changed = true;
@@ -313,8 +307,7 @@ struct NetlinkPathMonitor::Reader {
             const int ready = ::poll(fds, 2, -1);
             if (ready < 0) {
                 if (errno == EINTR) continue;
-                logError(
-                    [&] { return "Network path monitor: poll failed: " + errnoText(errno); });
+                logError([&] { return "Network path monitor: poll failed: " + errnoText(errno); });
                 return;
             }
             if (fds[1].revents) return;
@@ -336,9 +329,8 @@ void NetlinkPathMonitor::start(SerialQueue& queue) {
     reader->delivery = delivery_;
     auto failed = [](const char* what) {
         const int error = errno;
-        logError([&] {
-            return std::string("Network path monitor unavailable: ") + what + " failed: " + errnoText(error);
-        });
+        logError(
+            [&] { return std::string("Network path monitor unavailable: ") + what + " failed: " + errnoText(error); });
     };
     // Subscribe before the first reading so no change between the two is missed.
     reader->events = Fd(::socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC | SOCK_NONBLOCK, NETLINK_ROUTE));

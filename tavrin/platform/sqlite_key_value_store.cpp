@@ -81,9 +81,11 @@ tavrin::detail::Status makeDirectories(const std::filesystem::path& directory) {
     if (directory.has_parent_path() && directory.parent_path() != directory)
         if (auto made = makeDirectories(directory.parent_path()); !made) return made;
     if (::mkdir(directory.c_str(), 0700) != 0 && errno != EEXIST)
-        return tavrin::detail::Error{errno, "cannot create directory " + directory.string() + ": " + std::strerror(errno)};
+        return tavrin::detail::Error{errno,
+                                     "cannot create directory " + directory.string() + ": " + std::strerror(errno)};
     if (!std::filesystem::is_directory(directory, ec))
-        return tavrin::detail::Error{EEXIST, "cannot create directory " + directory.string() + ": a file of that name is in the way"};
+        return tavrin::detail::Error{EEXIST, "cannot create directory " + directory.string() +
+                                                 ": a file of that name is in the way"};
     return {};
 }
 
@@ -115,7 +117,8 @@ std::optional<std::string> unsafeLocation(const std::filesystem::path& file) {
     const std::string where = "the directory " + directory.string();
     if (S_ISLNK(info.st_mode)) return where + " is a symbolic link";
     if (!S_ISDIR(info.st_mode)) return where + " is not a directory";
-    if (info.st_uid != ::geteuid()) return where + " is owned by another user (uid " + std::to_string(info.st_uid) + ")";
+    if (info.st_uid != ::geteuid())
+        return where + " is owned by another user (uid " + std::to_string(info.st_uid) + ")";
     if (info.st_mode & S_IWOTH) return where + " is writable by other users";
     if ((info.st_mode & S_IWGRP) && !isPrivateGroup(info.st_gid)) return where + " is writable by its group";
     for (const char* suffix : {"", "-wal", "-shm", "-journal"}) {
@@ -389,8 +392,7 @@ std::optional<std::filesystem::path> SqliteKeyValueStore::moveAside() {
     const std::string base = path_.string() + ".corrupt-" + timestamp();
     std::filesystem::path target = base;
     std::error_code ec;
-    for (int n = 1; std::filesystem::exists(target, ec) || std::filesystem::exists(withSuffix(target, "-wal"), ec);
-         ++n)
+    for (int n = 1; std::filesystem::exists(target, ec) || std::filesystem::exists(withSuffix(target, "-wal"), ec); ++n)
         target = base + "-" + std::to_string(n);
     if (std::rename(path_.c_str(), target.c_str()) != 0) {
         logStoreError("cannot move " + path_.string() + " aside: " + std::strerror(errno));
@@ -442,11 +444,10 @@ void SqliteKeyValueStore::open() {
         const std::string writeFailure = opened.error().message;
         if ((opened = openAt(Access::readOnly, deadline)) || (opened = openAt(Access::immutable, deadline))) {
             logStoreError("cannot open " + path_.string() + " for writing (" + writeFailure +
-                     "); it is opened read-only and writes will fail");
+                          "); it is opened read-only and writes will fail");
             return;
         }
-    } else if ((opened = openAt(Access::readOnly, deadline)) ||
-               (opened = openAt(Access::immutable, deadline))) {
+    } else if ((opened = openAt(Access::readOnly, deadline)) || (opened = openAt(Access::immutable, deadline))) {
         return;
     }
     openInMemory(opened.error().message);
@@ -454,7 +455,7 @@ void SqliteKeyValueStore::open() {
 
 void SqliteKeyValueStore::openInMemory(const std::string& reason) {
     logStoreError("cannot open " + path_.string() + " (" + reason +
-             "); values are kept in memory for this run only and will not persist");
+                  "); values are kept in memory for this run only and will not persist");
     if (auto opened = openAt(Access::memory, SteadyClock::now()); !opened)
         logStoreError("cannot open an in-memory store: " + opened.error().message);
 }
@@ -462,7 +463,7 @@ void SqliteKeyValueStore::openInMemory(const std::string& reason) {
 void SqliteKeyValueStore::logFailure(const char* operation, const std::string& key, int code) const {
     const std::string detail = describe(code, db_ ? sqlite3_errmsg(db_) : nullptr);
     logStoreError(std::string(operation) + " failed for key \"" + key + "\" in " +
-             (inMemory_ ? std::string("the in-memory store") : path_.string()) + ": " + detail);
+                  (inMemory_ ? std::string("the in-memory store") : path_.string()) + ": " + detail);
 }
 
 bool SqliteKeyValueStore::set(const std::string& key, const Value& value) {
@@ -485,8 +486,7 @@ int SqliteKeyValueStore::writeLocked(const std::string& key, const Value& value)
     int rc = sqlite3_bind_text(s, 1, key.data(), static_cast<int>(key.size()), SQLITE_STATIC);
     if (const auto* text = std::get_if<std::string>(&value)) {
         if (rc == SQLITE_OK) rc = sqlite3_bind_text(s, 2, "string", -1, SQLITE_STATIC);
-        if (rc == SQLITE_OK)
-            rc = sqlite3_bind_text64(s, 3, text->data(), text->size(), SQLITE_STATIC, SQLITE_UTF8);
+        if (rc == SQLITE_OK) rc = sqlite3_bind_text64(s, 3, text->data(), text->size(), SQLITE_STATIC, SQLITE_UTF8);
     } else if (const auto* integer = std::get_if<std::int64_t>(&value)) {
         if (rc == SQLITE_OK) rc = sqlite3_bind_text(s, 2, "integer", -1, SQLITE_STATIC);
         if (rc == SQLITE_OK) rc = sqlite3_bind_int64(s, 3, *integer);
@@ -600,7 +600,8 @@ void SqliteKeyValueStore::checkpoint() {
     sqlite3_busy_timeout(db_, 0);
     const int rc = sqlite3_wal_checkpoint_v2(db_, nullptr, SQLITE_CHECKPOINT_TRUNCATE, nullptr, nullptr);
     sqlite3_busy_timeout(db_, options_.busyTimeoutMilliseconds);
-    if (rc != SQLITE_OK && rc != SQLITE_BUSY) logStoreError("checkpoint of " + path_.string() + " failed: " + describe(rc, sqlite3_errmsg(db_)));
+    if (rc != SQLITE_OK && rc != SQLITE_BUSY)
+        logStoreError("checkpoint of " + path_.string() + " failed: " + describe(rc, sqlite3_errmsg(db_)));
 }
 
 // ---- listing by key prefix
@@ -627,8 +628,8 @@ std::optional<std::string> prefixUpperBound(std::string_view prefix) {
 // primary key. The result code is SQLITE_OK when the statement is ready.
 int prepareRange(sqlite3* db, const std::string& columns, std::string_view prefix, sqlite3_stmt** statement) {
     const auto upper = prefixUpperBound(prefix);
-    const std::string sql = "SELECT " + columns + " FROM key_value WHERE key >= ?1" +
-                            (upper ? " AND key < ?2" : "") + " ORDER BY key";
+    const std::string sql =
+        "SELECT " + columns + " FROM key_value WHERE key >= ?1" + (upper ? " AND key < ?2" : "") + " ORDER BY key";
     int rc = sqlite3_prepare_v2(db, sql.c_str(), -1, statement, nullptr);
     if (rc == SQLITE_OK)
         rc = sqlite3_bind_text(*statement, 1, prefix.data(), static_cast<int>(prefix.size()), SQLITE_TRANSIENT);
@@ -679,8 +680,9 @@ std::vector<KeyValueStore::KeySize> SqliteKeyValueStore::keySizes(std::string_vi
     if (!db_) return sizes;
     sqlite3_stmt* s = nullptr;
     // length() of a blob reads only the record's header, not the value's pages.
-    int rc = prepareRange(db_, "key, CASE WHEN typeof(value) = 'blob' THEN length(value) ELSE length(CAST(value AS BLOB)) END",
-                          prefix, &s);
+    int rc = prepareRange(
+        db_, "key, CASE WHEN typeof(value) = 'blob' THEN length(value) ELSE length(CAST(value AS BLOB)) END", prefix,
+        &s);
     while (rc == SQLITE_OK || rc == SQLITE_ROW) {
         rc = sqlite3_step(s);
         if (rc != SQLITE_ROW) break;

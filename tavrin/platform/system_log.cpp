@@ -138,8 +138,8 @@ void SyslogSink::write(const LogRecord& record) {
         } while (sent < 0 && errno == EINTR);
         if (sent >= 0) return;
         // Full (EAGAIN) or too long (EMSGSIZE): the line is lost, the connection is fine.
-        if (errno != ECONNREFUSED && errno != ENOTCONN && errno != ECONNRESET && errno != EPIPE &&
-            errno != ENOENT && errno != EBADF)
+        if (errno != ECONNREFUSED && errno != ENOTCONN && errno != ECONNRESET && errno != EPIPE && errno != ENOENT &&
+            errno != EBADF)
             return;
         ::close(fd_);
         fd_ = -1;

@@ -49,9 +49,9 @@ std::string shortestDecimalText(double value) {
     char buffer[64];
     const double magnitude = std::fabs(value);
     const bool plain = value == 0 || (magnitude >= plainFrom && magnitude < plainBelow);
-    const auto result = std::to_chars(buffer, buffer + sizeof buffer, value,
-                                      plain || !std::isfinite(value) ? std::chars_format::fixed
-                                                                     : std::chars_format::scientific);
+    const auto result =
+        std::to_chars(buffer, buffer + sizeof buffer, value,
+                      plain || !std::isfinite(value) ? std::chars_format::fixed : std::chars_format::scientific);
     std::string text(buffer, result.ptr);
     if (plain && text.find('.') == std::string::npos) text += ".0";
     return text;

@@ -1,7 +1,7 @@
 #include "tavrin/platform/internal/timestamp_utility.h"
 
-#include "tavrin/platform/internal/int64_truncation.h"
 #include "tavrin/platform/clock.h"
+#include "tavrin/platform/internal/int64_truncation.h"
 
 namespace tavrin {
 

@@ -37,19 +37,22 @@ LogLevel levelOf(platform::LogSeverity severity) {
 
 // The platform layer's messages pass the same level filter and carry the same
 // subsystem as everything else the SDK logs.
-constexpr platform::LogHook kPlatformHook{
-    [](platform::LogSeverity severity) {
-        return rawValue(LoggerUtility::shared().logLevel()) <= rawValue(levelOf(severity));
-    },
-    [](platform::LogSeverity severity, std::string text) {
-        auto& logger = LoggerUtility::shared();
-        switch (severity) {
-            case platform::LogSeverity::debug: return logger.debug(std::move(text));
-            case platform::LogSeverity::info: return logger.info(std::move(text));
-            case platform::LogSeverity::warning: return logger.warning(std::move(text));
-            case platform::LogSeverity::error: return logger.error(std::move(text));
-        }
-    }};
+constexpr platform::LogHook kPlatformHook{[](platform::LogSeverity severity) {
+                                              return rawValue(LoggerUtility::shared().logLevel()) <=
+                                                     rawValue(levelOf(severity));
+                                          },
+                                          [](platform::LogSeverity severity, std::string text) {
+                                              auto& logger = LoggerUtility::shared();
+                                              switch (severity) {
+                                                  case platform::LogSeverity::debug:
+                                                      return logger.debug(std::move(text));
+                                                  case platform::LogSeverity::info: return logger.info(std::move(text));
+                                                  case platform::LogSeverity::warning:
+                                                      return logger.warning(std::move(text));
+                                                  case platform::LogSeverity::error:
+                                                      return logger.error(std::move(text));
+                                              }
+                                          }};
 
 // Before main, so that the platform layer's first message already goes through it.
 const bool kPlatformHookInstalled = (platform::installLogHook(&kPlatformHook), true);
@@ -81,8 +84,8 @@ void LoggerUtility::setLogLevel(LogLevel level) {
 
 void LoggerUtility::write(platform::LogSink& sink, platform::LogType type, std::string text) const {
     const auto& log = logger();
-    sink.write(platform::LogRecord{type, log.subsystem(), log.category(), std::move(text),
-                                   platform::LogPrivacy::publicText});
+    sink.write(
+        platform::LogRecord{type, log.subsystem(), log.category(), std::move(text), platform::LogPrivacy::publicText});
 }
 
 }  // namespace tavrin

@@ -57,7 +57,9 @@ IdentifierRecord IdentifierRecord::decode(const Decoder& decoder) {
 RecordHeader RecordHeader::current(std::string userAgent, std::int64_t timestamp, std::string initiator) {
     const auto settings = TrackingSettings::shared();
     return {.version = "3",
-            .system = {.type = "sdk-ios", .timestamp = timestamp, .navigatorUserAgent = std::move(userAgent),
+            .system = {.type = "sdk-ios",
+                       .timestamp = timestamp,
+                       .navigatorUserAgent = std::move(userAgent),
                        .initiator = std::move(initiator)},
             .configuration = {.container = settings->container(),
                               .environment = rawValue(settings->environment()),

@@ -13,16 +13,16 @@
 #include "tavrin/monitor/internal/memory_cache_utility.h"
 #include "tavrin/monitor/internal/monitor_service.h"
 #include "tavrin/monitor/internal/tag_cache.h"
-#include "tavrin/platform/internal/timestamp_utility.h"
 #include "tavrin/platform/dispatch.h"
 #include "tavrin/platform/http_client.h"
 #include "tavrin/platform/internal/http_fields.h"
+#include "tavrin/platform/internal/json_stringify.h"
 #include "tavrin/platform/internal/sqlite_key_value_store.h"
+#include "tavrin/platform/internal/timestamp_utility.h"
 #include "tavrin/platform/key_value_store.h"
 #include "tavrin/sdk/internal/logger_utility.h"
 #include "tavrin/sdk/internal/tracking_settings.h"
 #include "tavrin/session/session_manager.h"
-#include "tavrin/platform/internal/json_stringify.h"
 #include "tavrin/tracking/internal/tracking_service_internals.h"
 #include "tavrin/tracking/tracking_service.h"
 #include "tavrin/transport/internal/offline_cache_manager.h"
@@ -127,10 +127,9 @@ void addStartupTags(const std::string& trackDomain) {
     const auto stored = VendorConsentsUtility("VendorConsents").retrieveVendorConsents();
     const auto consentJson = jsonString(stored.value_or(VendorValues{}));
     logger.debug(consentJson);
-    tags.addOrReplace(Tag::makeInfo("AC03",
-                                    "T-SDK: [CONSENT] - [AC03] Consent information received - data from storage used: " +
-                                        consentJson,
-                                    TimestampUtility::currentTimestampInMillis(), true));
+    tags.addOrReplace(Tag::makeInfo(
+        "AC03", "T-SDK: [CONSENT] - [AC03] Consent information received - data from storage used: " + consentJson,
+        TimestampUtility::currentTimestampInMillis(), true));
     if (stored) {
         logger.info("AC03 consent tag added to TagCache with stored consent information.");
     } else {
@@ -173,8 +172,9 @@ void TavrinService::configure(const TrackConfig& config) {
     TrackingSettings::configure(config);
     if (!config.authorizationToken.empty() && config.customProtocol &&
         platform::detail::equalsIgnoringCase(*config.customProtocol, "http"))
-        logger.warning("The authorization token is sent in plain text: customProtocol is \"http\". Use https outside "
-                       "local testing.");
+        logger.warning(
+            "The authorization token is sent in plain text: customProtocol is \"http\". Use https outside "
+            "local testing.");
 
     const auto offlineCacheManager = OfflineCacheManager::shared();
     offlineCacheManager->configure(config.enableOfflineTracking, config.offlineTrackingTimeout);
@@ -236,7 +236,8 @@ bool TavrinService::shutdown(std::chrono::milliseconds timeout) {
         if (auto* sqlite = dynamic_cast<platform::SqliteKeyValueStore*>(platform::KeyValueStore::standard().get()))
             sqlite->checkpoint();
     }
-    LoggerUtility::shared().info(finished ? "TavrinService shut down." : "TavrinService shut down before all work finished.");
+    LoggerUtility::shared().info(finished ? "TavrinService shut down."
+                                          : "TavrinService shut down before all work finished.");
     return finished;
 }
 

@@ -10,16 +10,15 @@ namespace {
 Json encodeDuration(double seconds, const char* key) {
     // JSON has no NaN or infinity, and null would break the no-null rule.
     if (!std::isfinite(seconds))
-        throw EncodingError({key}, std::string("Unable to encode Double.") + (std::isnan(seconds) ? "nan" : "infinity") +
-                                       " directly in JSON.");
+        throw EncodingError({key}, std::string("Unable to encode Double.") +
+                                       (std::isnan(seconds) ? "nan" : "infinity") + " directly in JSON.");
     return Json(seconds);
 }
 
 TrackConfig::Environment decodeEnvironment(const Decoder& decoder) {
     const std::string raw = decoder.decodeString();
     auto environment = environmentFromRawValue(raw);
-    if (!environment)
-        decoder.dataCorrupted("Cannot initialize Environment from invalid String value " + raw);
+    if (!environment) decoder.dataCorrupted("Cannot initialize Environment from invalid String value " + raw);
     return *environment;
 }
 
@@ -32,8 +31,8 @@ std::optional<TrackConfig::Environment> environmentFromRawValue(std::string_view
 }
 
 Json encodeJson(const TrackConfig& config) {
-    const auto& [trackDomain, container, environment, version, debugCode, sessionTimeoutInSeconds,
-                 authorizationToken, customProtocol, enableOfflineTracking, offlineTrackingTimeout] = config;
+    const auto& [trackDomain, container, environment, version, debugCode, sessionTimeoutInSeconds, authorizationToken,
+                 customProtocol, enableOfflineTracking, offlineTrackingTimeout] = config;
     Json out = Json::object();
     out["trackDomain"] = trackDomain;
     out["container"] = container;

@@ -26,7 +26,6 @@
 #include <string>
 #include <string_view>
 
-
 namespace tavrin {
 
 struct TrackConfig {

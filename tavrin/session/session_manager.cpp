@@ -6,9 +6,9 @@
 #include <vector>
 
 #include "tavrin/platform/clock.h"
-#include "tavrin/platform/notification_center.h"
 #include "tavrin/platform/internal/text.h"
 #include "tavrin/platform/internal/uuid.h"
+#include "tavrin/platform/notification_center.h"
 #include "tavrin/sdk/internal/logger_utility.h"
 
 namespace tavrin {
@@ -65,8 +65,10 @@ void SessionManager::startObservingAppLifecycle() {
     LoggerUtility::shared().info("Started observing app lifecycle events");
     using Center = platform::NotificationCenter;
     auto& center = Center::defaultCenter();
-    const auto background = center.addObserver(Center::didEnterBackground, [](const std::string&) { appDidEnterBackground(); });
-    const auto foreground = center.addObserver(Center::willEnterForeground, [](const std::string&) { appWillEnterForeground(); });
+    const auto background =
+        center.addObserver(Center::didEnterBackground, [](const std::string&) { appDidEnterBackground(); });
+    const auto foreground =
+        center.addObserver(Center::willEnterForeground, [](const std::string&) { appWillEnterForeground(); });
     const auto terminate = center.addObserver(Center::willTerminate, [](const std::string&) { appWillTerminate(); });
     std::lock_guard lock(state().mutex);
     state().observers.insert(state().observers.end(), {background, foreground, terminate});

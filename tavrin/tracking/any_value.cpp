@@ -108,14 +108,9 @@ bool writeDictionary(std::string& out, const AnyValue::Dictionary& dictionary, s
 
 bool writeValue(std::string& out, const AnyValue& value, std::size_t depth) {
     switch (value.kind()) {
-        case AnyValue::Kind::null:
-            out += "null";
-            return true;
-        case AnyValue::Kind::text:
-            return writeText(out, value.asText());
-        case AnyValue::Kind::boolean:
-            out += value.asBool() ? "true" : "false";
-            return true;
+        case AnyValue::Kind::null: out += "null"; return true;
+        case AnyValue::Kind::text: return writeText(out, value.asText());
+        case AnyValue::Kind::boolean: out += value.asBool() ? "true" : "false"; return true;
         case AnyValue::Kind::integer: {
             char buffer[24];
             const auto end = std::to_chars(buffer, buffer + sizeof buffer, value.asInteger()).ptr;
@@ -143,10 +138,8 @@ bool writeValue(std::string& out, const AnyValue& value, std::size_t depth) {
             out.push_back(']');
             return true;
         }
-        case AnyValue::Kind::dictionary:
-            return writeDictionary(out, value.asDictionary(), depth + 1);
-        case AnyValue::Kind::date:
-            break;
+        case AnyValue::Kind::dictionary: return writeDictionary(out, value.asDictionary(), depth + 1);
+        case AnyValue::Kind::date: break;
     }
     return false;
 }
@@ -181,21 +174,11 @@ void describeDictionary(std::ostringstream& out, const AnyValue::Dictionary& dic
 
 void describeValue(std::ostringstream& out, const AnyValue& value, std::size_t depth) {
     switch (value.kind()) {
-        case AnyValue::Kind::null:
-            out << "null";
-            break;
-        case AnyValue::Kind::text:
-            out << "text(\"" << value.asText() << "\")";
-            break;
-        case AnyValue::Kind::boolean:
-            out << "boolean(" << (value.asBool() ? "true" : "false") << ")";
-            break;
-        case AnyValue::Kind::integer:
-            out << "integer(" << value.asInteger() << ")";
-            break;
-        case AnyValue::Kind::number:
-            out << "number(" << value.asNumber() << ")";
-            break;
+        case AnyValue::Kind::null: out << "null"; break;
+        case AnyValue::Kind::text: out << "text(\"" << value.asText() << "\")"; break;
+        case AnyValue::Kind::boolean: out << "boolean(" << (value.asBool() ? "true" : "false") << ")"; break;
+        case AnyValue::Kind::integer: out << "integer(" << value.asInteger() << ")"; break;
+        case AnyValue::Kind::number: out << "number(" << value.asNumber() << ")"; break;
         case AnyValue::Kind::array: {
             if (depth + 1 > platform::kMaxJsonNestingDepth) {
                 out << "...";
@@ -211,9 +194,7 @@ void describeValue(std::ostringstream& out, const AnyValue& value, std::size_t d
             out << "]";
             break;
         }
-        case AnyValue::Kind::dictionary:
-            describeDictionary(out, value.asDictionary(), depth + 1);
-            break;
+        case AnyValue::Kind::dictionary: describeDictionary(out, value.asDictionary(), depth + 1); break;
         case AnyValue::Kind::date:
             out << "date(" << std::chrono::duration<double>(value.asDate().time_since_epoch()).count() << ")";
             break;

@@ -42,7 +42,7 @@ namespace tavrin {
 namespace detail {
 template <class T>
 concept CharacterType = std::same_as<T, char> || std::same_as<T, wchar_t> || std::same_as<T, char8_t> ||
-                        std::same_as<T, char16_t> || std::same_as<T, char32_t>;
+    std::same_as<T, char16_t> || std::same_as<T, char32_t>;
 template <class T>
 concept PushInteger = std::integral<T> && !std::same_as<T, bool> && !CharacterType<T>;
 }  // namespace detail
@@ -129,7 +129,8 @@ private:
         if constexpr (std::is_signed_v<T>) {
             return Storage(std::in_place_index<3>, static_cast<std::int64_t>(value));
         } else {
-            if (static_cast<std::uintmax_t>(value) <= static_cast<std::uintmax_t>(std::numeric_limits<std::int64_t>::max()))
+            if (static_cast<std::uintmax_t>(value) <=
+                static_cast<std::uintmax_t>(std::numeric_limits<std::int64_t>::max()))
                 return Storage(std::in_place_index<3>, static_cast<std::int64_t>(value));
             return Storage(std::in_place_index<4>, static_cast<double>(value));
         }

@@ -81,7 +81,8 @@ Json encodeAt(const CodableValue& value, const CodingPath& path, std::size_t dep
         }
         case Kind::array: {
             if (depth + 1 > platform::kMaxJsonNestingDepth)
-                throw EncodingError(path, "Arrays nested deeper than " + std::to_string(platform::kMaxJsonNestingDepth) +
+                throw EncodingError(path, "Arrays nested deeper than " +
+                                              std::to_string(platform::kMaxJsonNestingDepth) +
                                               " levels have no JSON form.");
             Json out = Json::array();
             std::size_t index = 0;

@@ -17,7 +17,6 @@
 #include <variant>
 #include <vector>
 
-
 namespace tavrin {
 
 class CodableValue {

@@ -12,12 +12,12 @@
 #include "tavrin/consent/internal/vendor_consents_utility.h"
 #include "tavrin/monitor/internal/monitor_service.h"
 #include "tavrin/monitor/internal/tag_cache.h"
-#include "tavrin/platform/internal/timestamp_utility.h"
 #include "tavrin/platform/internal/json_stringify.h"
+#include "tavrin/platform/internal/timestamp_utility.h"
 #include "tavrin/sdk/internal/logger_utility.h"
+#include "tavrin/sdk/internal/record_parts.h"
 #include "tavrin/sdk/internal/shared_instance.h"
 #include "tavrin/tracking/internal/ordered_blocks.h"
-#include "tavrin/sdk/internal/record_parts.h"
 #include "tavrin/tracking/internal/tracking_service_internals.h"
 #include "tavrin/tracking/tracking_service.h"
 #include "tavrin/transport/internal/service_protocol.h"
@@ -67,16 +67,17 @@ void TrackingService::sendConsents(const std::map<std::string, ConsentStatus>& c
                                     std::move(mapped), std::move(changed));
     logger.debug([&] { return "Sending consent model: " + jsonString(model); });
 
-    state_->service->sendConsentSubmission(std::move(model), [done = std::move(done)](std::exception_ptr error) mutable {
-        auto& log = LoggerUtility::shared();
-        if (error) {
-            const auto cause = detail::describe(error);
-            log.error([&] { return "Failed to send consent model: " + cause; });
-            return done(std::make_exception_ptr(TrackingServiceError::submissionFailed(cause)));
-        }
-        log.info("Consent model sent successfully");
-        MonitorService::shared()->sendMonitorRequest([done = std::move(done)] { done(nullptr); });
-    });
+    state_->service->sendConsentSubmission(
+        std::move(model), [done = std::move(done)](std::exception_ptr error) mutable {
+            auto& log = LoggerUtility::shared();
+            if (error) {
+                const auto cause = detail::describe(error);
+                log.error([&] { return "Failed to send consent model: " + cause; });
+                return done(std::make_exception_ptr(TrackingServiceError::submissionFailed(cause)));
+            }
+            log.info("Consent model sent successfully");
+            MonitorService::shared()->sendMonitorRequest([done = std::move(done)] { done(nullptr); });
+        });
 }
 
 }  // namespace tavrin

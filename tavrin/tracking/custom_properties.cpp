@@ -26,16 +26,11 @@ bool isReserved(std::string_view key) {
 // decimalNumber here.
 std::optional<CodableValue> scalar(const AnyValue& value) {
     switch (value.kind()) {
-        case AnyValue::Kind::text:
-            return CodableValue::string(value.asText());
-        case AnyValue::Kind::boolean:
-            return CodableValue::boolean(value.asBool());
-        case AnyValue::Kind::integer:
-            return CodableValue::integer(value.asInteger());
-        case AnyValue::Kind::number:
-            return CodableValue::decimalNumber(value.asNumber());
-        default:
-            return std::nullopt;
+        case AnyValue::Kind::text: return CodableValue::string(value.asText());
+        case AnyValue::Kind::boolean: return CodableValue::boolean(value.asBool());
+        case AnyValue::Kind::integer: return CodableValue::integer(value.asInteger());
+        case AnyValue::Kind::number: return CodableValue::decimalNumber(value.asNumber());
+        default: return std::nullopt;
     }
 }
 
@@ -82,8 +77,7 @@ struct Cut {
 // dictionary included.
 bool fits(const AnyValue& value, std::size_t depth, std::size_t maxText) {
     switch (value.kind()) {
-        case AnyValue::Kind::text:
-            return value.asText().size() <= maxText;
+        case AnyValue::Kind::text: return value.asText().size() <= maxText;
         case AnyValue::Kind::array:
             if (depth + 1 > kMaxDepth) return false;
             return std::all_of(value.asArray().begin(), value.asArray().end(),
@@ -93,21 +87,18 @@ bool fits(const AnyValue& value, std::size_t depth, std::size_t maxText) {
             return std::all_of(value.asDictionary().begin(), value.asDictionary().end(), [&](const auto& member) {
                 return member.first.size() <= maxText && fits(member.second, depth + 1, maxText);
             });
-        default:
-            return true;
+        default: return true;
     }
 }
 
 bool fits(const CodableValue& value, std::size_t depth, std::size_t maxText) {
     switch (value.kind()) {
-        case CodableValue::Kind::string:
-            return value.asString().size() <= maxText;
+        case CodableValue::Kind::string: return value.asString().size() <= maxText;
         case CodableValue::Kind::array:
             if (depth + 1 > kMaxDepth) return false;
             return std::all_of(value.asArray().begin(), value.asArray().end(),
                                [&](const CodableValue& element) { return fits(element, depth + 1, maxText); });
-        default:
-            return true;
+        default: return true;
     }
 }
 
@@ -144,8 +135,7 @@ std::optional<AnyValue> trimmed(const AnyValue& value, std::size_t depth, std::s
             }
             return AnyValue(std::move(out));
         }
-        default:
-            return value;
+        default: return value;
     }
 }
 
@@ -165,8 +155,7 @@ std::optional<CodableValue> trimmed(const CodableValue& value, std::size_t depth
                 if (auto kept = trimmed(element, depth + 1, maxText, cut)) out.push_back(std::move(*kept));
             return CodableValue::array(std::move(out));
         }
-        default:
-            return value;
+        default: return value;
     }
 }
 
@@ -252,8 +241,10 @@ std::size_t approximateBytes(const AnyValue::Dictionary& values) {
     std::size_t bytes = 0;
     std::vector<const AnyValue*> containers;  // only arrays and dictionaries wait here
     const auto add = [&](const AnyValue& value) {
-        if (const std::string* text = value.textIf()) bytes += text->size();
-        else if (value.kind() == AnyValue::Kind::array || value.kind() == AnyValue::Kind::dictionary) containers.push_back(&value);
+        if (const std::string* text = value.textIf())
+            bytes += text->size();
+        else if (value.kind() == AnyValue::Kind::array || value.kind() == AnyValue::Kind::dictionary)
+            containers.push_back(&value);
     };
     for (const auto& [key, value] : values) {
         bytes += kEntryBytes + key.size();

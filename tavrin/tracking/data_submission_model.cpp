@@ -121,9 +121,8 @@ Json DataSubmissionModel::encode() const {
     Json out = Json::object();
     out["version"] = version;
     out["system"] = system.encode();
-    out["consent"] = member("consent", [&] {
-        return members(consent, [](const VendorConsentStatus& value) { return value.encode(); });
-    });
+    out["consent"] = member(
+        "consent", [&] { return members(consent, [](const VendorConsentStatus& value) { return value.encode(); }); });
     out["configuration"] = configuration.encode();
     out["data"] = member("data", [&] { return data.encode(); });
     return out;

@@ -36,20 +36,15 @@ std::optional<CodableValue> resolve(const AnyValue& value, const std::vector<Pus
                                     const ProductData& productData) {
     switch (value.kind()) {
         case AnyValue::Kind::text:
-            return resolveProperty(value.asText(), pushes, productData)
-                .value_or(CodableValue::string(value.asText()));
-        case AnyValue::Kind::array:
-            return textArray(value.asArray());
-        case AnyValue::Kind::integer:
-            return CodableValue::decimalNumber(static_cast<double>(value.asInteger()));
+            return resolveProperty(value.asText(), pushes, productData).value_or(CodableValue::string(value.asText()));
+        case AnyValue::Kind::array: return textArray(value.asArray());
+        case AnyValue::Kind::integer: return CodableValue::decimalNumber(static_cast<double>(value.asInteger()));
         case AnyValue::Kind::number:
             // NaN and infinity have no JSON form; the submission could not be written.
             if (!std::isfinite(value.asNumber())) return std::nullopt;
             return CodableValue::decimalNumber(value.asNumber());
-        case AnyValue::Kind::boolean:
-            return CodableValue::boolean(value.asBool());
-        default:
-            return std::nullopt;
+        case AnyValue::Kind::boolean: return CodableValue::boolean(value.asBool());
+        default: return std::nullopt;
     }
 }
 
@@ -64,9 +59,8 @@ std::map<std::string, CodableValue> resolveArguments(const AnyValue::Dictionary&
         // Not a structured binding: the log lambda captures the name (clang < 16 cannot).
         const std::string& name = entry.first;
         auto result = resolve(entry.second, pushes, productData);
-        logger.info([&] {
-            return "Resolved argument '" + name + "': " + describe(result.value_or(CodableValue::string("")));
-        });
+        logger.info(
+            [&] { return "Resolved argument '" + name + "': " + describe(result.value_or(CodableValue::string(""))); });
         if (result) resolved.insert_or_assign(name, std::move(*result));
     }
     return resolved;

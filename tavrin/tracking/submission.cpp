@@ -12,16 +12,16 @@
 #include "tavrin/monitor/internal/memory_cache_utility.h"
 #include "tavrin/monitor/internal/monitor_service.h"
 #include "tavrin/monitor/internal/tag_cache.h"
-#include "tavrin/platform/internal/timestamp_utility.h"
 #include "tavrin/platform/dispatch.h"
+#include "tavrin/platform/internal/json_stringify.h"
 #include "tavrin/platform/internal/pattern.h"
+#include "tavrin/platform/internal/timestamp_utility.h"
 #include "tavrin/sdk/internal/logger_utility.h"
+#include "tavrin/sdk/internal/record_parts.h"
 #include "tavrin/session/session_manager.h"
 #include "tavrin/tracking/internal/data_submission_model.h"
-#include "tavrin/platform/internal/json_stringify.h"
 #include "tavrin/tracking/internal/product_data.h"
 #include "tavrin/tracking/internal/push_payload.h"
-#include "tavrin/sdk/internal/record_parts.h"
 #include "tavrin/tracking/internal/tracking_service_internals.h"
 #include "tavrin/tracking/tracking_service.h"
 #include "tavrin/transport/internal/service_protocol.h"
@@ -142,11 +142,11 @@ void TrackingService::sendSubmission(std::vector<std::string> pushedCommands,
     const auto [sessionId, sessionAction] = SessionManager::startOrResumeSession();
 
     std::map<std::string, DataSubmissionModel::VendorConsentStatus> consent;
-    for (const auto& [vendor, value] : VendorConsentsUtility(state_->vendorConsentsKey).retrieveVendorConsents().value_or(
-             VendorValues{})) {
-        consent.emplace(vendor, DataSubmissionModel::VendorConsentStatus{
-                                    value.kind() == VendorValue::Kind::boolean ? CodableValue::boolean(value.asBool())
-                                                                               : CodableValue::string(value.asString())});
+    for (const auto& [vendor, value] :
+         VendorConsentsUtility(state_->vendorConsentsKey).retrieveVendorConsents().value_or(VendorValues{})) {
+        consent.emplace(vendor, DataSubmissionModel::VendorConsentStatus{value.kind() == VendorValue::Kind::boolean
+                                                                             ? CodableValue::boolean(value.asBool())
+                                                                             : CodableValue::string(value.asString())});
     }
     if (consent.empty()) {
         logger.warning("No vendor consents retrieved from VendorConsentsUtility.");
@@ -155,7 +155,8 @@ void TrackingService::sendSubmission(std::vector<std::string> pushedCommands,
     }
 
     DataSubmissionModel model;
-    RecordHeader::current(state_->userAgent, TimestampUtility::currentTimestampInMillis(), std::move(state)).applyTo(model);
+    RecordHeader::current(state_->userAgent, TimestampUtility::currentTimestampInMillis(), std::move(state))
+        .applyTo(model);
     model.consent = std::move(consent);
     model.data.identifier = {.user = {.id = std::move(userId), .action = std::move(userAction)},
                              .session = {.id = sessionId, .action = rawValue(sessionAction)}};

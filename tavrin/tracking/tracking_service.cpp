@@ -8,19 +8,19 @@
 #include <utility>
 
 #include "tavrin/consent/internal/consent_id_utility.h"
-#include "tavrin/tracking/internal/ordered_blocks.h"
 #include "tavrin/consent/internal/user_id_utility.h"
 #include "tavrin/monitor/internal/device_info_utility.h"
 #include "tavrin/monitor/internal/memory_cache_utility.h"
 #include "tavrin/monitor/internal/tag_cache.h"
-#include "tavrin/platform/internal/timestamp_utility.h"
 #include "tavrin/monitor/internal/user_agent_utility.h"
-#include "tavrin/platform/internal/uuid.h"
 #include "tavrin/platform/internal/fatal_error.h"
+#include "tavrin/platform/internal/timestamp_utility.h"
+#include "tavrin/platform/internal/uuid.h"
 #include "tavrin/sdk/internal/logger_utility.h"
 #include "tavrin/sdk/internal/tracking_settings.h"
 #include "tavrin/tracking/internal/custom_properties.h"
 #include "tavrin/tracking/internal/enrichment_resolution.h"
+#include "tavrin/tracking/internal/ordered_blocks.h"
 #include "tavrin/tracking/internal/product_data.h"
 #include "tavrin/tracking/internal/push_payload.h"
 #include "tavrin/tracking/internal/tracking_service_internals.h"
@@ -30,7 +30,8 @@ namespace tavrin {
 
 namespace {
 
-constexpr const char* kNotInitialized = "TrackingService is not initialized. Call TavrinService.configure(with:) first.";
+constexpr const char* kNotInitialized =
+    "TrackingService is not initialized. Call TavrinService.configure(with:) first.";
 
 // The instance, unless it belongs to the process this one was forked from.
 bool ownedHere(const std::shared_ptr<TrackingService>& instance) {
@@ -98,21 +99,21 @@ const std::string* textMember(const AnyValue::Dictionary& data, const char* key)
 // The device's facts win over pushed properties of the same name.
 void mergeDeviceInfo(std::map<std::string, CodableValue>& properties, AppDeviceInfo info) {
     // Built once: the keys would otherwise be made anew for every push.
-    static const std::string keys[] = {
-        "app_device_id",        "app_device_brand",       "app_device_model",
-        "app_device_os",        "app_device_os_version",  "app_device_language",
-        "app_device_region",    "app_device_width",       "app_device_height",
-        "app_device_carrier",   "app_device_network_type", "app_application_name",
-        "app_application_version", "app_application_build_number"};
-    std::string values[] = {
-        std::move(info.appDeviceId), std::move(info.appDeviceBrand), std::move(info.appDeviceModel),
-        std::move(info.appDeviceOS), std::move(info.appDeviceOSVersion), std::move(info.appDeviceLanguage),
-        std::move(info.appDeviceRegion),
-        // Sent as text on purpose, like every other device fact.
-        std::to_string(info.appDeviceWidth), std::to_string(info.appDeviceHeight),
-        std::move(info.appDeviceCarrier).value_or("Unknown"), std::move(info.appDeviceNetworkType),
-        std::move(info.appApplicationName), std::move(info.appApplicationVersion),
-        std::move(info.appApplicationBuildNumber)};
+    static const std::string keys[] = {"app_device_id",           "app_device_brand",
+                                       "app_device_model",        "app_device_os",
+                                       "app_device_os_version",   "app_device_language",
+                                       "app_device_region",       "app_device_width",
+                                       "app_device_height",       "app_device_carrier",
+                                       "app_device_network_type", "app_application_name",
+                                       "app_application_version", "app_application_build_number"};
+    std::string values[] = {std::move(info.appDeviceId), std::move(info.appDeviceBrand), std::move(info.appDeviceModel),
+                            std::move(info.appDeviceOS), std::move(info.appDeviceOSVersion),
+                            std::move(info.appDeviceLanguage), std::move(info.appDeviceRegion),
+                            // Sent as text on purpose, like every other device fact.
+                            std::to_string(info.appDeviceWidth), std::to_string(info.appDeviceHeight),
+                            std::move(info.appDeviceCarrier).value_or("Unknown"), std::move(info.appDeviceNetworkType),
+                            std::move(info.appApplicationName), std::move(info.appApplicationVersion),
+                            std::move(info.appApplicationBuildNumber)};
     static_assert(std::size(keys) == std::size(values));
     for (std::size_t i = 0; i < std::size(keys); ++i)
         properties.insert_or_assign(keys[i], CodableValue::string(std::move(values[i])));
@@ -154,7 +155,8 @@ void TrackingService::resetInstance() {
     LoggerUtility::shared().info("TrackingService instance has been reset.");
 }
 
-std::shared_ptr<TrackingService> detail::TrackingServiceInternals::initialize(std::shared_ptr<ServiceProtocol> service) {
+std::shared_ptr<TrackingService> detail::TrackingServiceInternals::initialize(
+    std::shared_ptr<ServiceProtocol> service) {
     auto settings = TrackingSettings::shared();
     std::shared_ptr<TrackingService> instance(new TrackingService(std::move(service), settings));
     std::shared_ptr<TrackingService> previous;
@@ -168,7 +170,8 @@ std::shared_ptr<TrackingService> detail::TrackingServiceInternals::initialize(st
     return instance;
 }
 
-TrackingService::State::State(std::shared_ptr<ServiceProtocol> service, std::shared_ptr<const TrackingSettings> settings)
+TrackingService::State::State(std::shared_ptr<ServiceProtocol> service,
+                              std::shared_ptr<const TrackingSettings> settings)
     : settings(std::move(settings)),
       service(std::move(service)),
       userAgent(UserAgentUtility::userAgent("TavrinSDK", "1.0", "18")),
@@ -176,7 +179,8 @@ TrackingService::State::State(std::shared_ptr<ServiceProtocol> service, std::sha
       userIDUtility(std::make_unique<const UserIDUtility>()),
       consentOrder(std::make_shared<detail::OrderedBlocks>()) {}
 
-TrackingService::TrackingService(std::shared_ptr<ServiceProtocol> service, std::shared_ptr<const TrackingSettings> settings)
+TrackingService::TrackingService(std::shared_ptr<ServiceProtocol> service,
+                                 std::shared_ptr<const TrackingSettings> settings)
     : state_(std::make_unique<State>(std::move(service), std::move(settings))) {}
 
 bool TrackingService::isForeign() const noexcept { return state_->generation != platform::forkGeneration(); }
@@ -216,7 +220,8 @@ void TrackingService::push(AnyValue::Dictionary data) {
             state_->waitingBytes += bytes;
             const std::size_t maxPushes = limits.maxPushes.load(std::memory_order_relaxed);
             const std::size_t maxBytes = limits.maxBytes.load(std::memory_order_relaxed);
-            while (state_->waitingPushes.size() > 1 && (state_->waitingPushes.size() > maxPushes || state_->waitingBytes > maxBytes)) {
+            while (state_->waitingPushes.size() > 1 &&
+                   (state_->waitingPushes.size() > maxPushes || state_->waitingBytes > maxBytes)) {
                 state_->waitingBytes -= state_->waitingPushes.front().bytes;
                 state_->waitingPushes.pop_front();
                 ++dropped;
@@ -274,9 +279,9 @@ void TrackingService::processPush(AnyValue::Dictionary data) {
 
     PushPayload payload(track, type, std::move(properties), nextPushOrder(), platform::Uuid::make());
     const std::size_t bytes = approximateBytes(payload);
-    noteDroppedPushes(MemoryCacheUtility::shared().appendPushPayload(
-        std::move(payload), bytes, limits.maxPushes.load(std::memory_order_relaxed),
-        limits.maxBytes.load(std::memory_order_relaxed)));
+    noteDroppedPushes(MemoryCacheUtility::shared().appendPushPayload(std::move(payload), bytes,
+                                                                     limits.maxPushes.load(std::memory_order_relaxed),
+                                                                     limits.maxBytes.load(std::memory_order_relaxed)));
     logger.info([&] { return "Pushing data with track: " + track; });
 
     // The debug tag shows the dictionary as pushed, before any conversion.
@@ -319,7 +324,8 @@ void TrackingService::waitForPendingPushes() const {
 void TrackingService::addEnrichment(std::optional<std::string> pluginId, AnyValue::Dictionary arguments,
                                     std::vector<std::string> variables) {
     if (isForeign()) throw notInitializedAfterFork();
-    if (auto within = withinHostValueLimits(arguments, limits.maxTextBytes.load(std::memory_order_relaxed), "enrichment argument"))
+    if (auto within = withinHostValueLimits(arguments, limits.maxTextBytes.load(std::memory_order_relaxed),
+                                            "enrichment argument"))
         arguments = std::move(*within);
     waitForPendingPushes();
     auto& cache = MemoryCacheUtility::shared();
@@ -347,7 +353,8 @@ void TrackingService::addCustomEnrichment(std::optional<std::string> pluginId,
         if (!state_->settings->config()) detail::fatalError("TrackConfig is not available.");
         pluginId = state_->settings->container();
     }
-    if (auto within = withinHostValueLimits(arguments, limits.maxTextBytes.load(std::memory_order_relaxed), "enrichment argument"))
+    if (auto within = withinHostValueLimits(arguments, limits.maxTextBytes.load(std::memory_order_relaxed),
+                                            "enrichment argument"))
         arguments = std::move(*within);
     storeEnrichment(*pluginId, Enrichment{std::move(arguments), std::move(variables)});
     LoggerUtility::shared().info([&] { return "Added custom enrichment with pluginId: " + *pluginId; });

@@ -11,8 +11,8 @@
 
 #include <cstddef>
 #include <cstdint>
-#include <future>
 #include <functional>
+#include <future>
 #include <map>
 #include <memory>
 #include <optional>
@@ -35,7 +35,7 @@ class UserIDUtility;
 namespace detail {
 struct TrackingServiceInternals;
 class OrderedBlocks;
-}
+}  // namespace detail
 
 // What pushes may keep in memory between submissions, for the whole process.
 // Past `maxPushes` pushes or `maxBytes` bytes of their values (waiting to be
@@ -100,9 +100,9 @@ public:
     std::future<void> addToCart(AnyValue::Dictionary properties);
     // Stores the user's decision, records what changed since the last one and
     // reports it. Calls are applied in call order, even when made without
-    // waiting for one another: the stored decision is the last call's. True when the server accepted it; otherwise get() throws
-    // TrackingServiceError submissionFailed with the cause. The decision is
-    // stored before sending and stays stored when the send fails.
+    // waiting for one another: the stored decision is the last call's. True when the server accepted it; otherwise
+    // get() throws TrackingServiceError submissionFailed with the cause. The decision is stored before sending and
+    // stays stored when the send fails.
     std::future<bool> setConsents(std::map<std::string, ConsentStatus> consents);
 
 private:

@@ -22,8 +22,7 @@ namespace tavrin {
 
 struct VariablesWrapper {
     VariablesWrapper(std::string documentLocationHref, std::string fbBrowserId,
-                     std::vector<std::string> tvrpushedcommands,
-                     std::map<std::string, CodableValue> customProperties)
+                     std::vector<std::string> tvrpushedcommands, std::map<std::string, CodableValue> customProperties)
         : documentLocationHref(std::move(documentLocationHref)),
           fbBrowserId(std::move(fbBrowserId)),
           tvrpushedcommands(std::move(tvrpushedcommands)),

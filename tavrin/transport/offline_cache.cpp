@@ -61,7 +61,9 @@ OfflineCache::Request OfflineCache::Request::decode(const Decoder& decoder) {
     Request request;
     const auto typeDecoder = decoder.nested("type");
     const auto type = requestTypeFromName(typeDecoder.decodeString());
-    if (!type) typeDecoder.dataCorrupted("Cannot initialize RequestType from invalid String value " + typeDecoder.decodeString());
+    if (!type)
+        typeDecoder.dataCorrupted("Cannot initialize RequestType from invalid String value " +
+                                  typeDecoder.decodeString());
     request.type = *type;
     request.payload = decodeMember<Bytes>(decoder, "payload");
     request.timestamp = decodeMember<double>(decoder, "timestamp");
@@ -218,8 +220,8 @@ void OfflineCache::addNow(Request request, Batch& batch, const Added& added) {
     cachedRequests_.push_back(entry);
     totalBytes_ += bytes;
     log().info([&] {
-        return "Request of type " + logType(entry.type) + " saved to cache with retry count: " +
-               std::to_string(entry.retryCount) + ".";
+        return "Request of type " + logType(entry.type) +
+               " saved to cache with retry count: " + std::to_string(entry.retryCount) + ".";
     });
     saveRecord(entry, request.payload, batch);
     batch.created.insert(recordKey(entry.sequence));
@@ -234,9 +236,8 @@ void OfflineCache::add(Request request, Done done) {
 void OfflineCache::tryAdd(Request request, Added added) {
     // The verdict is told once the write is durable, with the other changes'.
     auto kept = std::make_shared<bool>(false);
-    change([this, request = std::move(request), kept](Batch& batch) mutable {
-               addNow(std::move(request), batch, [kept](bool ok) { *kept = ok; });
-           },
+    change([this, request = std::move(request),
+            kept](Batch& batch) mutable { addNow(std::move(request), batch, [kept](bool ok) { *kept = ok; }); },
            [kept, added = std::move(added)] {
                if (added) added(*kept);
            });

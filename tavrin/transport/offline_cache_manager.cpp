@@ -251,9 +251,8 @@ bool OfflineCacheManager::takeSendable(const std::shared_ptr<Walk>& walk, std::v
         }
         const auto& entry = walk->snapshot[walk->next];
         if (entry.type == Type::monitorRequest) {
-            log().warning([&] {
-                return std::string("Unknown request type: ") + requestTypeName(entry.type) + ". Skipping.";
-            });
+            log().warning(
+                [&] { return std::string("Unknown request type: ") + requestTypeName(entry.type) + ". Skipping."; });
             ++walk->next;
             continue;
         }
@@ -395,14 +394,17 @@ void OfflineCacheManager::flushRemovals(Walk& walk) {
 void OfflineCacheManager::handleRetry(Walk& walk, const OfflineCache::Entry& entry, std::int64_t maxRetries) {
     const char* type = requestTypeName(entry.type);
     if (entry.retryCount >= maxRetries) {
-        log().warning([&] { return std::string("Request of type ") + type + " exceeded maximum retries and will be discarded."; });
+        log().warning([&] {
+            return std::string("Request of type ") + type + " exceeded maximum retries and will be discarded.";
+        });
         walk.removals.push_back(entry.sequence);
         return;
     }
     offlineCache_->incrementRetryCount(entry.sequence);
     // The count from the snapshot, before the increment.
     log().info([&] {
-        return std::string("Retrying request of type ") + type + ". Retry count: " + std::to_string(entry.retryCount) + ".";
+        return std::string("Retrying request of type ") + type + ". Retry count: " + std::to_string(entry.retryCount) +
+               ".";
     });
 }
 

@@ -65,9 +65,9 @@ void RequestWindow::launch(Request request) {
         };
         if (left <= 0) {
             finish(platform::HttpResult{
-                std::nullopt, std::make_exception_ptr(platform::UrlError(
-                                  platform::UrlError::Code::timedOut, "",
-                                  "the request's time ran out while it waited for a connection"))});
+                std::nullopt, std::make_exception_ptr(
+                                  platform::UrlError(platform::UrlError::Code::timedOut, "",
+                                                     "the request's time ran out while it waited for a connection"))});
             return;
         }
         // Sent at once, the request keeps the timeout its sender chose; after

@@ -31,13 +31,11 @@ bool isRetryableFailure(const std::exception_ptr& error) {
             case Code::networkConnectionLost:
             case Code::notConnectedToInternet:
             case Code::badServerResponse:
-            case Code::unknown:
-                return true;
+            case Code::unknown: return true;
             case Code::badURL:
             case Code::unsupportedURL:
             case Code::responseTooLarge:
-            case Code::cancelled:
-                return false;
+            case Code::cancelled: return false;
         }
         return false;
     } catch (const Service::ServiceError& e) {
@@ -73,14 +71,14 @@ std::optional<double> httpDate(const std::string& text) {
     int day = 0, year = 0, hour = 0, minute = 0, second = 0, used = 0;
     const int length = static_cast<int>(text.size());
     // IMF-fixdate: "Sun, 06 Nov 1994 08:49:37 GMT"
-    bool parsed = std::sscanf(text.c_str(), "%3[A-Za-z], %2d %3[A-Za-z] %4d %2d:%2d:%2d %3[A-Z]%n", weekday, &day, month,
-                              &year, &hour, &minute, &second, zone, &used) == 8 &&
+    bool parsed = std::sscanf(text.c_str(), "%3[A-Za-z], %2d %3[A-Za-z] %4d %2d:%2d:%2d %3[A-Z]%n", weekday, &day,
+                              month, &year, &hour, &minute, &second, zone, &used) == 8 &&
                   used == length;
     // RFC 850: "Sunday, 06-Nov-94 08:49:37 GMT"
     if (!parsed) {
         used = 0;
-        parsed = std::sscanf(text.c_str(), "%15[A-Za-z], %2d-%3[A-Za-z]-%2d %2d:%2d:%2d %3[A-Z]%n", weekday, &day, month,
-                             &year, &hour, &minute, &second, zone, &used) == 8 &&
+        parsed = std::sscanf(text.c_str(), "%15[A-Za-z], %2d-%3[A-Za-z]-%2d %2d:%2d:%2d %3[A-Z]%n", weekday, &day,
+                             month, &year, &hour, &minute, &second, zone, &used) == 8 &&
                  used == length;
         // Two-digit years: the nearest century that is not more than 50 years ahead.
         if (parsed) year += year < 70 ? 2000 : 1900;

@@ -3,14 +3,14 @@
 #include <strings.h>
 
 #include "tavrin/consent/internal/consent_model.h"
-#include "tavrin/platform/internal/timestamp_utility.h"
+#include "tavrin/platform/clock.h"
 #include "tavrin/platform/http_client.h"
 #include "tavrin/platform/internal/fatal_error.h"
+#include "tavrin/platform/internal/timestamp_utility.h"
 #include "tavrin/sdk/internal/logger_utility.h"
 #include "tavrin/sdk/internal/shared_instance.h"
 #include "tavrin/sdk/internal/tracking_settings.h"
 #include "tavrin/tracking/internal/data_submission_model.h"
-#include "tavrin/platform/clock.h"
 #include "tavrin/transport/internal/offline_cache_manager.h"
 #include "tavrin/transport/internal/request_window.h"
 #include "tavrin/transport/internal/retry_policy.h"
@@ -118,7 +118,8 @@ struct Service::Parts {
     static std::optional<Bytes> encodeToJSON(const T& value) {
         try {
             Bytes body = platform::toBytes(encodeJsonText(value));
-            log().info([&] { return "Object successfully encoded to JSON. Size: " + std::to_string(body.size()) + " bytes"; });
+            log().info(
+                [&] { return "Object successfully encoded to JSON. Size: " + std::to_string(body.size()) + " bytes"; });
             return body;
         } catch (const std::exception& error) {
             log().error([&] { return std::string("Failed to encode object to JSON: ") + error.what(); });
@@ -169,7 +170,8 @@ struct Service::Parts {
                 // The client was shut down before an answer came: the request
                 // waits in the offline cache for the next launch, and counts as
                 // delivered once it is durable, as an offline send does.
-                log().info([&] { return "Request to " + url + " cancelled by shutdown. Caching it for the next launch."; });
+                log().info(
+                    [&] { return "Request to " + url + " cancelled by shutdown. Caching it for the next launch."; });
                 manager->cacheRequest(keep->type, *kept,
                                       OfflineCacheManaging::Completion(
                                           [completion](std::exception_ptr refused) { complete(completion, refused); }));
@@ -184,8 +186,8 @@ struct Service::Parts {
                 const auto& response = *result.response;
                 if (response.statusCode >= 200 && response.statusCode <= 299) {
                     log().info([&] {
-                        return "Request to " + url + " completed successfully. Status Code: " +
-                               std::to_string(response.statusCode);
+                        return "Request to " + url +
+                               " completed successfully. Status Code: " + std::to_string(response.statusCode);
                     });
                     if (kept) manager->serverReachable();
                     complete(completion, nullptr);
@@ -205,7 +207,8 @@ struct Service::Parts {
             log().error([&] { return "Request to " + url + " failed: " + describe(error); });
             if (kept && detail::isRetryableFailure(error)) {
                 const bool data = keep->type == OfflineCache::RequestType::dataSubmission;
-                log().info(data ? "Send failed: Caching data submission request" : "Send failed: Caching consent request");
+                log().info(data ? "Send failed: Caching data submission request"
+                                : "Send failed: Caching consent request");
                 manager->cacheRequest(
                     keep->type, *kept,
                     OfflineCacheManaging::Completion(
@@ -274,8 +277,9 @@ void Service::sendConsent(ConsentModel consent, Completion completion, bool live
     const bool offlineTracking = p.isOfflineTrackingEnabled();
     if (offlineTracking && p.offlineCacheManager->isCurrentlyOffline()) {
         log().info("Offline: Caching consent request");
-        p.offlineCacheManager->cacheRequest(OfflineCache::RequestType::consentSubmission, std::move(*body),
-                                            OfflineCacheManaging::Completion([completion](std::exception_ptr error) { complete(completion, error); }));
+        p.offlineCacheManager->cacheRequest(
+            OfflineCache::RequestType::consentSubmission, std::move(*body),
+            OfflineCacheManaging::Completion([completion](std::exception_ptr error) { complete(completion, error); }));
         return;
     }
     log().info("Online mode. Sending consent submission request.");
@@ -297,8 +301,10 @@ void Service::sendDataSubmission(DataSubmissionModel data, Completion completion
         keep = Parts::KeepOnFailure{OfflineCache::RequestType::dataSubmission};
         if (p.offlineCacheManager->isCurrentlyOffline()) {
             log().info("Offline: Caching data submission request");
-            p.offlineCacheManager->cacheRequest(OfflineCache::RequestType::dataSubmission, std::move(*body),
-                                                OfflineCacheManaging::Completion([completion](std::exception_ptr error) { complete(completion, error); }));
+            p.offlineCacheManager->cacheRequest(
+                OfflineCache::RequestType::dataSubmission, std::move(*body),
+                OfflineCacheManaging::Completion(
+                    [completion](std::exception_ptr error) { complete(completion, error); }));
             return;
         }
         log().info("Online but offline mode enabled. Adding offline-specific properties to payload.");

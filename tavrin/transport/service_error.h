@@ -23,8 +23,7 @@ public:
         invalidResponse,     // the status is outside 200-299
     };
 
-    explicit ServiceError(Code code, int statusCode = 0,
-                          std::optional<std::chrono::seconds> retryAfter = std::nullopt);
+    explicit ServiceError(Code code, int statusCode = 0, std::optional<std::chrono::seconds> retryAfter = std::nullopt);
     Code code() const noexcept { return code_; }
     // The status an invalidResponse came with (0 when there was none).
     int statusCode() const noexcept { return statusCode_; }

@@ -12,9 +12,9 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <filesystem>
 #include <nlohmann/json.hpp>
 #include <sqlite3.h>
-#include <filesystem>
 #include <string>
 #include <vector>
 
@@ -108,19 +108,22 @@ TEST(CollectorHardeningTest, RefusesWhatItCannotBoundOrTrustAndKeepsItsDataPriva
         {"chunked body", "POST /monitor HTTP/1.1\r\n" + host + "\r\nTransfer-Encoding: chunked",
          "3e8\r\n" + std::string(1000, ' ') + "\r\n3e8\r\n" + std::string(1000, ' ') + "\r\n0\r\n\r\n", 411},
         {"compressed body", post("Content-Encoding: gzip\r\n", std::string(20, 'z')), std::string(20, 'z'), 415},
-        {"another host's name", "GET /api/requests HTTP/1.1\r\nHost: rebound.example:" + std::to_string(collector.port()) +
-                                    "\r\nAuthorization: Bearer s3cret", "", 421},
+        {"another host's name",
+         "GET /api/requests HTTP/1.1\r\nHost: rebound.example:" + std::to_string(collector.port()) +
+             "\r\nAuthorization: Bearer s3cret",
+         "", 421},
         {"wrong token", post("Authorization: Bearer guess\r\n", document), document, 401},
         {"API without the token", "GET /api/requests?limit=1 HTTP/1.1\r\n" + host, "", 401},
         {"event stream with another token", "GET /api/events?access_token=guess HTTP/1.1\r\n" + host, "", 401},
         {"the right token", post("Authorization: Bearer s3cret\r\n", document), document, 200},
-        {"localhost by name", "GET /api/requests?limit=99999999999 HTTP/1.1\r\nHost: localhost\r\nAuthorization: Bearer s3cret",
-         "", 200},
+        {"localhost by name",
+         "GET /api/requests?limit=99999999999 HTTP/1.1\r\nHost: localhost\r\nAuthorization: Bearer s3cret", "", 200},
     };
     for (const auto& c : cases) EXPECT_EQ(collector.send(c.head, c.body).first, c.status) << c.what;
 
     // Only the accepted submission was kept.
-    const std::string list = "GET /api/requests?limit=99999999999 HTTP/1.1\r\n" + host + "\r\nAuthorization: Bearer s3cret";
+    const std::string list =
+        "GET /api/requests?limit=99999999999 HTTP/1.1\r\n" + host + "\r\nAuthorization: Bearer s3cret";
     const auto [status, listed] = collector.send(list);
     ASSERT_EQ(status, 200);
     const auto stored = nlohmann::json::parse(listed);

@@ -13,8 +13,10 @@ using Json = nlohmann::ordered_json;
 inline constexpr std::int64_t kNow = 1795312800123;
 
 inline Json systemPart(const std::string& initiator = "tvr_push_submit") {
-    return {{"type", "sdk-ios"}, {"timestamp", kNow},
-            {"navigator-userAgent", "ShopApp/2.1 (iPhone15,2; iOS 17.1) TavrinSDK"}, {"initiator", initiator}};
+    return {{"type", "sdk-ios"},
+            {"timestamp", kNow},
+            {"navigator-userAgent", "ShopApp/2.1 (iPhone15,2; iOS 17.1) TavrinSDK"},
+            {"initiator", initiator}};
 }
 
 inline Json configurationPart() {
@@ -66,10 +68,10 @@ inline Json tag(const std::string& id, const std::string& name, std::int64_t tim
     return tag;
 }
 
-inline Json monitorReport(Json tags = Json::array(
-                              {tag("AI01", "T-SDK: [INIT] - [AI01] SDK initialised", kNow),
-                               tag("AD01", "T-SDK: [TAVRIN DL] - [AD01] Push: pageview", kNow + 5),
-                               tag("AS01", "T-SDK: [STATE] - [AS01] State executed: tvr_push_submit", kNow + 9)})) {
+inline Json monitorReport(
+    Json tags = Json::array({tag("AI01", "T-SDK: [INIT] - [AI01] SDK initialised", kNow),
+                             tag("AD01", "T-SDK: [TAVRIN DL] - [AD01] Push: pageview", kNow + 5),
+                             tag("AS01", "T-SDK: [STATE] - [AS01] State executed: tvr_push_submit", kNow + 9)})) {
     return {{"debugid", "dbg-42"}, {"consent", Json::object()}, {"docs", Json::object()},
             {"state", ""},         {"eventDocumentId", ""},     {"tags", std::move(tags)}};
 }

@@ -121,7 +121,8 @@ TEST(CollectorServerTest, ChecksTheBearerTokenWithoutStoringIt) {
     collector.stop(SIGTERM);
     for (const auto& entry : std::filesystem::directory_iterator(dir.path())) {
         std::ifstream file(entry.path(), std::ios::binary);
-        EXPECT_EQ(std::string(std::istreambuf_iterator<char>(file), {}).find("s3cret"), std::string::npos) << entry.path();
+        EXPECT_EQ(std::string(std::istreambuf_iterator<char>(file), {}).find("s3cret"), std::string::npos)
+            << entry.path();
     }
 }
 

@@ -31,7 +31,10 @@ TEST(ClassifyTest, EachBrokenRuleIsReportedOnceWithItsPointer) {
          "/data/identifier/session/action: is \"resume\", \"new\" or \"update\" expected"},
         {data, [](Json& d) { d["configuration"]["version"] = nullptr; },
          "/configuration/version: optional member written as null"},
-        {data, [](Json& d) { d["data"]["variables"]["cart"] = {{"sku", "A1"}}; },
+        {data,
+         [](Json& d) {
+             d["data"]["variables"]["cart"] = {{"sku", "A1"}};
+         },
          "/data/variables/cart: custom property is an object"},
         {data, [](Json& d) { d["data"]["variables"]["tvrpushedcommands"].push_back(3); },
          "/data/variables/tvrpushedcommands/2: is an integer, text expected"},

@@ -20,12 +20,13 @@ ConsentModel sampleModel() {
                    .navigatorUserAgent = "Agent/1.0",
                    .initiator = "tvr_push_submit"},
         .configuration = {.container = "shop-app", .environment = "live", .version = "7", .debugcode = "dbg"},
-        .data = {.identifier = {.user = {.id = "4821731667200123077", .action = "update"},
-                                .consent = {.id = "0f0e-consent", .action = "new"}},
-                 .consent = {.lastupdate = 1731667200124,
-                             .data = {},
-                             .vendors = {{"vendorA", VendorValue::boolean(true)}, {"vendorB", VendorValue::string("ncm")}},
-                             .vendorsChanged = {{"vendorB", VendorValue::string("ncm")}}}}};
+        .data = {
+            .identifier = {.user = {.id = "4821731667200123077", .action = "update"},
+                           .consent = {.id = "0f0e-consent", .action = "new"}},
+            .consent = {.lastupdate = 1731667200124,
+                        .data = {},
+                        .vendors = {{"vendorA", VendorValue::boolean(true)}, {"vendorB", VendorValue::string("ncm")}},
+                        .vendorsChanged = {{"vendorB", VendorValue::string("ncm")}}}}};
 }
 
 TEST(ConsentStatusTest, StoredAsItsNameSentAsTrueFalseOrNcm) {

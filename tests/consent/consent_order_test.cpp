@@ -18,7 +18,8 @@ TEST_F(ConsentOrderTest, DecisionsMadeWithoutWaitingAreAppliedInCallOrder) {
     const auto flip = [](int call) { return call % 2 ? ConsentStatus::deny : ConsentStatus::allow; };
     std::vector<std::future<bool>> results;
     for (int call = 0; call < kCalls; ++call)
-        results.push_back(tracking->setConsents({{"call" + std::to_string(call), ConsentStatus::allow}, {"flip", flip(call)}}));
+        results.push_back(
+            tracking->setConsents({{"call" + std::to_string(call), ConsentStatus::allow}, {"flip", flip(call)}}));
     for (auto& result : results) EXPECT_TRUE(result.get());
 
     // Each report is known by its own vendor: the collector may see them in any order.

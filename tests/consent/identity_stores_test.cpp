@@ -27,7 +27,8 @@ using VendorConsentsUtilityTest = StoreTest;
 TEST_F(UserIDUtilityTest, GeneratedIDJoinsTwoDrawsAroundTheMillisecondTime) {
     platform::Clock::setFixed(1731667200.123);
     // Six-digit parts are kept; both at 100000 make 25 digits, too long for the pattern.
-    for (const auto& [first, second, id, matches] : std::vector<std::tuple<std::int64_t, std::int64_t, std::string, bool>>{
+    for (const auto& [first, second, id, matches] :
+         std::vector<std::tuple<std::int64_t, std::int64_t, std::string, bool>>{
              {482, 77, "482173166720012377", true},
              {0, 0, "017316672001230", true},
              {100000, 100000, "1000001731667200123100000", false}}) {

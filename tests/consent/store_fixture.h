@@ -11,10 +11,10 @@
 #include <thread>
 
 #include "tavrin/consent/internal/user_defaults_utility.h"
-#include "tavrin/platform/key_value_store.h"
 #include "tavrin/platform/internal/sqlite_key_value_store.h"
-#include "tavrin/sdk/track_config.h"
+#include "tavrin/platform/key_value_store.h"
 #include "tavrin/sdk/internal/tracking_settings.h"
+#include "tavrin/sdk/track_config.h"
 #include "tests/support/log_capture.h"
 #include "tests/support/temp_dir.h"
 
@@ -52,7 +52,10 @@ class CountingStore final : public platform::KeyValueStore {
 public:
     explicit CountingStore(std::shared_ptr<platform::KeyValueStore> inner) : inner_(std::move(inner)) {}
 
-    bool set(const std::string& key, const Value& value) override { ++writes; return inner_->set(key, value); }
+    bool set(const std::string& key, const Value& value) override {
+        ++writes;
+        return inner_->set(key, value);
+    }
     std::optional<Value> value(const std::string& key) const override {
         ++reads;
         auto found = inner_->value(key);
@@ -60,7 +63,10 @@ public:
         return found;
     }
     bool remove(const std::string& key) override { return inner_->remove(key); }
-    bool synchronize() override { ++flushes; return inner_->synchronize(); }
+    bool synchronize() override {
+        ++flushes;
+        return inner_->synchronize();
+    }
     platform::KeyValueStore& inner() { return *inner_; }
 
     mutable std::atomic<int> reads{0};

@@ -25,7 +25,8 @@ TEST_F(UserDefaultsUtilityTest, WritesGoThroughToTheFileAtOnce) {
     EXPECT_EQ(openFile()->integer("n"), 1731667200123);
     EXPECT_EQ(platform::toString(openFile()->data("cfg").value_or(Bytes{})), encodeJsonText(minimalConfig()));
     // Raw bytes go in as a JSON string of their base64 form.
-    EXPECT_EQ(platform::toString(openFile()->data("blob").value_or(Bytes{})), "\"" + platform::base64Encode("raw") + "\"");
+    EXPECT_EQ(platform::toString(openFile()->data("blob").value_or(Bytes{})),
+              "\"" + platform::base64Encode("raw") + "\"");
     UserDefaultsUtility::remove("cfg");
     EXPECT_EQ(store->flushes, 5);
     EXPECT_EQ(openFile()->value("cfg"), std::nullopt);

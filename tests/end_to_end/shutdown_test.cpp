@@ -13,9 +13,8 @@ using ShutdownTest = EndToEndTest;
 TEST_F(ShutdownTest, ShutdownFromACompletionThenConfigureSubmitsAgain) {
     start();
     auto inside = std::make_shared<std::promise<bool>>();
-    Service::shared()->sendDataSubmission(sampleSubmission("first"), [inside](std::exception_ptr) {
-        inside->set_value(TavrinService::shutdown(2s));
-    });
+    Service::shared()->sendDataSubmission(
+        sampleSubmission("first"), [inside](std::exception_ptr) { inside->set_value(TavrinService::shutdown(2s)); });
     auto finished = inside->get_future();
     ASSERT_EQ(finished.wait_for(20s), std::future_status::ready) << "shutdown from the HTTP thread did not return";
     EXPECT_TRUE(finished.get());

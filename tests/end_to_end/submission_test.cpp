@@ -44,7 +44,8 @@ using TavrinServiceEndToEndTest = EndToEndTest;
 TEST_F(TavrinServiceEndToEndTest, DataSubmissionArrivesInTheWireLayout) {
     auto tracking = start();
     tracking->push({{"track", "pageview"}, {"name", "first"}, {"price", 9.99}});
-    tracking->push({{"track", "click"}, {"name", "second"}, {"count", 2}});  // "name" again: the first push's value stays
+    tracking->push(
+        {{"track", "click"}, {"name", "second"}, {"count", 2}});  // "name" again: the first push's value stays
     tracking->submit("checkout").get();
 
     const auto sent = submissions();
@@ -62,16 +63,17 @@ TEST_F(TavrinServiceEndToEndTest, DataSubmissionArrivesInTheWireLayout) {
     mask(identifier["session"]["id"], matches(identifier["session"]["id"], kUpperUuid));
     for (auto& [key, value] : body["data"]["variables"].items())
         if (key.starts_with("app_device_") || key.starts_with("app_application_")) mask(value, value.is_string());
-    EXPECT_EQ(body.dump(),
-              R"({"version":"3","system":{"type":"sdk-ios","timestamp":"*","navigator-userAgent":"*","initiator":"checkout"},)"
-              R"("consent":{},"configuration":{"container":"shop-app","environment":"live"},)"
-              R"("data":{"identifier":{"user":{"id":"*","action":"new"},"session":{"id":"*","action":"new"}},)"
-              R"("variables":{"document_location_href":"https://demo.tavrin.io/app/?","fb_browser_id":"fb.1.1711009849625.5246926883",)"
-              R"("tvrpushedcommands":["pageview","click","submit"],"app_application_build_number":"*","app_application_name":"*",)"
-              R"("app_application_version":"*","app_device_brand":"*","app_device_carrier":"*","app_device_height":"*",)"
-              R"("app_device_id":"*","app_device_language":"*","app_device_model":"*","app_device_network_type":"*",)"
-              R"("app_device_os":"*","app_device_os_version":"*","app_device_region":"*","app_device_width":"*",)"
-              R"("app_offline_cached_data":"false","count":2,"name":"first","price":9.99}}})");
+    EXPECT_EQ(
+        body.dump(),
+        R"({"version":"3","system":{"type":"sdk-ios","timestamp":"*","navigator-userAgent":"*","initiator":"checkout"},)"
+        R"("consent":{},"configuration":{"container":"shop-app","environment":"live"},)"
+        R"("data":{"identifier":{"user":{"id":"*","action":"new"},"session":{"id":"*","action":"new"}},)"
+        R"("variables":{"document_location_href":"https://demo.tavrin.io/app/?","fb_browser_id":"fb.1.1711009849625.5246926883",)"
+        R"("tvrpushedcommands":["pageview","click","submit"],"app_application_build_number":"*","app_application_name":"*",)"
+        R"("app_application_version":"*","app_device_brand":"*","app_device_carrier":"*","app_device_height":"*",)"
+        R"("app_device_id":"*","app_device_language":"*","app_device_model":"*","app_device_network_type":"*",)"
+        R"("app_device_os":"*","app_device_os_version":"*","app_device_region":"*","app_device_width":"*",)"
+        R"("app_offline_cached_data":"false","count":2,"name":"first","price":9.99}}})");
     EXPECT_EQ(TagCache::shared().tags().back().id, "AS01");
 }
 
@@ -94,7 +96,8 @@ TEST_F(TavrinServiceEndToEndTest, ConsentReportCarriesTheChangedVendorsOnly) {
     EXPECT_EQ(first["consent"]["vendorsChanged"], first["consent"]["vendors"]);
     const auto& same = reports[1]["data"];
     EXPECT_EQ(same["identifier"]["user"], PlainJson({{"id", first["identifier"]["user"]["id"]}, {"action", "update"}}));
-    EXPECT_EQ(same["identifier"]["consent"], PlainJson({{"id", first["identifier"]["consent"]["id"]}, {"action", "update"}}));
+    EXPECT_EQ(same["identifier"]["consent"],
+              PlainJson({{"id", first["identifier"]["consent"]["id"]}, {"action", "update"}}));
     EXPECT_EQ(same["consent"]["vendorsChanged"], PlainJson::object());
     EXPECT_EQ(reports[2]["data"]["consent"]["vendors"], PlainJson::parse(R"({"vendorA":"ncm"})"));
     EXPECT_EQ(reports[2]["data"]["consent"]["vendorsChanged"], PlainJson::parse(R"({"vendorA":"ncm"})"));
@@ -196,7 +199,8 @@ TEST_F(TavrinServiceEndToEndTest, ReturningFromMainWithWorkInFlightLosesNothing)
         return ScriptedResponse{};
     });
     RawTcpServer silent;  // accepts and never answers
-    for (const std::string& domain : {hostPort(server.port()), silent.baseUrl().substr(std::string("http://").size())}) {
+    for (const std::string& domain :
+         {hostPort(server.port()), silent.baseUrl().substr(std::string("http://").size())}) {
         SCOPED_TRACE(domain);
         TempDir data;
         const auto before = submissions().size();

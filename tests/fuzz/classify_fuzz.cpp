@@ -30,6 +30,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     check(path != "/other" || result.kind == RequestKind::invalid, "unknown endpoint accepted");
     check(path != "/monitor" || result.kind == RequestKind::invalid || result.kind == RequestKind::monitorReport,
           "monitor endpoint classified as a submission");
-    for (const auto& problem : result.problems) check(!problem.empty() && problem.front() == '/', "problem without a pointer");
+    for (const auto& problem : result.problems)
+        check(!problem.empty() && problem.front() == '/', "problem without a pointer");
     return 0;
 }

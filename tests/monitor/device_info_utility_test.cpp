@@ -13,9 +13,9 @@
 #include <utility>
 #include <vector>
 
-#include "tavrin/platform/internal/timestamp_utility.h"
 #include "tavrin/monitor/internal/user_agent_utility.h"
 #include "tavrin/platform/clock.h"
+#include "tavrin/platform/internal/timestamp_utility.h"
 
 namespace tavrin {
 namespace {
@@ -40,7 +40,9 @@ protected:
         auto fact = [present](const char* text) {
             return [=] { return present ? std::optional<std::string>(text) : std::nullopt; };
         };
-        return DeviceFactsSource{.model = fact("iPhone"), .systemName = fact("iOS"), .systemVersion = fact("17.2.1"),
+        return DeviceFactsSource{.model = fact("iPhone"),
+                                 .systemName = fact("iOS"),
+                                 .systemVersion = fact("17.2.1"),
                                  .machine = fact("iPhone15,2")};
     }
 };
@@ -86,8 +88,10 @@ TEST_F(DeviceInfoUtilityTest, ScreenSizeIsReadAsWholePoints) {
 TEST_F(DeviceInfoUtilityTest, HostFactsSetLaterShowInTheNextCollection) {
     EXPECT_EQ(DeviceInfoUtility::collectDeviceInfo().appApplicationVersion, "Unknown");
     DeviceFacts::setApplicationInfo({.bundleIdentifier = "com.example.shop",
-                                     .infoDictionary = {{"CFBundleDisplayName", "Shop Plus"}, {"CFBundleName", "Shop"},
-                                                        {"CFBundleShortVersionString", "2.0"}, {"CFBundleVersion", "7"}}});
+                                     .infoDictionary = {{"CFBundleDisplayName", "Shop Plus"},
+                                                        {"CFBundleName", "Shop"},
+                                                        {"CFBundleShortVersionString", "2.0"},
+                                                        {"CFBundleVersion", "7"}}});
     DeviceFacts::setScreenBounds(ScreenBounds{390, 844});
     const auto info = DeviceInfoUtility::collectDeviceInfo();
     // The display name comes before the bundle name.
@@ -105,14 +109,20 @@ struct Case {
 
 // A machine name that is no UTF-8 would reach the server altered.
 TEST(UserAgentUtilityTest, FixedShapeWithFallbacksForMissingOrNonUtf8Facts) {
-    for (const auto& c : std::vector<Case>{
-             {"17.2.1", "iPhone15,2", "TavrinSDK", "1.0", "18", "iOS; iPhone OS 17_2_1; iPhone15,2 [TavrinSDK/v.1.0.18]"},
-             {"12", "x86_64", "N", "", "B", "iOS; iPhone OS 12; x86_64 [N/v..B]"},
-             {"16.0", "\xff\xfe", "S", "1", "2", "iOS; iPhone OS 16_0; unknown [S/v.1.2]"},
-             {"16.0", "\xed\xa0\x80", "S", "1", "2", "iOS; iPhone OS 16_0; unknown [S/v.1.2]"},
-             {"16.0", std::nullopt, "S", "1", "2", "iOS; iPhone OS 16_0; unknown [S/v.1.2]"},
-             {"16.0", "m\xc3\xa4" "chine", "S", "1", "2", "iOS; iPhone OS 16_0; m\xc3\xa4" "chine [S/v.1.2]"},
-             {std::nullopt, "arm64", "S", "1", "2", "iOS; iPhone OS Unknown; arm64 [S/v.1.2]"}}) {
+    for (const auto& c :
+         std::vector<Case>{{"17.2.1", "iPhone15,2", "TavrinSDK", "1.0", "18",
+                            "iOS; iPhone OS 17_2_1; iPhone15,2 [TavrinSDK/v.1.0.18]"},
+                           {"12", "x86_64", "N", "", "B", "iOS; iPhone OS 12; x86_64 [N/v..B]"},
+                           {"16.0", "\xff\xfe", "S", "1", "2", "iOS; iPhone OS 16_0; unknown [S/v.1.2]"},
+                           {"16.0", "\xed\xa0\x80", "S", "1", "2", "iOS; iPhone OS 16_0; unknown [S/v.1.2]"},
+                           {"16.0", std::nullopt, "S", "1", "2", "iOS; iPhone OS 16_0; unknown [S/v.1.2]"},
+                           {"16.0",
+                            "m\xc3\xa4"
+                            "chine",
+                            "S", "1", "2",
+                            "iOS; iPhone OS 16_0; m\xc3\xa4"
+                            "chine [S/v.1.2]"},
+                           {std::nullopt, "arm64", "S", "1", "2", "iOS; iPhone OS Unknown; arm64 [S/v.1.2]"}}) {
         DeviceFactsSource source;
         source.systemVersion = [&c] { return c.systemVersion; };
         source.machine = [&c] { return c.machine; };
@@ -141,7 +151,8 @@ TEST(TimestampUtilityDeathTest, TimeOutsideTheSigned64BitRangeIsFatal) {
     // 1e16 s is 1e19 ms, past the signed 64-bit range.
     for (double seconds : {std::nan(""), HUGE_VAL, -HUGE_VAL, 1e16, -1e16}) {
         platform::Clock::setFixed(seconds);
-        EXPECT_DEATH(TimestampUtility::currentTimestampInMillis(), "cannot be converted to a 64-bit integer") << seconds;
+        EXPECT_DEATH(TimestampUtility::currentTimestampInMillis(), "cannot be converted to a 64-bit integer")
+            << seconds;
     }
     platform::Clock::reset();
 }

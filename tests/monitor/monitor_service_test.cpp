@@ -48,8 +48,9 @@ TEST_F(MonitorServiceTest, PostsTheCachedTagsOverHttpsWithoutTheToken) {
     EXPECT_EQ(requests[0].target, "/monitor");
     EXPECT_EQ(requests[0].header("Content-Type"), "application/json");
     EXPECT_EQ(requests[0].header("Authorization"), std::nullopt);
-    EXPECT_EQ(requests[0].body, R"({"debugid":"dbg-1","consent":{},"docs":{},"state":"","eventDocumentId":"","tags":[)" +
-                                    encodeJsonText(first) + "," + encodeJsonText(second) + "]}");
+    EXPECT_EQ(requests[0].body,
+              R"({"debugid":"dbg-1","consent":{},"docs":{},"state":"","eventDocumentId":"","tags":[)" +
+                  encodeJsonText(first) + "," + encodeJsonText(second) + "]}");
     EXPECT_TRUE(TagCache::shared().tags().empty());
 }
 
@@ -65,7 +66,8 @@ TEST_F(MonitorServiceTest, FailedReportKeepsTheTags) {
         log.sink->clear();
         MonitorService::shared()->sendMonitorRequest().get();
         EXPECT_EQ(TagCache::shared().tags().size(), status == 404 ? 1u : status == 302 ? 2u : 3u);
-        EXPECT_TRUE(log.sink->messages(platform::LogType::error).at(0).starts_with("Failed to send /monitor request: "));
+        EXPECT_TRUE(
+            log.sink->messages(platform::LogType::error).at(0).starts_with("Failed to send /monitor request: "));
     }
 }
 

@@ -42,8 +42,14 @@ protected:
 
 // The start-up ("AI01") and stored-consent ("AC03") tags are kept once, the newest last.
 TEST_F(TagCacheTest, StartUpTagsAreReplacedWhileOthersAccumulate) {
-    add({{"AI01", "init 1"}, {"AC03", "consent 1"}, {"AD01", "push 1"}, {"AC04", "c4"}, {"AI01", "init 2"},
-         {"AD01", "push 2"}, {"AC03", "consent 2"}, {"AC04", "c4"}});
+    add({{"AI01", "init 1"},
+         {"AC03", "consent 1"},
+         {"AD01", "push 1"},
+         {"AC04", "c4"},
+         {"AI01", "init 2"},
+         {"AD01", "push 2"},
+         {"AC03", "consent 2"},
+         {"AC04", "c4"}});
     EXPECT_EQ(names(), (std::vector<std::string>{"push 1", "c4", "init 2", "push 2", "consent 2", "c4"}));
 }
 
@@ -92,7 +98,8 @@ TEST_F(TagCacheTest, NonFiniteNumbersAreDroppedOnTheWayIn) {
     const auto stored = cache.tags();
     ASSERT_EQ(stored.size(), 1u);
     EXPECT_NO_THROW(stored[0].encode());
-    EXPECT_TRUE(stored[0].variables.frontend == (Tag::Dictionary{{"price", 9.5}, {"nested", Tag::Dictionary{{"ok", 1}}}}));
+    EXPECT_TRUE(stored[0].variables.frontend ==
+                (Tag::Dictionary{{"price", 9.5}, {"nested", Tag::Dictionary{{"ok", 1}}}}));
     EXPECT_TRUE(stored[0].trigger.conditions == (Tag::Array{AnyCodable(1.5), AnyCodable(Tag::Array{"x"})}));
     EXPECT_TRUE(stored[0].functions.empty());
 }

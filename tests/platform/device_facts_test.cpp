@@ -3,9 +3,9 @@
 
 #include <gtest/gtest.h>
 
+#include <array>
 #include <cmath>
 #include <cstdlib>
-#include <array>
 #include <fstream>
 #include <optional>
 #include <string>
@@ -44,9 +44,15 @@ TEST_F(DeviceFactsTest, OsReleaseValuesAreUnquotedAsAShellWould) {
     writeFile(root / "etc/os-release",
               "# comment NAME=Wrong\nVERSION_ID=\"12\"\nVERSION='12 (bookworm)'\nID=debian\n"
               "ODD=\"say \\\"hi\\\" \\$HOME\\\\\"\nMIXED=a\"b c\"'d'\nBROKEN=\"open\nEMPTY=\n");
-    for (const auto& [key, expected] : std::initializer_list<std::pair<const char*, std::optional<std::string>>>{
-             {"VERSION", "12 (bookworm)"}, {"ID", "debian"}, {"ODD", "say \"hi\" $HOME\\"}, {"MIXED", "ab cd"},
-             {"BROKEN", none}, {"EMPTY", none}, {"VERSION_", none}, {"NAME", none}})
+    for (const auto& [key, expected] :
+         std::initializer_list<std::pair<const char*, std::optional<std::string>>>{{"VERSION", "12 (bookworm)"},
+                                                                                   {"ID", "debian"},
+                                                                                   {"ODD", "say \"hi\" $HOME\\"},
+                                                                                   {"MIXED", "ab cd"},
+                                                                                   {"BROKEN", none},
+                                                                                   {"EMPTY", none},
+                                                                                   {"VERSION_", none},
+                                                                                   {"NAME", none}})
         EXPECT_EQ(detail::readOsReleaseValue(root.path(), key), expected) << key;
 }
 
@@ -63,11 +69,21 @@ TEST_F(DeviceFactsTest, SystemNameAndVersionFromEtcElseUsrLib) {
 
 TEST_F(DeviceFactsTest, ParsesPosixLocaleNames) {
     const LocaleCodes neither{none, none};
-    for (const auto& [name, expected] : std::initializer_list<std::pair<const char*, LocaleCodes>>{
-             {"de_AT.UTF-8", {"de", "AT"}}, {"en", {"en", none}}, {"sr_RS@latin", {"sr", "RS"}},
-             {"ca_ES.UTF-8@valencia", {"ca", "ES"}}, {"es_419.UTF-8", {"es", "419"}}, {"fil_PH", {"fil", "PH"}},
-             {"EN_us", {"en", "US"}}, {"de_Austria", {"de", none}}, {"C.UTF-8", neither}, {"POSIX", neither},
-             {"", neither}, {"german", neither}, {"d3_AT", neither}, {"/usr/share/locale/de", neither}})
+    for (const auto& [name, expected] :
+         std::initializer_list<std::pair<const char*, LocaleCodes>>{{"de_AT.UTF-8", {"de", "AT"}},
+                                                                    {"en", {"en", none}},
+                                                                    {"sr_RS@latin", {"sr", "RS"}},
+                                                                    {"ca_ES.UTF-8@valencia", {"ca", "ES"}},
+                                                                    {"es_419.UTF-8", {"es", "419"}},
+                                                                    {"fil_PH", {"fil", "PH"}},
+                                                                    {"EN_us", {"en", "US"}},
+                                                                    {"de_Austria", {"de", none}},
+                                                                    {"C.UTF-8", neither},
+                                                                    {"POSIX", neither},
+                                                                    {"", neither},
+                                                                    {"german", neither},
+                                                                    {"d3_AT", neither},
+                                                                    {"/usr/share/locale/de", neither}})
         EXPECT_EQ(DeviceFacts::parseLocale(name), expected) << '"' << name << '"';
 }
 

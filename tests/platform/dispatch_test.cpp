@@ -3,11 +3,11 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <future>
 #include <latch>
 #include <memory>
 #include <mutex>
 #include <set>
-#include <future>
 #include <stdexcept>
 #include <thread>
 #include <vector>

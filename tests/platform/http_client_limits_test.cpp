@@ -81,11 +81,11 @@ TEST(HttpClientLimits, AnAnswerOfAGigabyteStopsTheTransferAndMemoryStaysFlat) {
         const char* name;
         std::string head, piece;
     };
-    for (const auto& c : {Case{"declared length", "HTTP/1.1 200 OK\r\nContent-Length: 1073741824\r\n\r\n", bytes},
-                          Case{"chunked", "HTTP/1.1 503 Busy\r\nTransfer-Encoding: chunked\r\n\r\n",
-                               "8000\r\n" + bytes + "\r\n"},
-                          Case{"until close", "HTTP/1.1 200 OK\r\nConnection: close\r\n\r\n", bytes},
-                          Case{"header lines", "HTTP/1.1 200 OK\r\n", "X-Filler: " + bytes + "\r\n"}}) {
+    for (const auto& c :
+         {Case{"declared length", "HTTP/1.1 200 OK\r\nContent-Length: 1073741824\r\n\r\n", bytes},
+          Case{"chunked", "HTTP/1.1 503 Busy\r\nTransfer-Encoding: chunked\r\n\r\n", "8000\r\n" + bytes + "\r\n"},
+          Case{"until close", "HTTP/1.1 200 OK\r\nConnection: close\r\n\r\n", bytes},
+          Case{"header lines", "HTTP/1.1 200 OK\r\n", "X-Filler: " + bytes + "\r\n"}}) {
         EndlessServer server(c.head, c.piece);
         auto answer = client.post(server.url(), {}, toBytes("{}"), 20);
         ASSERT_EQ(answer.wait_for(30s), std::future_status::ready) << c.name;

@@ -91,11 +91,14 @@ TEST(CurlHttpClientTest, HeadersAndBodyBytesTravelExactly) {
     EXPECT_EQ(requests[0].method + " " + requests[0].target, "PUT /collect?x=1&y=%20");
     EXPECT_EQ(requests[0].body, body);
     // No form content type made up by the client.
-    EXPECT_EQ(requests[0].headers, (testing::HeaderList{{"Accept", "*/*"}, {"Authorization", "Bearer abc"},
-                                                       {"Content-Length", "17"}, {"Host", host},
-                                                       {"User-Agent", "TestAgent/1.0"}}));
-    EXPECT_EQ(requests[1].headers, (testing::HeaderList{{"Accept", "*/*"}, {"Content-Length", "0"}, {"Host", host},
-                                                       {"User-Agent", "TestAgent/1.0"}}));
+    EXPECT_EQ(requests[0].headers, (testing::HeaderList{{"Accept", "*/*"},
+                                                        {"Authorization", "Bearer abc"},
+                                                        {"Content-Length", "17"},
+                                                        {"Host", host},
+                                                        {"User-Agent", "TestAgent/1.0"}}));
+    EXPECT_EQ(requests[1].headers,
+              (testing::HeaderList{
+                  {"Accept", "*/*"}, {"Content-Length", "0"}, {"Host", host}, {"User-Agent", "TestAgent/1.0"}}));
     EXPECT_EQ(requests[0].remotePort, requests[1].remotePort) << "connection not reused";
 }
 
@@ -190,9 +193,9 @@ TEST(UrlTest, ParseNeedsASchemeAndAHost) {
     EXPECT_EQ(std::tie(url->scheme, url->host, url->port, url->path, url->query),
               std::make_tuple("https", "::1", 8443, "/path/to", "q=1&r=2"));
     EXPECT_EQ(Url::parse("http://collect.example.com")->path, "/");
-    for (const char* text : {"", "https://exa mple.com", "https://example.com/a b", "collect.example.com", "https://",
-                             "https:///path", "https://example.com:99999/", "https://example.com:port/",
-                             "://example.com"})
+    for (const char* text :
+         {"", "https://exa mple.com", "https://example.com/a b", "collect.example.com", "https://", "https:///path",
+          "https://example.com:99999/", "https://example.com:port/", "://example.com"})
         EXPECT_FALSE(Url::parse(text)) << "'" << text << "'";
     EXPECT_FALSE(Url::parse(std::string_view("https://a.com/\0x", 16)));
 }

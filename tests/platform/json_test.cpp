@@ -8,9 +8,14 @@ namespace tavrin::platform {
 namespace {
 
 TEST(Base64Test, RoundTripsTheStandardVectorsAndEveryByte) {
-    const std::pair<const char*, const char*> vectors[] = {
-        {"", ""},           {"f", "Zg=="},         {"fo", "Zm8="},         {"foo", "Zm9v"},
-        {"foob", "Zm9vYg=="}, {"fooba", "Zm9vYmE="}, {"foobar", "Zm9vYmFy"}, {"\xFB\xFF\xBF", "+/+/"}};
+    const std::pair<const char*, const char*> vectors[] = {{"", ""},
+                                                           {"f", "Zg=="},
+                                                           {"fo", "Zm8="},
+                                                           {"foo", "Zm9v"},
+                                                           {"foob", "Zm9vYg=="},
+                                                           {"fooba", "Zm9vYmE="},
+                                                           {"foobar", "Zm9vYmFy"},
+                                                           {"\xFB\xFF\xBF", "+/+/"}};
     for (const auto& [plain, encoded] : vectors) {
         EXPECT_EQ(base64Encode(std::string_view(plain)), encoded);
         const auto decoded = base64Decode(encoded);
@@ -23,9 +28,10 @@ TEST(Base64Test, RoundTripsTheStandardVectorsAndEveryByte) {
 }
 
 TEST(Base64Test, RejectsMalformedText) {
-    for (const char* bad : {"Zg", "Zg=", "Zm9", "Z===", "====", "Zg==Zg==", "Zm=v", "Zm9v=", "Zm9v====",  // length, padding
-                            "Zh==", "Zm9=",  // padding hides set bits
-                            "Zm9v\n", " Zm9v", "Zm-_", "Zm9*", "Zm9v\xC3\xA9"}) {
+    for (const char* bad :
+         {"Zg", "Zg=", "Zm9", "Z===", "====", "Zg==Zg==", "Zm=v", "Zm9v=", "Zm9v====",  // length, padding
+          "Zh==", "Zm9=",                                                               // padding hides set bits
+          "Zm9v\n", " Zm9v", "Zm-_", "Zm9*", "Zm9v\xC3\xA9"}) {
         EXPECT_FALSE(base64Decode(bad).has_value()) << ::testing::PrintToString(std::string(bad));
     }
     EXPECT_FALSE(base64Decode(std::string_view("Zm\0v", 4)).has_value());
@@ -69,9 +75,7 @@ TEST(JsonTest, DumpIsCompactInMemberOrder) {
     EXPECT_EQ(dumpJson(doc), "{\"b\":1,\"a\":[1.0,\"caf\xC3\xA9\",null,false]}");
 }
 
-TEST(JsonTest, DumpReplacesInvalidUtf8InsteadOfThrowing) {
-    EXPECT_EQ(dumpJson(Json("a\xFF")), "\"a\xEF\xBF\xBD\"");
-}
+TEST(JsonTest, DumpReplacesInvalidUtf8InsteadOfThrowing) { EXPECT_EQ(dumpJson(Json("a\xFF")), "\"a\xEF\xBF\xBD\""); }
 
 }  // namespace
 }  // namespace tavrin::platform

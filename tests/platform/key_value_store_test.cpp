@@ -12,10 +12,10 @@
 #include <fstream>
 #include <functional>
 #include <iostream>
-#include <tuple>
 #include <map>
 #include <sstream>
 #include <thread>
+#include <tuple>
 
 #include "tavrin/platform/device_facts.h"
 #include "tavrin/platform/internal/json.h"
@@ -72,10 +72,15 @@ protected:
 
 // A typed read of another type finds nothing, however convertible the value looks.
 TEST_F(SqliteKeyValueStoreTest, KeyHoldsTheLastValueWrittenWithItsTypeAcrossReopen) {
-    const std::vector<std::pair<std::string, Value>> values = {
-        {"text", std::string("42")},      {"number", std::int64_t{42}},         {"bytes", toBytes("42")},
-        {"nul", std::string("a\0b", 3)},  {"binary", Bytes{0x00, 0xff, 0x00}}, {"empty text", std::string()},
-        {"empty data", Bytes{}},          {"min", INT64_MIN},                   {"max", INT64_MAX}};
+    const std::vector<std::pair<std::string, Value>> values = {{"text", std::string("42")},
+                                                               {"number", std::int64_t{42}},
+                                                               {"bytes", toBytes("42")},
+                                                               {"nul", std::string("a\0b", 3)},
+                                                               {"binary", Bytes{0x00, 0xff, 0x00}},
+                                                               {"empty text", std::string()},
+                                                               {"empty data", Bytes{}},
+                                                               {"min", INT64_MIN},
+                                                               {"max", INT64_MAX}};
     {
         SqliteKeyValueStore store(file);
         ASSERT_TRUE(store.setInteger("removed", 1) && store.remove("removed") && store.setString("number", "old"));
@@ -109,9 +114,10 @@ TEST_F(SqliteKeyValueStoreTest, AcknowledgedWritesSurviveSigkill) {
     ASSERT_EQ(pipe(acks), 0);
     const pid_t pid = fork();
     ASSERT_GE(pid, 0);  // never kill(-1)
-    if (pid == 0) {  // writes until killed, acknowledging each write
+    if (pid == 0) {     // writes until killed, acknowledging each write
         SqliteKeyValueStore store(file);
-        for (int i = 0; store.set("key" + std::to_string(i), valueFor(i)) && write(acks[1], "", 1) == 1; ++i) {}
+        for (int i = 0; store.set("key" + std::to_string(i), valueFor(i)) && write(acks[1], "", 1) == 1; ++i) {
+        }
         _exit(2);
     }
     close(acks[1]);
@@ -144,8 +150,9 @@ TEST_F(SqliteKeyValueStoreTest, UnusableFileIsMovedAsideAndReplaced) {
     {
         TempDir other;
         Connection connection(other / "shop.db");
-        ASSERT_TRUE(connection.run("CREATE TABLE key_value (name TEXT PRIMARY KEY, content BLOB);"
-                                   "INSERT INTO key_value VALUES ('user', 'alice')"));
+        ASSERT_TRUE(
+            connection.run("CREATE TABLE key_value (name TEXT PRIMARY KEY, content BLOB);"
+                           "INSERT INTO key_value VALUES ('user', 'alice')"));
         foreign = readFile(other / "shop.db");
     }
 
@@ -253,13 +260,16 @@ TEST_F(SqliteKeyValueStoreTest, LocationOthersControlIsRefused) {
              return true;
          },
          "is a symbolic link"},
-        {"directory writable by others", [](const fs::path& data, fs::path&) { return ::chmod(data.c_str(), 0703) == 0; },
-         "writable by other users"},
+        {"directory writable by others",
+         [](const fs::path& data, fs::path&) { return ::chmod(data.c_str(), 0703) == 0; }, "writable by other users"},
         {"directory writable by another group",
-         [](const fs::path& data, fs::path&) { return ::chown(data.c_str(), -1, 65534) == 0 && ::chmod(data.c_str(), 0770) == 0; },
+         [](const fs::path& data, fs::path&) {
+             return ::chown(data.c_str(), -1, 65534) == 0 && ::chmod(data.c_str(), 0770) == 0;
+         },
          "writable by its group"},
         {"directory owned by another user",
-         [](const fs::path& data, fs::path&) { return ::chown(data.c_str(), 65534, 65534) == 0; }, "owned by another user"},
+         [](const fs::path& data, fs::path&) { return ::chown(data.c_str(), 65534, 65534) == 0; },
+         "owned by another user"},
         {"database file is a symbolic link",
          [](const fs::path& data, fs::path& open) {
              fs::rename(open, data / "elsewhere.sqlite");
@@ -268,7 +278,8 @@ TEST_F(SqliteKeyValueStoreTest, LocationOthersControlIsRefused) {
          },
          "is a symbolic link"},
         {"database file owned by another user",
-         [](const fs::path&, fs::path& open) { return ::chown(open.c_str(), 65534, 65534) == 0; }, "owned by another user"},
+         [](const fs::path&, fs::path& open) { return ::chown(open.c_str(), 65534, 65534) == 0; },
+         "owned by another user"},
     };
     int index = 0;
     for (const auto& [name, prepare, logged] : cases) {

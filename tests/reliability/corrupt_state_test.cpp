@@ -53,12 +53,14 @@ TEST(CorruptStateChild, Launch) {
     platform::SystemLog::setSink(sink);
     platform::KeyValueStore::setDataDirectory(env("TAVRIN_CORRUPT_DIR"));
     platform::PathMonitor::setFactory([first]() -> std::shared_ptr<platform::PathMonitor> {
-        return std::make_shared<ScriptedPathMonitor>(first ? platform::PathStatus::unsatisfied : platform::PathStatus::satisfied);
+        return std::make_shared<ScriptedPathMonitor>(first ? platform::PathStatus::unsatisfied
+                                                           : platform::PathStatus::satisfied);
     });
     if (env("TAVRIN_CORRUPT_LOAD_SETTINGS") == "1") TrackingSettings::loadConfigFromUserDefaults();
     TavrinService::configure(trackConfig(env("TAVRIN_CORRUPT_DOMAIN")));
     auto& log = LoggerUtility::shared();
-    if (!waitUntil([&] { return sink->walkFinished && OfflineCacheManager::shared()->isCurrentlyOffline() == first; }, 60s))
+    if (!waitUntil([&] { return sink->walkFinished && OfflineCacheManager::shared()->isCurrentlyOffline() == first; },
+                   60s))
         log.error("launch: the resend walk did not finish");
     try {
         for (const char* mark : first ? std::vector{"s1", "s2"} : std::vector{"c1"}) {
@@ -117,9 +119,12 @@ class TavrinServiceCorruptStateTest : public ::testing::Test {
 protected:
     void SetUp() override {
         const auto first = launch(root / "golden", "first");
-        ASSERT_TRUE(first.status == 0 && first.log.find("launch: ") == std::string::npos) << "the first launch failed: " << first.log;
-        ASSERT_TRUE(first.requests.empty()) << "the first launch was to stay offline, yet sent " << first.requests[0].body;
-        platform::SqliteKeyValueStore store(root / "golden" / platform::SqliteKeyValueStore::kFileName, {.readOnly = true});
+        ASSERT_TRUE(first.status == 0 && first.log.find("launch: ") == std::string::npos)
+            << "the first launch failed: " << first.log;
+        ASSERT_TRUE(first.requests.empty())
+            << "the first launch was to stay offline, yet sent " << first.requests[0].body;
+        platform::SqliteKeyValueStore store(root / "golden" / platform::SqliteKeyValueStore::kFileName,
+                                            {.readOnly = true});
         userId = store.string(kUserIdKey).value_or("");
         consentId = store.string(kConsentIdKey).value_or("");
         lastupdate = store.integer(kLastUpdateKey).value_or(0);
@@ -133,12 +138,15 @@ protected:
     fs::path freshCopy(const std::string& key = "", const Value& value = Value{}) {
         const fs::path data = root / ("case-" + std::to_string(++cases)) / "data";
         fs::create_directories(data);
-        for (const auto& file : fs::directory_iterator(root / "golden")) fs::copy(file.path(), data / file.path().filename());
-        EXPECT_TRUE(key.empty() || platform::SqliteKeyValueStore(data / platform::SqliteKeyValueStore::kFileName).set(key, value));
+        for (const auto& file : fs::directory_iterator(root / "golden"))
+            fs::copy(file.path(), data / file.path().filename());
+        EXPECT_TRUE(key.empty() ||
+                    platform::SqliteKeyValueStore(data / platform::SqliteKeyValueStore::kFileName).set(key, value));
         return data;
     }
 
-    Launch launch(const fs::path& data, const std::string& role, bool loadSettings = false, bool readOnlyMount = false) {
+    Launch launch(const fs::path& data, const std::string& role, bool loadSettings = false,
+                  bool readOnlyMount = false) {
         Launch out;
         const std::size_t before = server.requests().size();
         ChildProcess child("CorruptStateChild.Launch",
@@ -158,7 +166,8 @@ protected:
                 const std::vector<std::string>& logged) {
         const std::string log = launch.log.substr(0, 20000);
         ASSERT_EQ(launch.status, 0) << "the launch did not end normally; its log:\n" << log;
-        for (const auto& line : logged) EXPECT_NE(launch.log.find(line), std::string::npos) << "not logged: " << line << "\n" << log;
+        for (const auto& line : logged)
+            EXPECT_NE(launch.log.find(line), std::string::npos) << "not logged: " << line << "\n" << log;
         EXPECT_EQ(launch.log.find("launch: "), std::string::npos) << log;
 
         // It keeps working: its submission and its consent report went out once.
@@ -170,7 +179,8 @@ protected:
             ASSERT_TRUE(body.is_object()) << "not a JSON object: " << request.body;
             const bool consent = body["data"].contains("consent");
             const std::string what = !consent ? body["data"]["variables"].value("mark", "")
-                                     : body["data"]["consent"]["vendors"].contains("vendorC") ? "report" : "first report";
+                                     : body["data"]["consent"]["vendors"].contains("vendorC") ? "report"
+                                                                                              : "first report";
             ++sent[what];
             if (what == "c1") submitted = body;
             if (what == "report") report = body;
@@ -195,8 +205,9 @@ protected:
         else
             EXPECT_TRUE(consent["action"] == "new" && consent["id"].get<std::string>().size() == 36) << consent;
         const bool vendors = intact(kVendorKey);
-        EXPECT_EQ(submitted["consent"], vendors ? PlainJson::parse(R"({"vendorA":{"status":true},"vendorB":{"status":false}})")
-                                                : PlainJson::object());
+        EXPECT_EQ(submitted["consent"],
+                  vendors ? PlainJson::parse(R"({"vendorA":{"status":true},"vendorB":{"status":false}})")
+                          : PlainJson::object());
         EXPECT_EQ(changed, PlainJson::parse(vendors ? R"({"vendorC":"ncm"})" : R"({"vendorA":true,"vendorC":"ncm"})"));
         // Every record of the first launch but the broken one was resent, once.
         const std::string records[] = {"s1", "s2", "first report"};
@@ -215,9 +226,11 @@ protected:
                                           : VendorConsents::value_type{"vendorB", ConsentStatus::deny}}));
         const auto stamp = store.integer(kLastUpdateKey);
         EXPECT_TRUE(written ? stamp >= lastupdate : stamp == lastupdate) << stamp.value_or(-1);
-        EXPECT_EQ(store.values(kRecordPrefix).size(), written ? 0u : recordKeys.size()) << "sent or broken records stay cached";
+        EXPECT_EQ(store.values(kRecordPrefix).size(), written ? 0u : recordKeys.size())
+            << "sent or broken records stay cached";
         const auto settings = store.data(kSettingsKey);
-        EXPECT_TRUE(settings && decodeJson<TrackConfig>(platform::toString(*settings)).trackDomain == hostPort(server.port()));
+        EXPECT_TRUE(settings &&
+                    decodeJson<TrackConfig>(platform::toString(*settings)).trackDomain == hostPort(server.port()));
     }
 
     void printTally(const std::string& what) {
@@ -244,11 +257,18 @@ TEST_F(TavrinServiceCorruptStateTest, BrokenStoredValueCostsOnlyThatValue) {
     };
     const std::string vendors = "stored under key VendorConsents could not be decoded";
     std::vector<Key> keys{
-        {kSettingsKey, false, platform::toBytes(R"(["shop-app","live"])"),
+        {kSettingsKey,
+         false,
+         platform::toBytes(R"(["shop-app","live"])"),
          {"the value stored under key com.tavrin.TrackingSettings could not be decoded"}},
-        {kUserIdKey, true, std::int64_t{482173166720012377}, {"The User ID stored under key global_user_id is not well formed"},
+        {kUserIdKey,
+         true,
+         std::int64_t{482173166720012377},
+         {"The User ID stored under key global_user_id is not well formed"},
          {"the value stored under key global_user_id is an integer, not text"}},
-        {kConsentIdKey, true, platform::toBytes("7c9e6679-7425-40de-944b-e07fc1f90ae7"),
+        {kConsentIdKey,
+         true,
+         platform::toBytes("7c9e6679-7425-40de-944b-e07fc1f90ae7"),
          {"The Consent ID stored under key shop-app_consentID is not usable"},
          {"the value stored under key shop-app_consentID is data, not text"}},
         // The statuses without their second encoding layer.
@@ -258,7 +278,9 @@ TEST_F(TavrinServiceCorruptStateTest, BrokenStoredValueCostsOnlyThatValue) {
     };
     // Each offline cache record in turn: the other two are still resent.
     for (const auto& record : recordKeys)
-        keys.push_back({record, false, platform::toBytes(R"([{"type":"dataSubmission"}])"),
+        keys.push_back({record,
+                        false,
+                        platform::toBytes(R"([{"type":"dataSubmission"}])"),
                         {"Failed to load cache: ", "(record " + record + " removed)"}});
     for (int round = 0; round < reliabilityScale(); ++round) {  // garbage differs per round
         for (const auto& k : keys) {
@@ -289,23 +311,32 @@ TEST_F(TavrinServiceCorruptStateTest, BrokenDatabaseFileLeavesTheSdkWorking) {
         Previous previous;
         std::vector<std::string> logged;
     } table[] = {
-        {"truncated, as by a full disk", [&](const fs::path& data) { fs::resize_file(file(data), fs::file_size(file(data)) / 2); },
-         Previous::gone, movedAside},
-        {"zeroed", [&](const fs::path& data) {
+        {"truncated, as by a full disk",
+         [&](const fs::path& data) { fs::resize_file(file(data), fs::file_size(file(data)) / 2); }, Previous::gone,
+         movedAside},
+        {"zeroed",
+         [&](const fs::path& data) {
              const std::string zeros(fs::file_size(file(data)), '\0');
              std::ofstream(file(data), std::ios::binary | std::ios::trunc) << zeros;
-         }, Previous::gone, movedAside},
+         },
+         Previous::gone, movedAside},
         // Someone else's directory in its place: left alone, values live in memory.
-        {"replaced by a directory", [&](const fs::path& data) {
+        {"replaced by a directory",
+         [&](const fs::path& data) {
              for (const char* suffix : {"", "-wal", "-shm"}) fs::remove(fs::path(file(data).string() + suffix));
              fs::create_directory(file(data));
              std::ofstream(file(data) / "theirs.txt") << "not yours";
-         }, Previous::inMemory, {"values are kept in memory for this run only"}},
+         },
+         Previous::inMemory,
+         {"values are kept in memory for this run only"}},
         // Modes for an ordinary user, a read-only mount for root (who ignores modes).
-        {"read-only", [](const fs::path& data) {
+        {"read-only",
+         [](const fs::path& data) {
              for (const auto& entry : fs::directory_iterator(data)) fs::permissions(entry.path(), fs::perms(0444));
              fs::permissions(data, fs::perms(0555));
-         }, Previous::readOnly, {"writes will fail"}},
+         },
+         Previous::readOnly,
+         {"writes will fail"}},
     };
     for (const auto& row : table) {
         SCOPED_TRACE(row.name);
@@ -314,7 +345,8 @@ TEST_F(TavrinServiceCorruptStateTest, BrokenDatabaseFileLeavesTheSdkWorking) {
         const auto second = launch(data, "second", false, row.previous == Previous::readOnly && ::geteuid() == 0);
         fs::permissions(data, fs::perms(0755));
         for (const auto& entry : fs::directory_iterator(data)) fs::permissions(entry.path(), fs::perms(0755));
-        if (second.status == kCannotMountReadOnly) continue;  // no private read-only mount: needs root and mount namespaces
+        if (second.status == kCannotMountReadOnly)
+            continue;  // no private read-only mount: needs root and mount namespaces
         verify(second, data, "", row.previous, row.logged);
         // The broken file is kept beside the fresh one, a foreign directory left as it was.
         int aside = 0;

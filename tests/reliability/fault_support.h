@@ -46,7 +46,9 @@ public:
         thread_ = std::thread([this] {
             for (; !stopping_; std::this_thread::sleep_for(std::chrono::milliseconds(2))) {
                 std::lock_guard lock(mutex_);
-                std::erase_if(pending_, [&](auto& p) { return std::visit([&](auto& f) { return ended(p.first, f); }, p.second); });
+                std::erase_if(pending_, [&](auto& p) {
+                    return std::visit([&](auto& f) { return ended(p.first, f); }, p.second);
+                });
             }
         });
     }

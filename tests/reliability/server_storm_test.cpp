@@ -53,7 +53,8 @@ public:
         socklen_t length = sizeof address;
         listenFd_ = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
         if (::bind(listenFd_, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0 ||
-            ::getsockname(listenFd_, reinterpret_cast<sockaddr*>(&address), &length) != 0 || ::listen(listenFd_, 256) != 0)
+            ::getsockname(listenFd_, reinterpret_cast<sockaddr*>(&address), &length) != 0 ||
+            ::listen(listenFd_, 256) != 0)
             throw std::runtime_error("storm server could not listen");
         port_ = ntohs(address.sin_port);
         arrivals_.resize(20000);  // touched now, so recording adds no resident memory later
@@ -112,16 +113,18 @@ private:
             const M mode = mode_;
             {
                 std::lock_guard lock(mutex_);
-                arrivals_.push_back({stormIdIn(body), body.find("\"app_offline_resend_timestamp\"") != std::string::npos, mode});
+                arrivals_.push_back(
+                    {stormIdIn(body), body.find("\"app_offline_resend_timestamp\"") != std::string::npos, mode});
             }
             if (mode == M::reset) {
                 const linger abort{1, 0};  // close with RST instead of FIN
                 ::setsockopt(c.fd, SOL_SOCKET, SO_LINGER, &abort, sizeof abort);
                 return false;
             }
-            const std::string_view reply = mode == M::ok
-                ? "HTTP/1.1 200 OK\r\nContent-Length: 0\r\nConnection: close\r\n\r\n"
-                : "HTTP/1.1 503 Service Unavailable\r\nContent-Length: 0\r\nRetry-After: 1\r\nConnection: close\r\n\r\n";
+            const std::string_view reply =
+                mode == M::ok
+                    ? "HTTP/1.1 200 OK\r\nContent-Length: 0\r\nConnection: close\r\n\r\n"
+                    : "HTTP/1.1 503 Service Unavailable\r\nContent-Length: 0\r\nRetry-After: 1\r\nConnection: close\r\n\r\n";
             if (mode == M::hang) continue;
             (void)!::send(c.fd, reply.data(), reply.size(), MSG_NOSIGNAL);
             ::shutdown(c.fd, SHUT_WR);  // closed once the client has closed its end
@@ -311,19 +314,22 @@ TEST_F(TavrinServiceServerStormTest, NothingIsLostOrDeliveredTwiceAndEveryCallEn
         else
             (attempts[c.id] == 1 && c.live ? firstTry : afterCaching) += 1;
     }
-    EXPECT_EQ(lost, logWatch->discards() - discardsBefore) << "a submission neither delivered nor discarded after its last attempt";
+    EXPECT_EQ(lost, logWatch->discards() - discardsBefore)
+        << "a submission neither delivered nor discarded after its last attempt";
     EXPECT_EQ(cachedCount(), 0u);
     EXPECT_LT(longestCall, kRequestTimeout / 3) << "a call that waits for the server takes a request timeout";
     EXPECT_GT(firstTry, 0) << "the recovery's live calls";
-    const double growth = (static_cast<double>(memoryAfter) - static_cast<double>(memoryBefore)) / static_cast<double>(memoryBefore);
+    const double growth =
+        (static_cast<double>(memoryAfter) - static_cast<double>(memoryBefore)) / static_cast<double>(memoryBefore);
     EXPECT_LE(growth, 0.10) << memoryBefore << " -> " << memoryAfter << " bytes";
 
     const auto seconds = [](auto d) { return std::to_string(std::chrono::duration<double>(d).count()).substr(0, 5); };
-    printFigure("server storm: " + std::to_string(calls) + " calls, " + std::to_string(firstTry) + " delivered at once, " +
-                std::to_string(afterCaching) + " cached and delivered later, " + std::to_string(lost) +
-                " discarded after 4 attempts; " + std::to_string(arrivals.size() - arrivalsBefore) +
-                " sends; longest call " + seconds(longestCall * 1000) + " ms, longest future " + seconds(longestFuture) +
-                " s; memory " + std::to_string(growth * 100).substr(0, 4) + "% (" + std::to_string(memoryBefore >> 10) +
+    printFigure("server storm: " + std::to_string(calls) + " calls, " + std::to_string(firstTry) +
+                " delivered at once, " + std::to_string(afterCaching) + " cached and delivered later, " +
+                std::to_string(lost) + " discarded after 4 attempts; " +
+                std::to_string(arrivals.size() - arrivalsBefore) + " sends; longest call " +
+                seconds(longestCall * 1000) + " ms, longest future " + seconds(longestFuture) + " s; memory " +
+                std::to_string(growth * 100).substr(0, 4) + "% (" + std::to_string(memoryBefore >> 10) +
                 " KiB before); scale " + std::to_string(scale));
 }
 

@@ -37,7 +37,8 @@ void inSplitNetwork(const std::function<void(LoopbackServer&, const std::string&
                 server = std::make_unique<LoopbackServer>(std::nullopt, "10.201.0.1");
         });
         const pid_t tid = serverTid.get_future().get();
-        linked.set_value(tid > 0 && ip("link set lo up") && ip("link add v0 type veth peer name v1 netns " + std::to_string(tid)) &&
+        linked.set_value(tid > 0 && ip("link set lo up") &&
+                         ip("link add v0 type veth peer name v1 netns " + std::to_string(tid)) &&
                          ip("addr add 10.200.0.1/24 dev v0") && ip("link set v0 up"));
         serverSide.join();
         ASSERT_TRUE(server) << "could not set up the two namespaces";
@@ -96,7 +97,8 @@ TEST(KillChild, Launch) {
     // Sent before the monitor's first report, a request would go out live and fail.
     report(waitUntil([&] { return manager->isCurrentlyOffline(); }, 20s) ? "ready" : "never offline");
     const int operations = std::stoi(env("TAVRIN_KILL_OPERATIONS"));
-    FutureWatch watch(operations, [](const FutureWatch::Call& call) { report((call.error ? "err " : "ok ") + call.id); });
+    FutureWatch watch(operations,
+                      [](const FutureWatch::Call& call) { report((call.error ? "err " : "ok ") + call.id); });
     std::mt19937 random(std::random_device{}());
     for (int i = 0; i < operations; ++i) {
         const std::string id = (i % 16 == 15 ? "c-" : "s-") + env("TAVRIN_KILL_LAUNCH") + "-" + std::to_string(i);
@@ -150,8 +152,9 @@ protected:
     }
 
     std::vector<std::string> environment(const std::string& role, int launch, int operations) const {
-        return {"TAVRIN_KILL_ROLE=" + role, "TAVRIN_KILL_DIR=" + dataDir.path().string(), "TAVRIN_KILL_DOMAIN=" + domain,
-                "TAVRIN_KILL_LAUNCH=" + std::to_string(launch), "TAVRIN_KILL_OPERATIONS=" + std::to_string(operations)};
+        return {"TAVRIN_KILL_ROLE=" + role, "TAVRIN_KILL_DIR=" + dataDir.path().string(),
+                "TAVRIN_KILL_DOMAIN=" + domain, "TAVRIN_KILL_LAUNCH=" + std::to_string(launch),
+                "TAVRIN_KILL_OPERATIONS=" + std::to_string(operations)};
     }
 
     TempDir dataDir;
@@ -185,8 +188,9 @@ TEST_F(TavrinServiceKillTest, WhatCompletedBeforeAKillIsDeliveredOnceByTheNextLa
         EXPECT_EQ(leftInCache, 0u);
         EXPECT_EQ(delivered.count("<without id>"), 0);
         printFigure("kill -9: " + std::to_string(completed.size()) + " operations completed before the kill, " +
-                    std::to_string(delivered.total) + " delivered (in-flight ones included), " + std::to_string(lost.size()) +
-                    " lost, " + std::to_string(twice.size()) + " twice, " + std::to_string(failed.size()) + " failed futures");
+                    std::to_string(delivered.total) + " delivered (in-flight ones included), " +
+                    std::to_string(lost.size()) + " lost, " + std::to_string(twice.size()) + " twice, " +
+                    std::to_string(failed.size()) + " failed futures");
     });
 }
 
@@ -210,7 +214,8 @@ TEST(TavrinServiceNetworkFlapTest, EachSubmissionArrivesOnceOrItsFutureFails) {
         std::thread flapper([&] {
             std::mt19937 random(std::random_device{}());
             for (int i = 0; i < 2 * flaps; ++i) {  // down, up; each after 20-500 ms
-                std::this_thread::sleep_for(std::chrono::milliseconds(std::uniform_int_distribution<int>(20, 500)(random)));
+                std::this_thread::sleep_for(
+                    std::chrono::milliseconds(std::uniform_int_distribution<int>(20, 500)(random)));
                 i % 2 ? routeUp() : routeDown();
             }
         });
@@ -219,8 +224,10 @@ TEST(TavrinServiceNetworkFlapTest, EachSubmissionArrivesOnceOrItsFutureFails) {
         FutureWatch watch(submissions);
         for (int i = 0; i < submissions; ++i) {
             TrackingService::shared()->push({{"track", "pageview"}, {"uid", "f-" + std::to_string(i)}});
-            watch.add({.id = "f-" + std::to_string(i), .started = FaultClock::now()}, TrackingService::shared()->submit());
-            std::this_thread::sleep_for(std::chrono::milliseconds(std::uniform_int_distribution<int>(0, flaps * 1040 / submissions)(random)));
+            watch.add({.id = "f-" + std::to_string(i), .started = FaultClock::now()},
+                      TrackingService::shared()->submit());
+            std::this_thread::sleep_for(
+                std::chrono::milliseconds(std::uniform_int_distribution<int>(0, flaps * 1040 / submissions)(random)));
         }
         watch.waitAllDone(40s);
         flapper.join();
@@ -241,12 +248,14 @@ TEST(TavrinServiceNetworkFlapTest, EachSubmissionArrivesOnceOrItsFutureFails) {
         int failed = 0;
         for (const auto& call : watch.calls()) {
             // A live send ends within the 30-second request timeout.
-            EXPECT_TRUE(call.took >= 0ms && call.took <= 40s) << call.id << " ended after " << call.took.count() << " ms";
+            EXPECT_TRUE(call.took >= 0ms && call.took <= 40s)
+                << call.id << " ended after " << call.took.count() << " ms";
             failed += call.error != nullptr;
             if (!call.error && delivered.count(call.id) == 0) notDelivered.push_back(call.id);
         }
         const auto twice = delivered.duplicated();
-        EXPECT_LE(notDelivered.size(), discarded) << "reported success but never arrived, first " << notDelivered.front();
+        EXPECT_LE(notDelivered.size(), discarded)
+            << "reported success but never arrived, first " << notDelivered.front();
         EXPECT_TRUE(twice.empty()) << twice.size() << " arrived more than once, first " << twice.front();
         EXPECT_EQ(left, 0u) << "requests still cached after the network came back";
         EXPECT_EQ(delivered.count("<without id>"), 0);
@@ -254,9 +263,10 @@ TEST(TavrinServiceNetworkFlapTest, EachSubmissionArrivesOnceOrItsFutureFails) {
         EXPECT_GT(offlineReports, 0u);
         EXPECT_GT(delivered.resent, 0);
         printFigure("network flaps: " + std::to_string(offlineReports) + " seen offline; " +
-                    std::to_string(delivered.total - delivered.resent) + " delivered live, " + std::to_string(delivered.resent) +
-                    " cached and resent, " + std::to_string(failed) + " failed in their future, " + std::to_string(discarded) +
-                    " discarded after their last attempt; " + std::to_string(twice.size()) + " twice, " + std::to_string(left) + " left");
+                    std::to_string(delivered.total - delivered.resent) + " delivered live, " +
+                    std::to_string(delivered.resent) + " cached and resent, " + std::to_string(failed) +
+                    " failed in their future, " + std::to_string(discarded) + " discarded after their last attempt; " +
+                    std::to_string(twice.size()) + " twice, " + std::to_string(left) + " left");
     });
 }
 

@@ -6,7 +6,6 @@
 
 #include "tests/end_to_end/end_to_end_fixture.h"
 
-
 #if defined(__SANITIZE_ADDRESS__)
 // A child forked from a busy process holds memory that only the parent's
 // threads, absent in the child, point to: the leak check is the parent's.
@@ -70,7 +69,8 @@ std::string failsFast(const char* what, const std::function<void()>& call) {
     try {
         call();
     } catch (const TrackingServiceError& e) {
-        if (e.code() == TrackingServiceError::Code::notInitialized && std::string(e.what()).find("fork") != std::string::npos)
+        if (e.code() == TrackingServiceError::Code::notInitialized &&
+            std::string(e.what()).find("fork") != std::string::npos)
             return "";
         return std::string(what) + ": " + e.what();
     }

@@ -5,8 +5,8 @@
 
 #include <cmath>
 #include <fstream>
-#include <iterator>
 #include <functional>
+#include <iterator>
 #include <tuple>
 #include <vector>
 
@@ -145,7 +145,8 @@ TEST_F(TrackingSettingsDeathTest, SharedBeforeConfigureStopsAfterAnErrorLine) {
     GTEST_FLAG_SET(death_test_style, "threadsafe");
     // The error line (through a stderr sink) comes first, then the stop message.
     platform::SystemLog::setSink(std::make_shared<platform::StderrSink>());
-    EXPECT_DEATH(TrackingSettings::shared(), std::string("ERROR: ") + kNotInitialized + "\n" + kNotInitialized + "\n" + kEmulatorLine + "$");
+    EXPECT_DEATH(TrackingSettings::shared(),
+                 std::string("ERROR: ") + kNotInitialized + "\n" + kNotInitialized + "\n" + kEmulatorLine + "$");
 }
 
 TEST_F(TrackingSettingsDeathTest, RequiredGettersWithoutAConfigStop) {
@@ -153,8 +154,8 @@ TEST_F(TrackingSettingsDeathTest, RequiredGettersWithoutAConfigStop) {
     const TrackingSettings empty(std::nullopt);
     platform::SystemLog::setSink(std::make_shared<platform::StderrSink>());  // nothing but the stop message
     for (const auto& getter : std::vector<std::function<void()>>{
-             [&] { (void)empty.trackDomain(); }, [&] { (void)empty.container(); },
-             [&] { (void)empty.environment(); }, [&] { (void)empty.authorizationToken(); }})
+             [&] { (void)empty.trackDomain(); }, [&] { (void)empty.container(); }, [&] { (void)empty.environment(); },
+             [&] { (void)empty.authorizationToken(); }})
         EXPECT_DEATH(getter(), "^TrackConfig is not available\\.\n" + kEmulatorLine + "$");
 }
 

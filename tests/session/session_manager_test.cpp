@@ -47,10 +47,15 @@ TEST_F(SessionManagerTest, TimeoutIsHalfAnHourUntilSet) {
 // The shortest exact decimal, always with a fractional part.
 TEST_F(SessionManagerTest, NewTimeoutIsLoggedAsItsShortestDecimal) {
     Lines expected;
-    for (const auto& [seconds, text] : std::vector<std::pair<double, std::string>>{
-             {1800, "1800.0"}, {-3, "-3.0"}, {0.0001, "0.0001"}, {123456.789, "123456.789"},
-             {9007199254740991, "9007199254740991.0"}, {9007199254740992, "9.007199254740992e+15"},
-             {1e300, "1e+300"}, {1e-7, "1e-07"}}) {
+    for (const auto& [seconds, text] :
+         std::vector<std::pair<double, std::string>>{{1800, "1800.0"},
+                                                     {-3, "-3.0"},
+                                                     {0.0001, "0.0001"},
+                                                     {123456.789, "123456.789"},
+                                                     {9007199254740991, "9007199254740991.0"},
+                                                     {9007199254740992, "9.007199254740992e+15"},
+                                                     {1e300, "1e+300"},
+                                                     {1e-7, "1e-07"}}) {
         SessionManager::setSessionTimeout(seconds);
         expected.push_back("Session timeout set to " + text + " seconds");
     }
@@ -62,8 +67,7 @@ TEST_F(SessionManagerTest, SubmissionsContinueTheSessionUntilTheTimeoutIsExceede
     SessionManager::setSessionTimeout(10);
     const auto [id, action] = SessionManager::startOrResumeSession();
     EXPECT_EQ(action, Action::new_);
-    EXPECT_TRUE(std::regex_match(id, std::regex("[0-9A-F]{8}-[0-9A-F]{4}-[0-9A-F]{4}-[0-9A-F]{4}-[0-9A-F]{12}")))
-        << id;
+    EXPECT_TRUE(std::regex_match(id, std::regex("[0-9A-F]{8}-[0-9A-F]{4}-[0-9A-F]{4}-[0-9A-F]{4}-[0-9A-F]{12}"))) << id;
     for (int i = 0; i < 2; ++i) {  // each submission restarts the inactivity period
         Clock::advance(10.0);
         EXPECT_EQ(SessionManager::startOrResumeSession(), std::make_pair(id, Action::update));

@@ -12,8 +12,7 @@ namespace tavrin::testing {
 
 class LogCapture {
 public:
-    explicit LogCapture(LogLevel level = LogLevel::debug)
-        : sink(std::make_shared<CapturingSink>()) {
+    explicit LogCapture(LogLevel level = LogLevel::debug) : sink(std::make_shared<CapturingSink>()) {
         platform::SystemLog::setSink(sink);
         LoggerUtility::resetShared();
         if (level != LogLevel::info) LoggerUtility::shared().setLogLevel(level);

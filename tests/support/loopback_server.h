@@ -54,7 +54,7 @@ public:
     ~LoopbackServer();
 
     int port() const noexcept { return port_; }
-    std::string baseUrl() const;  // "http://<host>:<port>" (https for TLS)
+    std::string baseUrl() const;       // "http://<host>:<port>" (https for TLS)
     void setHandler(Handler handler);  // runs on a server thread
     void respondWith(ScriptedResponse response) {
         setHandler([response](const RecordedRequest&) { return response; });

@@ -113,7 +113,8 @@ private:
     std::string buffer_;
 };
 
-inline int runChild(const std::string& filter, std::vector<std::string> variables, std::chrono::milliseconds limit = 30s) {
+inline int runChild(const std::string& filter, std::vector<std::string> variables,
+                    std::chrono::milliseconds limit = 30s) {
     ChildProcess child(filter, std::move(variables));
     return child.wait(limit);
 }

@@ -19,13 +19,13 @@
 #include "tavrin/platform/http_client.h"
 #include "tavrin/platform/internal/sqlite_key_value_store.h"
 #include "tavrin/platform/path_monitor.h"
-#include "tests/support/scripted_path_monitor.h"
 #include "tavrin/sdk/internal/tracking_settings.h"
 #include "tavrin/tracking/internal/data_submission_model.h"
 #include "tavrin/transport/internal/offline_cache_manager.h"
 #include "tavrin/transport/internal/service.h"
 #include "tests/support/log_capture.h"
 #include "tests/support/loopback_server.h"
+#include "tests/support/scripted_path_monitor.h"
 #include "tests/support/temp_dir.h"
 #include "tests/support/wait_until.h"
 
@@ -34,7 +34,10 @@ namespace tavrin::testing {
 inline DataSubmissionModel sampleSubmission(const std::string& mark = "m1") {
     DataSubmissionModel model;
     model.version = "3";
-    model.system = {.type = "sdk-ios", .timestamp = 1731667200123, .navigatorUserAgent = "Agent/1.0", .initiator = "tvr_push_submit"};
+    model.system = {.type = "sdk-ios",
+                    .timestamp = 1731667200123,
+                    .navigatorUserAgent = "Agent/1.0",
+                    .initiator = "tvr_push_submit"};
     model.consent = {{"vendorA", {CodableValue::boolean(true)}}};
     model.configuration = {.container = "shop-app", .environment = "live", .version = "7", .debugcode = std::nullopt};
     model.data.identifier = {.user = {.id = "4821", .action = "update"}, .session = {.id = "77", .action = "new"}};
@@ -47,8 +50,10 @@ inline DataSubmissionModel sampleSubmission(const std::string& mark = "m1") {
 inline ConsentModel sampleConsent() {
     ConsentModel model;
     model.version = "3";
-    model.system = {.type = "sdk-ios", .timestamp = 1731667200123, .navigatorUserAgent = "Agent/1.0", .initiator = "tvr_consent"};
-    model.configuration = {.container = "shop-app", .environment = "live", .version = std::nullopt, .debugcode = std::nullopt};
+    model.system = {
+        .type = "sdk-ios", .timestamp = 1731667200123, .navigatorUserAgent = "Agent/1.0", .initiator = "tvr_consent"};
+    model.configuration = {
+        .container = "shop-app", .environment = "live", .version = std::nullopt, .debugcode = std::nullopt};
     model.data.identifier = {.user = {.id = "4821", .action = "update"}, .consent = {.id = "c-1", .action = "new"}};
     model.data.consent.lastupdate = 1731667200124;
     model.data.consent.vendors = {{"vendorA", VendorValue::boolean(true)}};
@@ -119,7 +124,9 @@ protected:
         Service::shared()->setTrackConfig(TrackingSettings::shared());
     }
 
-    std::vector<OfflineCache::Request> cached() { return OfflineCacheManager::shared()->offlineCache().getCachedRequests(); }
+    std::vector<OfflineCache::Request> cached() {
+        return OfflineCacheManager::shared()->offlineCache().getCachedRequests();
+    }
 
     TempDir dir;
     LogCapture log;

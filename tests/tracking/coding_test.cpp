@@ -12,9 +12,9 @@
 #include <string>
 #include <vector>
 
+#include "tavrin/platform/internal/json_stringify.h"
 #include "tavrin/tracking/internal/any_codable.h"
 #include "tavrin/tracking/internal/codable_value_coding.h"
-#include "tavrin/platform/internal/json_stringify.h"
 #include "tests/support/decoding_assertions.h"
 #include "tests/support/log_capture.h"
 
@@ -51,9 +51,12 @@ TEST(DecoderTest, NulByteDoesNotEndTheText) {
 TEST(CodableValueTest, DecodingTriesTextBoolIntegerDoubleArrayInOrder) {
     // Fractions, exponents and numbers beyond the signed range are no integers.
     const std::pair<const char*, CV> cases[] = {
-        {"\"1\"", CV::string("1")}, {"true", CV::boolean(true)}, {"1", CV::integer(1)},
+        {"\"1\"", CV::string("1")},
+        {"true", CV::boolean(true)},
+        {"1", CV::integer(1)},
         {"-9223372036854775808", CV::integer(std::numeric_limits<std::int64_t>::min())},
-        {"1e3", CV::decimalNumber(1000.0)}, {"18446744073709551615", CV::decimalNumber(18446744073709551615.0)},
+        {"1e3", CV::decimalNumber(1000.0)},
+        {"18446744073709551615", CV::decimalNumber(18446744073709551615.0)},
         {"[1,\"a\",[true]]", CV::array({CV::integer(1), CV::string("a"), CV::array({CV::boolean(true)})})}};
     for (const auto& [text, expected] : cases) EXPECT_EQ(decodeJson<CV>(text), expected) << text;
 }
@@ -62,8 +65,8 @@ TEST(CodableValueTest, NullOrObjectFailsTheWholeValueAtItsPath) {
     for (const char* text : {"null", "[1,null]", "{\"a\":1}"})
         EXPECT_TRUE(failsWith([&] { decodeJson<CV>(text); }, K::typeMismatch, {}, "Failed to decode CodableValue"))
             << text;
-    EXPECT_TRUE(failsWith([] { decodeJson<std::map<std::string, CV>>(R"({"ok":[1],"bad":[1,{}]})"); },
-                          K::typeMismatch, {"bad"}, "Failed to decode CodableValue"));
+    EXPECT_TRUE(failsWith([] { decodeJson<std::map<std::string, CV>>(R"({"ok":[1],"bad":[1,{}]})"); }, K::typeMismatch,
+                          {"bad"}, "Failed to decode CodableValue"));
     EXPECT_TRUE(failsWith([] { decodeJson<CV>("[1,"); }, K::dataCorrupted, {}));
 }
 
@@ -82,7 +85,10 @@ TEST(AnyCodableTest, DecodingTriesBooleanIntegerDoubleTextDictionaryArrayInOrder
     // 1 stays an integer, text that looks like another kind stays text, and
     // beyond the signed range the integer attempt fails and the double one wins.
     const std::pair<const char*, AnyCodable> cases[] = {
-        {"true", true}, {"1", 1}, {"1e2", 100.0}, {"9223372036854775808", 9223372036854775808.0},
+        {"true", true},
+        {"1", 1},
+        {"1e2", 100.0},
+        {"9223372036854775808", 9223372036854775808.0},
         {"\"true\"", "true"},
         {R"({"a":1,"b":{"c":[true,"s"]},"e":[]})", Dict{{"a", 1}, {"b", Dict{{"c", Arr{true, "s"}}}}, {"e", Arr{}}}}};
     for (const auto& [text, expected] : cases) {
@@ -94,8 +100,8 @@ TEST(AnyCodableTest, DecodingTriesBooleanIntegerDoubleTextDictionaryArrayInOrder
 }
 
 TEST(AnyCodableTest, NullFailsItsContainerAtTheContainersPath) {
-    EXPECT_TRUE(failsWith([] { decodeJson<AnyCodable>(R"({"a":[1,null]})"); }, K::typeMismatch, {},
-                          "Unsupported JSON value"));
+    EXPECT_TRUE(
+        failsWith([] { decodeJson<AnyCodable>(R"({"a":[1,null]})"); }, K::typeMismatch, {}, "Unsupported JSON value"));
     EXPECT_TRUE(failsWith([] { decodeJson<std::vector<AnyCodable>>("[1,2,null]"); }, K::typeMismatch, {"Index 2"},
                           "Unsupported JSON value"));
 }
@@ -103,8 +109,11 @@ TEST(AnyCodableTest, NullFailsItsContainerAtTheContainersPath) {
 TEST(AnyCodableTest, EncodesEachSupportedKind) {
     // Doubles keep their own form.
     const std::pair<AnyCodable, const char*> cases[] = {
-        {AnyCodable(true), "true"}, {AnyCodable(short{-7}), "-7"}, {AnyCodable(1.0), "1.0"},
-        {AnyCodable(0.25f), "0.25"}, {AnyCodable(std::string_view("view")), "\"view\""},
+        {AnyCodable(true), "true"},
+        {AnyCodable(short{-7}), "-7"},
+        {AnyCodable(1.0), "1.0"},
+        {AnyCodable(0.25f), "0.25"},
+        {AnyCodable(std::string_view("view")), "\"view\""},
         {AnyCodable(AnyCodable::Dictionary{{"k", AnyCodable(1)}, {"j", AnyCodable("v")}}), R"({"j":"v","k":1})"},
         {AnyCodable(AnyCodable::Array{AnyCodable(1), AnyCodable(AnyCodable::Array{})}), "[1,[]]"}};
     for (const auto& [value, text] : cases) EXPECT_EQ(encodeJsonText(value), text);
@@ -115,10 +124,12 @@ TEST(AnyCodableTest, UnsupportedValueFailsTheEncodingAtItsPath) {
     const std::map<std::string, int> bare{{"a", 1}};
     const std::tuple<AnyCodable, CodingPath, const char*> cases[] = {
         {AnyCodable(AnyCodable::Dictionary{{"outer", AnyCodable(AnyCodable::Array{AnyCodable(1), AnyCodable(bare)})}}),
-         {"outer", "Index 1"}, "Unsupported JSON value"},
+         {"outer", "Index 1"},
+         "Unsupported JSON value"},
         {AnyCodable(nullptr), {}, "Unsupported JSON value"},
         {AnyCodable(std::nan("")), {}, "Unable to encode Double.nan directly in JSON."},
-        {AnyCodable(AnyCodable::Array{AnyCodable(-std::numeric_limits<double>::infinity())}), {"Index 0"},
+        {AnyCodable(AnyCodable::Array{AnyCodable(-std::numeric_limits<double>::infinity())}),
+         {"Index 0"},
          "Unable to encode Double.-infinity directly in JSON."}};
     for (const auto& [value, path, description] : cases) {
         try {
@@ -135,8 +146,8 @@ TEST(JsonCodingTest, ByteBuffersAreBase64InAnyContainer) {
     const Bytes bytes{'f', 'o', 'o'};
     EXPECT_EQ(encodeJsonText(std::map<std::string, std::vector<Bytes>>{{"k", {bytes, {}}}}), R"({"k":["Zm9v",""]})");
     EXPECT_EQ(decodeJson<std::vector<Bytes>>(R"(["Zm9v",""])"), (std::vector<Bytes>{bytes, {}}));
-    EXPECT_TRUE(failsWith([] { decodeJson<std::vector<Bytes>>(R"(["Zm9v","not base64!"])"); }, K::dataCorrupted,
-                          {"Index 1"}));
+    EXPECT_TRUE(
+        failsWith([] { decodeJson<std::vector<Bytes>>(R"(["Zm9v","not base64!"])"); }, K::dataCorrupted, {"Index 1"}));
     EXPECT_EQ(encodeJsonText(std::vector<std::int64_t>{1, 2}), "[1,2]");  // other integers stay numbers
 }
 

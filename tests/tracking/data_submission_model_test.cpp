@@ -28,8 +28,8 @@ DataSubmissionModel fullModel() {
                             {{"price", CodableValue::decimalNumber(9.99)},
                              {"tags", CodableValue::array({CodableValue::string("a")})},
                              {"a_first", CodableValue::integer(1)}}};
-    model.data.enrichment = std::map<std::string, Enrichment>{
-        {"geo", Enrichment{{{"city", CodableValue::string("Vienna")}}, {"region"}}}};
+    model.data.enrichment =
+        std::map<std::string, Enrichment>{{"geo", Enrichment{{{"city", CodableValue::string("Vienna")}}, {"region"}}}};
     return model;
 }
 
@@ -59,7 +59,8 @@ TEST(DataSubmissionModelTest, OnlyAbsentOptionalMembersAreLeftOut) {
     model.data.variables.customProperties.clear();
     const std::string text = encodeJsonText(model);
     EXPECT_NE(text.find(R"("consent":{},"configuration":{"container":"shop-app","environment":"stage"},)"),
-              std::string::npos) << text;
+              std::string::npos)
+        << text;
     EXPECT_TRUE(text.ends_with(R"("tvrpushedcommands":["pageview","submit"]}}})")) << text;
     model.data.enrichment.emplace();
     EXPECT_TRUE(encodeJsonText(model).ends_with(R"(]},"enrichment":{}}})"));
@@ -95,7 +96,8 @@ TEST(DataSubmissionModelTest, NonFiniteNumberFailsTheEncodingAtItsPlace) {
 
 PushPayload samplePayload(std::optional<std::string> id = std::nullopt) {
     return PushPayload("pageview", "click",
-                       {{"price", CodableValue::decimalNumber(9.99)}, {"qty", CodableValue::integer(3)},
+                       {{"price", CodableValue::decimalNumber(9.99)},
+                        {"qty", CodableValue::integer(3)},
                         {"tags", CodableValue::array({CodableValue::string("a"), CodableValue::boolean(true)})}},
                        7, std::move(id));
 }

@@ -35,12 +35,16 @@ TEST(AnyValueTest, LiteralsLandInTheKindAReaderExpects) {
     // Every integer type is an integer (0 is no null pointer), unsigned ones while
     // they fit; a float is a number. Equal values are of the same kind.
     const std::pair<AnyValue, AnyValue> cases[] = {
-        {AnyValue(pointer), AnyValue(std::string("s"))}, {AnyValue(buffer), AnyValue(std::string("s"))},
-        {AnyValue(std::string_view("s")), AnyValue(std::string("s"))}, {AnyValue(0L), AnyValue(std::int64_t{0})},
+        {AnyValue(pointer), AnyValue(std::string("s"))},
+        {AnyValue(buffer), AnyValue(std::string("s"))},
+        {AnyValue(std::string_view("s")), AnyValue(std::string("s"))},
+        {AnyValue(0L), AnyValue(std::int64_t{0})},
         {AnyValue(std::int8_t{-5}), AnyValue(std::int64_t{-5})},
         {AnyValue(std::uint8_t{255}), AnyValue(std::int64_t{255})},
-        {AnyValue(std::size_t{0}), AnyValue(std::int64_t{0})}, {AnyValue(std::uint64_t{int64Max}), AnyValue(int64Max)},
-        {AnyValue(std::uint64_t{int64Max} + 1), AnyValue(9223372036854775808.0)}, {AnyValue(2.5f), AnyValue(2.5)},
+        {AnyValue(std::size_t{0}), AnyValue(std::int64_t{0})},
+        {AnyValue(std::uint64_t{int64Max}), AnyValue(int64Max)},
+        {AnyValue(std::uint64_t{int64Max} + 1), AnyValue(9223372036854775808.0)},
+        {AnyValue(2.5f), AnyValue(2.5)},
         {AnyValue(nullptr), AnyValue()}};
     for (std::size_t i = 0; i < std::size(cases); ++i) EXPECT_EQ(cases[i].first, cases[i].second) << "row " << i;
     EXPECT_EQ(AnyValue(std::string("s")).kind(), Kind::text);
@@ -59,9 +63,11 @@ TEST(AnyValueTest, JsonTextSortsKeysAtEveryLevel) {
 TEST(AnyValueTest, JsonTextFailsWholeForAnyValueWithoutAJsonForm) {
     // Dates, non-finite numbers, text (keys too) not in UTF-8, at any depth.
     const auto date = AnyValue(std::chrono::system_clock::now());
-    const AnyValue::Dictionary cases[] = {{{"ok", 1}, {"when", date}}, {{"list", AnyValue::Array{1, date}}},
+    const AnyValue::Dictionary cases[] = {{{"ok", 1}, {"when", date}},
+                                          {{"list", AnyValue::Array{1, date}}},
                                           {{"deep", AnyValue::Dictionary{{"x", std::nan("")}}}},
-                                          {{"inf", std::numeric_limits<double>::infinity()}}, {{"\xc0\xaf", 1}}};
+                                          {{"inf", std::numeric_limits<double>::infinity()}},
+                                          {{"\xc0\xaf", 1}}};
     for (const auto& dictionary : cases) EXPECT_EQ(AnyValue::sortedJsonText(dictionary), std::nullopt);
 }
 
@@ -86,8 +92,8 @@ TEST(AnyValueTest, JsonTextMatchesTheJsonLibrarysDumpByteForByte) {
         check("k", text, text);
         check(text, 1, 1);
     }
-    for (const double number : {0.0, -0.0, 1.0, -2.5, 0.1, 1e300, -1e-300, 5e-324, 123456789012.0, 1e16, 1e15,
-                                0.000001, 1.7976931348623157e308, 2.0 / 3.0})
+    for (const double number : {0.0, -0.0, 1.0, -2.5, 0.1, 1e300, -1e-300, 5e-324, 123456789012.0, 1e16, 1e15, 0.000001,
+                                1.7976931348623157e308, 2.0 / 3.0})
         check("k", number, number);
     for (const std::int64_t integer : {std::int64_t{0}, std::int64_t{-1}, std::numeric_limits<std::int64_t>::min(),
                                        std::numeric_limits<std::int64_t>::max()})
@@ -96,21 +102,37 @@ TEST(AnyValueTest, JsonTextMatchesTheJsonLibrarysDumpByteForByte) {
 
 TEST(CustomPropertiesTest, EachValueKeepsItsKindDownToOneArrayLevel) {
     LogCapture log;
-    const AnyValue::Array mixed{1, "a", AnyValue::Array{2, 3}, AnyValue::Dictionary{{"k", "v"}}, 2.5, nullptr,
-                                std::chrono::system_clock::now(), false};
+    const AnyValue::Array mixed{1,
+                                "a",
+                                AnyValue::Array{2, 3},
+                                AnyValue::Dictionary{{"k", "v"}},
+                                2.5,
+                                nullptr,
+                                std::chrono::system_clock::now(),
+                                false};
     // A boolean is never a number, a whole integer never a double, a double stays
     // a double even when whole; nested values in arrays are dropped silently.
-    EXPECT_EQ(validatedCustomProperties(
-                  {{"int", 3}, {"zero", 0}, {"bool", true}, {"text", "hello"}, {"emptyText", ""}, {"whole", 2.0},
-                   {"big", std::numeric_limits<std::uint64_t>::max()}, {"max", std::numeric_limits<double>::max()},
-                   {"mixed", mixed}, {"allDropped", AnyValue::Array{AnyValue::Array{}, nullptr}}}),
-              (Properties{{"int", CV::integer(3)}, {"zero", CV::integer(0)}, {"bool", CV::boolean(true)},
-                          {"text", CV::string("hello")}, {"emptyText", CV::string("")},
-                          {"whole", CV::decimalNumber(2.0)}, {"big", CV::decimalNumber(18446744073709551616.0)},
-                          {"max", CV::decimalNumber(std::numeric_limits<double>::max())},
-                          {"mixed", CV::array({CV::integer(1), CV::string("a"), CV::decimalNumber(2.5),
-                                               CV::boolean(false)})},
-                          {"allDropped", CV::array({})}}));
+    EXPECT_EQ(
+        validatedCustomProperties({{"int", 3},
+                                   {"zero", 0},
+                                   {"bool", true},
+                                   {"text", "hello"},
+                                   {"emptyText", ""},
+                                   {"whole", 2.0},
+                                   {"big", std::numeric_limits<std::uint64_t>::max()},
+                                   {"max", std::numeric_limits<double>::max()},
+                                   {"mixed", mixed},
+                                   {"allDropped", AnyValue::Array{AnyValue::Array{}, nullptr}}}),
+        (Properties{{"int", CV::integer(3)},
+                    {"zero", CV::integer(0)},
+                    {"bool", CV::boolean(true)},
+                    {"text", CV::string("hello")},
+                    {"emptyText", CV::string("")},
+                    {"whole", CV::decimalNumber(2.0)},
+                    {"big", CV::decimalNumber(18446744073709551616.0)},
+                    {"max", CV::decimalNumber(std::numeric_limits<double>::max())},
+                    {"mixed", CV::array({CV::integer(1), CV::string("a"), CV::decimalNumber(2.5), CV::boolean(false)})},
+                    {"allDropped", CV::array({})}}));
     EXPECT_TRUE(log.sink->messages().empty());
     // A one-entry literal is a dictionary, not a pair of iterators.
     EXPECT_EQ(validatedCustomProperties({{"only", "one"}}), (Properties{{"only", CV::string("one")}}));
@@ -118,25 +140,33 @@ TEST(CustomPropertiesTest, EachValueKeepsItsKindDownToOneArrayLevel) {
 
 TEST(CustomPropertiesTest, ReservedKeysMatchOnlyExactly) {
     LogCapture log;
-    EXPECT_EQ(validatedCustomProperties({{"track", 5}, {"type", "click"}, {"Track", "kept"}, {"type ", 1},
-                                         {"tracking", "x"}, {"", "empty key"}}),
-              (Properties{{"Track", CV::string("kept")}, {"type ", CV::integer(1)}, {"tracking", CV::string("x")},
-                          {"", CV::string("empty key")}}));
+    EXPECT_EQ(
+        validatedCustomProperties(
+            {{"track", 5}, {"type", "click"}, {"Track", "kept"}, {"type ", 1}, {"tracking", "x"}, {"", "empty key"}}),
+        (Properties{{"Track", CV::string("kept")},
+                    {"type ", CV::integer(1)},
+                    {"tracking", CV::string("x")},
+                    {"", CV::string("empty key")}}));
 }
 
 TEST(CustomPropertiesTest, EachDroppedEntryIsNamedInADebugWarning) {
     const double nan = std::numeric_limits<double>::quiet_NaN(), inf = std::numeric_limits<double>::infinity();
-    const AnyValue::Dictionary input{{"track", "x"}, {"when", std::chrono::system_clock::now()},
-                                     {"dict", AnyValue::Dictionary{{"a", 1}}}, {"nothing", nullptr}, {"nan", nan},
+    const AnyValue::Dictionary input{{"track", "x"},
+                                     {"when", std::chrono::system_clock::now()},
+                                     {"dict", AnyValue::Dictionary{{"a", 1}}},
+                                     {"nothing", nullptr},
+                                     {"nan", nan},
                                      {"list", AnyValue::Array{nan, "a", -inf}},
-                                     {"longDouble", static_cast<long double>(1e4000L)}, {"kept", 1}};
+                                     {"longDouble", static_cast<long double>(1e4000L)},
+                                     {"kept", 1}};
     const Properties expected{{"kept", CV::integer(1)}, {"list", CV::array({CV::string("a")})}};
     const auto unsupported = [](const std::string& key) {
         return "Warning: Unsupported type for custom property " + key +
                ". Only String, Bool, Number, and Array are allowed.";
     };
     const auto nonFinite = [](const std::string& where) {
-        return "Warning: Non-finite number for custom property " + where + " dropped. JSON cannot carry NaN or infinity.";
+        return "Warning: Non-finite number for custom property " + where +
+               " dropped. JSON cannot carry NaN or infinity.";
     };
     LogCapture log;
     EXPECT_EQ(validatedCustomProperties(input), expected);

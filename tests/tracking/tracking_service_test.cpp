@@ -13,9 +13,9 @@
 #include <thread>
 
 #include "tavrin/monitor/internal/device_info_utility.h"
-#include "tavrin/platform/internal/json.h"
 #include "tavrin/monitor/internal/memory_cache_utility.h"
 #include "tavrin/monitor/internal/tag_cache.h"
+#include "tavrin/platform/internal/json.h"
 #include "tavrin/tracking/internal/product_data.h"
 #include "tavrin/tracking/internal/tracking_service_internals.h"
 #include "tests/consent/store_fixture.h"
@@ -29,7 +29,8 @@ using Lines = std::vector<std::string>;
 using Properties = std::map<std::string, CodableValue>;
 using Enrichments = std::map<std::string, Enrichment>;
 
-constexpr const char* kNotInitialized = "TrackingService is not initialized. Call TavrinService.configure(with:) first.";
+constexpr const char* kNotInitialized =
+    "TrackingService is not initialized. Call TavrinService.configure(with:) first.";
 
 CodableValue str(const char* text) { return CodableValue::string(text); }
 
@@ -41,8 +42,10 @@ struct PushLimitsFor {
 
 DeviceFactsSource fixedDeviceFacts() {
     const auto text = [](const char* value) { return [value] { return std::optional<std::string>(value); }; };
-    DeviceFactsSource source{.model = text("Test Model"), .systemName = text("Linux"),
-                             .systemVersion = text("12.5"), .machine = text("x86_64")};
+    DeviceFactsSource source{.model = text("Test Model"),
+                             .systemName = text("Linux"),
+                             .systemVersion = text("12.5"),
+                             .machine = text("x86_64")};
     source.infoDictionaryString = [](std::string_view key) -> std::optional<std::string> {
         if (key == "CFBundleName") return "Shop";
         if (key == "CFBundleShortVersionString") return "2.1";
@@ -55,12 +58,18 @@ DeviceFactsSource fixedDeviceFacts() {
 }
 
 // The device keys as the fixed facts give them (the random device id aside).
-const Properties kDevice{{"app_device_brand", str("Apple")},      {"app_device_model", str("Test Model")},
-                         {"app_device_os", str("Linux")},         {"app_device_os_version", str("12.5")},
-                         {"app_device_language", str("de")},      {"app_device_region", str("AT")},
-                         {"app_device_width", str("390")},        {"app_device_height", str("844")},
-                         {"app_device_carrier", str("Unknown")},  {"app_device_network_type", str("Unknown")},
-                         {"app_application_name", str("Shop")},   {"app_application_version", str("2.1")},
+const Properties kDevice{{"app_device_brand", str("Apple")},
+                         {"app_device_model", str("Test Model")},
+                         {"app_device_os", str("Linux")},
+                         {"app_device_os_version", str("12.5")},
+                         {"app_device_language", str("de")},
+                         {"app_device_region", str("AT")},
+                         {"app_device_width", str("390")},
+                         {"app_device_height", str("844")},
+                         {"app_device_carrier", str("Unknown")},
+                         {"app_device_network_type", str("Unknown")},
+                         {"app_application_name", str("Shop")},
+                         {"app_application_version", str("2.1")},
                          {"app_application_build_number", str("77")}};
 
 Properties withDevice(Properties pushed) {
@@ -103,7 +112,9 @@ protected:
     // then one with track, type and a dictionary the properties leave out.
     void pushTwo(TrackingService& service) {
         service.push({{"track", 5}, {"price", 9.99}, {"app_device_model", "Mine"}, {"app_device_brand", 1}});
-        service.push({{"track", "pageview"}, {"type", "view"}, {"qty", 3},
+        service.push({{"track", "pageview"},
+                      {"type", "view"},
+                      {"qty", 3},
                       {"nested", AnyValue::Dictionary{{"b", 1}, {"a", nullptr}}}});
         settle(service);
     }
@@ -146,10 +157,12 @@ TEST_F(TrackingServiceTest, PushAddsATagShowingTheDictionaryAsPushed) {
     // Keys sorted, and the command only when the pushed track is text.
     const auto tags = TagCache::shared().tags();
     ASSERT_EQ(tags.size(), 2u);
-    EXPECT_EQ(tags[0].name, "T-SDK: [TAVRIN DL] - [AD01] Received SDK.push() - Command:  | Data: "
-                            R"({"app_device_brand":1,"app_device_model":"Mine","price":9.99,"track":5})");
-    EXPECT_EQ(tags[1].name, "T-SDK: [TAVRIN DL] - [AD01] Received SDK.push() - Command: pageview | Data: "
-                            R"({"nested":{"a":null,"b":1},"qty":3,"track":"pageview","type":"view"})");
+    EXPECT_EQ(tags[0].name,
+              "T-SDK: [TAVRIN DL] - [AD01] Received SDK.push() - Command:  | Data: "
+              R"({"app_device_brand":1,"app_device_model":"Mine","price":9.99,"track":5})");
+    EXPECT_EQ(tags[1].name,
+              "T-SDK: [TAVRIN DL] - [AD01] Received SDK.push() - Command: pageview | Data: "
+              R"({"nested":{"a":null,"b":1},"qty":3,"track":"pageview","type":"view"})");
     const Json tag = tags[1].encode();
     EXPECT_EQ(std::tuple(tag["id"], tag["source"], tag["type"], tag["trigger"]["executed"]),
               std::tuple("AD01", "frontend", "info", true));
@@ -165,7 +178,8 @@ TEST_F(TrackingServiceTest, ProductPushesGoIntoParallelArraysInsteadOfTheirPaylo
     EXPECT_EQ(MemoryCacheUtility::shared().get<ProductData>(kProductDataKey),
               (ProductData{{"product_track", {str("product"), str("product")}},
                            {"product_type", {str("addtocart"), str("defaultDependencyType")}},
-                           {"sku", {str("A"), str("B")}}, {"price", {CodableValue::decimalNumber(1.5)}},
+                           {"sku", {str("A"), str("B")}},
+                           {"price", {CodableValue::decimalNumber(1.5)}},
                            {"qty", {CodableValue::integer(2)}}}));
     const auto payloads = MemoryCacheUtility::shared().getPushPayloads();
     ASSERT_EQ(payloads.size(), 2u);
@@ -271,19 +285,32 @@ TEST_F(TrackingServiceTest, EnrichmentArgumentsResolveLatestPushThenProductDataT
     service->push({{"track", "product"}, {"items", 1}, {"shared", "from product"}, {"productId", "P"}});
     service->push({{"productId", "B"}, {"flags", AnyValue::Array{true}}});
     service->addEnrichment("geo",
-                           {{"sku", "productId"}, {"items", "items"}, {"both", "shared"}, {"list", "flags"},
-                            {"literal", "nothing holds this"}, {"n", 3}, {"ratio", 2.5}, {"flag", true},
+                           {{"sku", "productId"},
+                            {"items", "items"},
+                            {"both", "shared"},
+                            {"list", "flags"},
+                            {"literal", "nothing holds this"},
+                            {"n", 3},
+                            {"ratio", 2.5},
+                            {"flag", true},
                             {"names", AnyValue::Array{"a", "b"}},
                             // Dropped: not a text-only array, no JSON form, no case for it.
-                            {"mixed", AnyValue::Array{"a", 1}}, {"when", std::chrono::system_clock::now()},
-                            {"inf", std::numeric_limits<double>::infinity()}, {"nan", std::nan("")},
-                            {"dict", AnyValue::Dictionary{{"a", 1}}}, {"none", nullptr}},
+                            {"mixed", AnyValue::Array{"a", 1}},
+                            {"when", std::chrono::system_clock::now()},
+                            {"inf", std::numeric_limits<double>::infinity()},
+                            {"nan", std::nan("")},
+                            {"dict", AnyValue::Dictionary{{"a", 1}}},
+                            {"none", nullptr}},
                            {"region"});
 
-    const Enrichment expected{{{"sku", str("B")}, {"items", CodableValue::array({CodableValue::integer(1)})},
-                               {"both", str("from push")}, {"list", CodableValue::array({CodableValue::boolean(true)})},
-                               {"literal", str("nothing holds this")}, {"n", CodableValue::decimalNumber(3.0)},
-                               {"ratio", CodableValue::decimalNumber(2.5)}, {"flag", CodableValue::boolean(true)},
+    const Enrichment expected{{{"sku", str("B")},
+                               {"items", CodableValue::array({CodableValue::integer(1)})},
+                               {"both", str("from push")},
+                               {"list", CodableValue::array({CodableValue::boolean(true)})},
+                               {"literal", str("nothing holds this")},
+                               {"n", CodableValue::decimalNumber(3.0)},
+                               {"ratio", CodableValue::decimalNumber(2.5)},
+                               {"flag", CodableValue::boolean(true)},
                                {"names", CodableValue::array({str("a"), str("b")})}},
                               {"region"}};
     EXPECT_EQ(Internals::enrichmentsForSubmission(*service), (Enrichments{{"geo", expected}}));
@@ -348,9 +375,12 @@ std::pair<int, Json> unwrap(Json value) {
     int levels = 0;
     for (;; ++levels) {
         Json inner;
-        if (value.is_array() && value.size() == 1) inner = value[0];
-        else if (value.is_object() && value.contains("in")) inner = value["in"];
-        else return {levels, value};
+        if (value.is_array() && value.size() == 1)
+            inner = value[0];
+        else if (value.is_object() && value.contains("in"))
+            inner = value["in"];
+        else
+            return {levels, value};
         value = std::move(inner);
     }
 }
@@ -398,11 +428,11 @@ TEST_F(TrackingServiceTest, ValuesNestedPastTheJsonLimitAreDroppedAndTheHostRuns
     EXPECT_EQ(unwrap((*shown)["fits"]), std::make_pair(511, Json("bottom")));
     for (const char* entry : {"custom property arrays.", "custom property dictionaries.", "custom property deep.",
                               "enrichment argument deep."})
-        EXPECT_EQ(log.sink->count(std::string("Warning: Values nested deeper than 512 levels dropped from ") + entry), 1u)
+        EXPECT_EQ(log.sink->count(std::string("Warning: Values nested deeper than 512 levels dropped from ") + entry),
+                  1u)
             << entry;
     EXPECT_EQ(log.sink->count("Warning: Values nested deeper than 512 levels dropped from custom property fits."), 0u);
 }
-
 
 // A host pushing without submitting keeps the newest pushes within the limits
 // (waiting or processed alike); the rest are counted, with one warning until a

@@ -47,8 +47,9 @@ TEST_F(CacheBudgetTest, TheOldestGoFirstToMakeRoomAndOversizedRequestsAreRefused
     for (const auto& entry : cache.entries()) left.push_back(entry.timestamp);
     EXPECT_EQ(left, (std::vector<double>{2, 3, 4}));
     EXPECT_EQ(log.sink->count("Cache byte limit exceeded. Oldest request removed."), 2u);
-    EXPECT_TRUE(log.sink->contains("Request of type dataSubmission not cached: its 4097 bytes exceed the limit of 4096 "
-                                   "bytes per request."));
+    EXPECT_TRUE(
+        log.sink->contains("Request of type dataSubmission not cached: its 4097 bytes exceed the limit of 4096 "
+                           "bytes per request."));
     EXPECT_EQ(store->keySizes("com.tavrin.OfflineCache/").size(), 3u);
 
     // An offline submission too large for the cache fails instead of vanishing.
@@ -64,8 +65,8 @@ TEST_F(CacheBudgetTest, StartUpReadsRecordsOneAtATimeAndDropsWhatTheBudgetCannot
     // budget would have left them.
     std::vector<platform::KeyValueStore::Change> records;
     for (int i = 0; i < 12; ++i)
-        records.push_back({OfflineCache::recordKey(i),
-                           platform::toBytes(platform::dumpJson(request(900 * KiB, i).encode()))});
+        records.push_back(
+            {OfflineCache::recordKey(i), platform::toBytes(platform::dumpJson(request(900 * KiB, i).encode()))});
     ASSERT_TRUE(store->apply(records));
     records.clear();
 

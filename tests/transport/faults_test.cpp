@@ -53,12 +53,14 @@ TEST_F(FaultsTest, AMonitorThatFailsToStartHoldsWalksOnlyForABoundedTime) {
             manager->startNetworkMonitoring();
             setrlimit(RLIMIT_NOFILE, &limit);
         }
-        EXPECT_TRUE(log.sink->contains("Network path monitor unavailable: rtnetlink socket failed: Too many open files"));
+        EXPECT_TRUE(
+            log.sink->contains("Network path monitor unavailable: rtnetlink socket failed: Too many open files"));
         auto walk = manager->resendCachedRequests();
         ASSERT_EQ(walk.wait_for(20s), std::future_status::ready) << "the walk waits for a report that never comes";
         EXPECT_TRUE(waitUntil([&] { return cached().empty(); }));
         EXPECT_EQ(server.requests().size(), 2u);
-        EXPECT_TRUE(log.sink->contains("No network status reported within 1.0 s: Cached requests are sent as if online."));
+        EXPECT_TRUE(
+            log.sink->contains("No network status reported within 1.0 s: Cached requests are sent as if online."));
         EXPECT_FALSE(manager->isCurrentlyOffline()) << "live sends are attempted";
         manager->stopNetworkMonitoring();
     });
@@ -102,8 +104,9 @@ TEST_F(FaultsTest, ASendCutOffByShutdownAndTheNextConfigurationShareOneCache) {
     std::vector<std::string> marks;
     platform::SqliteKeyValueStore store(dir / platform::SqliteKeyValueStore::kFileName);
     for (const auto& [key, value] : store.values("com.tavrin.OfflineCache/"))
-        marks.push_back(Json::parse(platform::toString(decodeJson<OfflineCache::Request>(
-                                        platform::toString(std::get<Bytes>(value))).payload))["data"]["variables"]["mark"]);
+        marks.push_back(
+            Json::parse(platform::toString(decodeJson<OfflineCache::Request>(platform::toString(std::get<Bytes>(value)))
+                                               .payload))["data"]["variables"]["mark"]);
     EXPECT_EQ(marks, (std::vector<std::string>{"next", "cut-off"}));
 }
 

@@ -80,7 +80,8 @@ TEST_F(OfflineCacheManagerTest, RequestIsDiscardedOnTheFourthFailedWalk) {
         manager->resendCachedRequests().get();
         manager->offlineCache().drain();
         EXPECT_TRUE(cached().empty());
-        EXPECT_TRUE(log.sink->contains("Request of type dataSubmission exceeded maximum retries and will be discarded."));
+        EXPECT_TRUE(
+            log.sink->contains("Request of type dataSubmission exceeded maximum retries and will be discarded."));
     }
 }
 
@@ -89,9 +90,13 @@ TEST_F(OfflineCacheManagerTest, RegainingTheNetworkResendsEachCachedRequestOnce)
     configure(trackConfig(hostPort(server.port())));
     auto path = monitorPath(PathStatus::satisfied);
     // Repeated reports of one state are no transitions.
-    for (const auto& [status, marks] : std::vector<std::pair<PathStatus, std::vector<std::string>>>{
-             {PathStatus::unsatisfied, {"a", "b"}}, {PathStatus::unsatisfied, {}}, {PathStatus::satisfied, {}},
-             {PathStatus::satisfied, {}}, {PathStatus::unsatisfied, {"c"}}, {PathStatus::satisfied, {}}}) {
+    for (const auto& [status, marks] :
+         std::vector<std::pair<PathStatus, std::vector<std::string>>>{{PathStatus::unsatisfied, {"a", "b"}},
+                                                                      {PathStatus::unsatisfied, {}},
+                                                                      {PathStatus::satisfied, {}},
+                                                                      {PathStatus::satisfied, {}},
+                                                                      {PathStatus::unsatisfied, {"c"}},
+                                                                      {PathStatus::satisfied, {}}}) {
         path->setStatus(status);
         const bool offline = status != PathStatus::satisfied;
         ASSERT_TRUE(waitUntil([&] { return OfflineCacheManager::shared()->isCurrentlyOffline() == offline; }));

@@ -47,9 +47,16 @@ TEST_F(OutageTest, FailuresTheServerMayGetOverAreCachedAndRefusalsFail) {
     };
     const std::string here = hostPort(server.port());
     const std::vector<Case> cases{
-        {"refused", hostPort(refusing.port()), 0, true}, {"reset", hangingUp.baseUrl().substr(7), 0, true},
-        {"408", here, 408, true},  {"429", here, 429, true}, {"500", here, 500, true}, {"503", here, 503, true},
-        {"302", here, 302, true},  {"400", here, 400, false}, {"404", here, 404, false}, {"413", here, 413, false},
+        {"refused", hostPort(refusing.port()), 0, true},
+        {"reset", hangingUp.baseUrl().substr(7), 0, true},
+        {"408", here, 408, true},
+        {"429", here, 429, true},
+        {"500", here, 500, true},
+        {"503", here, 503, true},
+        {"302", here, 302, true},
+        {"400", here, 400, false},
+        {"404", here, 404, false},
+        {"413", here, 413, false},
     };
     std::size_t expected = 0;
     for (const auto& c : cases) {
@@ -142,11 +149,12 @@ TEST(RetryPolicy, BackoffDoublesToItsMaximumAndRetryAfterStandsWithinIt) {
         double random;
         milliseconds expected;
     };
-    for (const auto& c : {Case{0, {}, 0.0, milliseconds(2500)}, Case{0, {}, 0.999999, milliseconds(4999)},
-                          Case{1, {}, 0.0, milliseconds(5000)}, Case{3, {}, 0.5, milliseconds(30000)},
-                          Case{6, {}, 0.0, milliseconds(150000)}, Case{60, {}, 1.0, milliseconds(300000)},
-                          Case{0, seconds(1), 0.0, milliseconds(1000)}, Case{5, seconds(0), 0.5, milliseconds(1050)},
-                          Case{0, seconds(40), 1.0, milliseconds(44000)}, Case{0, seconds(3600), 0.0, milliseconds(300000)}})
+    for (const auto& c :
+         {Case{0, {}, 0.0, milliseconds(2500)}, Case{0, {}, 0.999999, milliseconds(4999)},
+          Case{1, {}, 0.0, milliseconds(5000)}, Case{3, {}, 0.5, milliseconds(30000)},
+          Case{6, {}, 0.0, milliseconds(150000)}, Case{60, {}, 1.0, milliseconds(300000)},
+          Case{0, seconds(1), 0.0, milliseconds(1000)}, Case{5, seconds(0), 0.5, milliseconds(1050)},
+          Case{0, seconds(40), 1.0, milliseconds(44000)}, Case{0, seconds(3600), 0.0, milliseconds(300000)}})
         EXPECT_EQ(RetryBackoff::delay(c.attempt, c.retryAfter, c.random), c.expected)
             << c.attempt << " " << (c.retryAfter ? c.retryAfter->count() : -1) << " " << c.random;
 
@@ -155,11 +163,11 @@ TEST(RetryPolicy, BackoffDoublesToItsMaximumAndRetryAfterStandsWithinIt) {
         const char* text;
         std::optional<long> seconds;
     };
-    for (const auto& f : {Field{"120", 120}, Field{" 0 ", 0}, Field{"99999999999", 86400},
-                          Field{"Sun, 06 Nov 1994 08:51:37 GMT", 120}, Field{"Sunday, 06-Nov-94 08:50:37 GMT", 60},
-                          Field{"Sun Nov  6 08:49:47 1994", 10}, Field{"Sat, 05 Nov 1994 08:49:37 GMT", 0},
-                          Field{"-5", std::nullopt}, Field{"1.5", std::nullopt}, Field{"soon", std::nullopt},
-                          Field{"Sun, 06 Nov 1994 08:51:37 CET", std::nullopt}, Field{"", std::nullopt}}) {
+    for (const auto& f :
+         {Field{"120", 120}, Field{" 0 ", 0}, Field{"99999999999", 86400}, Field{"Sun, 06 Nov 1994 08:51:37 GMT", 120},
+          Field{"Sunday, 06-Nov-94 08:50:37 GMT", 60}, Field{"Sun Nov  6 08:49:47 1994", 10},
+          Field{"Sat, 05 Nov 1994 08:49:37 GMT", 0}, Field{"-5", std::nullopt}, Field{"1.5", std::nullopt},
+          Field{"soon", std::nullopt}, Field{"Sun, 06 Nov 1994 08:51:37 CET", std::nullopt}, Field{"", std::nullopt}}) {
         const auto parsed = detail::parseRetryAfter(f.text, now);
         EXPECT_EQ(parsed ? std::optional<long>(parsed->count()) : std::nullopt, f.seconds) << f.text;
     }

@@ -85,18 +85,18 @@ TEST_F(ResendWindowTest, DataResendsOverlapAndAConsentReportGoesAloneInItsPlace)
         // request out and widens as answers succeed.)
         if (mark == "d1") {
             std::unique_lock lock(timeline.mutex);
-            timeline.changed.wait_for(lock, 10s, [&] {
-                return std::count(timeline.events.begin(), timeline.events.end(), "start d2") > 0;
-            });
+            timeline.changed.wait_for(
+                lock, 10s, [&] { return std::count(timeline.events.begin(), timeline.events.end(), "start d2") > 0; });
         }
         std::this_thread::sleep_for(5ms);
         timeline.add("end " + mark);
         return ScriptedResponse{};
     });
     configure(trackConfig(hostPort(server.port())));
-    const std::vector<std::pair<Type, std::string>> order{
-        {Type::dataSubmission, "d0"}, {Type::dataSubmission, "d1"}, {Type::dataSubmission, "d2"}, {Type::consentSubmission, "c1"},
-        {Type::dataSubmission, "d3"}, {Type::consentSubmission, "c2"}, {Type::dataSubmission, "d4"}};
+    const std::vector<std::pair<Type, std::string>> order{{Type::dataSubmission, "d0"}, {Type::dataSubmission, "d1"},
+                                                          {Type::dataSubmission, "d2"}, {Type::consentSubmission, "c1"},
+                                                          {Type::dataSubmission, "d3"}, {Type::consentSubmission, "c2"},
+                                                          {Type::dataSubmission, "d4"}};
     for (const auto& [type, mark] : order)
         cache(type, type == Type::dataSubmission ? encodeJsonText(sampleSubmission(mark)) : consentFor(mark));
     OfflineCacheManager::shared()->resendCachedRequests().get();
@@ -122,10 +122,12 @@ TEST_F(ResendWindowTest, TheClientHoldsAtMostSixRequestsLiveAndResendsTogether) 
     monitorPath(platform::PathStatus::satisfied);
     configure(trackConfig(hostPort(server.port())));
     Service::shared()->setSession(counting);
-    for (int i = 0; i < 20; ++i) cache(Type::dataSubmission, encodeJsonText(sampleSubmission("cached" + std::to_string(i))));
+    for (int i = 0; i < 20; ++i)
+        cache(Type::dataSubmission, encodeJsonText(sampleSubmission("cached" + std::to_string(i))));
     auto walk = OfflineCacheManager::shared()->resendCachedRequests();
     std::vector<std::future<void>> live;
-    for (int i = 0; i < 60; ++i) live.push_back(Service::shared()->sendDataSubmission(sampleSubmission(std::to_string(i))));
+    for (int i = 0; i < 60; ++i)
+        live.push_back(Service::shared()->sendDataSubmission(sampleSubmission(std::to_string(i))));
     for (auto& sent : live) sent.get();
     walk.get();
     EXPECT_LE(counting->peak, 6);

@@ -75,8 +75,9 @@ TEST_F(ServiceTest, OnlyStatusesFrom200To299Succeed) {
         } else {
             EXPECT_EQ(serviceErrorOf(std::move(sent)), Code::invalidResponse) << status;
             // The host's only sign that the server refused the record.
-            EXPECT_TRUE(log.sink->messages(platform::LogType::error).at(0).starts_with(
-                "Received invalid HTTP response:\n- Status Code: " + std::to_string(status)));
+            EXPECT_TRUE(log.sink->messages(platform::LogType::error)
+                            .at(0)
+                            .starts_with("Received invalid HTTP response:\n- Status Code: " + std::to_string(status)));
         }
     }
     EXPECT_EQ(server.requests().at(0).header("Authorization"), std::nullopt) << "no token, no header";

@@ -14,7 +14,7 @@ namespace {
 using Json = nlohmann::ordered_json;
 
 constexpr std::array<std::string_view, 3> kFixedVariables = {"document_location_href", "fb_browser_id",
-                                                            "tvrpushedcommands"};
+                                                             "tvrpushedcommands"};
 constexpr std::string_view kCachedMarker = "app_offline_cached_data";
 constexpr std::string_view kResendMarker = "app_offline_resend_timestamp";
 constexpr std::size_t kMaxDepth = 256;
@@ -86,27 +86,27 @@ enum class Type { text, integer, boolean, object, array, codable, vendorValue, a
 
 std::string_view typeName(Type type) {
     switch (type) {
-    case Type::text: return "text";
-    case Type::integer: return "an integer";
-    case Type::boolean: return "a boolean";
-    case Type::object: return "an object";
-    case Type::array: return "an array";
-    case Type::codable: return "a text, boolean, number or array of those";
-    case Type::vendorValue: return "a boolean or text";
-    case Type::any: return "any value";
+        case Type::text: return "text";
+        case Type::integer: return "an integer";
+        case Type::boolean: return "a boolean";
+        case Type::object: return "an object";
+        case Type::array: return "an array";
+        case Type::codable: return "a text, boolean, number or array of those";
+        case Type::vendorValue: return "a boolean or text";
+        case Type::any: return "any value";
     }
     return "?";
 }
 
 std::string_view jsonTypeName(const Json& value) {
     switch (value.type()) {
-    case Json::value_t::null: return "null";
-    case Json::value_t::object: return "an object";
-    case Json::value_t::array: return "an array";
-    case Json::value_t::string: return "text";
-    case Json::value_t::boolean: return "a boolean";
-    case Json::value_t::number_float: return "a fractional number";
-    default: return "an integer";
+        case Json::value_t::null: return "null";
+        case Json::value_t::object: return "an object";
+        case Json::value_t::array: return "an array";
+        case Json::value_t::string: return "text";
+        case Json::value_t::boolean: return "a boolean";
+        case Json::value_t::number_float: return "a fractional number";
+        default: return "an integer";
     }
 }
 
@@ -118,14 +118,14 @@ bool isCodable(const Json& value) {
 
 bool hasType(const Json& value, Type type) {
     switch (type) {
-    case Type::text: return value.is_string();
-    case Type::integer: return value.is_number_integer();
-    case Type::boolean: return value.is_boolean();
-    case Type::object: return value.is_object();
-    case Type::array: return value.is_array();
-    case Type::codable: return isCodable(value);
-    case Type::vendorValue: return value.is_boolean() || value.is_string();
-    case Type::any: return true;
+        case Type::text: return value.is_string();
+        case Type::integer: return value.is_number_integer();
+        case Type::boolean: return value.is_boolean();
+        case Type::object: return value.is_object();
+        case Type::array: return value.is_array();
+        case Type::codable: return isCodable(value);
+        case Type::vendorValue: return value.is_boolean() || value.is_string();
+        case Type::any: return true;
     }
     return false;
 }
@@ -164,7 +164,8 @@ public:
 
     void onlyMembers(const Json& object, const std::string& pointer, std::initializer_list<std::string_view> allowed) {
         for (const auto& [key, value] : object.items()) {
-            if (std::find(allowed.begin(), allowed.end(), key) == allowed.end() && !reported_.count(pointer + "/" + key))
+            if (std::find(allowed.begin(), allowed.end(), key) == allowed.end() &&
+                !reported_.count(pointer + "/" + key))
                 problem(pointer + "/" + key, "unexpected member");
         }
     }
@@ -210,8 +211,8 @@ public:
         member(*configuration, "/configuration", "container", Type::text);
         const Json* environment = member(*configuration, "/configuration", "environment", Type::text);
         if (environment && *environment != "live" && *environment != "stage")
-            problem("/configuration/environment", "is \"" + environment->get<std::string>() +
-                                                      "\", \"live\" or \"stage\" expected");
+            problem("/configuration/environment",
+                    "is \"" + environment->get<std::string>() + "\", \"live\" or \"stage\" expected");
         member(*configuration, "/configuration", "version", Type::text, Presence::optional);
         member(*configuration, "/configuration", "debugcode", Type::text, Presence::optional);
         onlyMembers(*configuration, "/configuration", {"container", "environment", "version", "debugcode"});
@@ -227,7 +228,9 @@ public:
 
     void textArray(const Json& array, const std::string& pointer) {
         for (std::size_t i = 0; i < array.size(); ++i) {
-            if (!array[i].is_string()) problem(pointer + "/" + std::to_string(i), "is " + std::string(jsonTypeName(array[i])) + ", text expected");
+            if (!array[i].is_string())
+                problem(pointer + "/" + std::to_string(i),
+                        "is " + std::string(jsonTypeName(array[i])) + ", text expected");
         }
     }
 
@@ -260,9 +263,11 @@ void checkDataSubmission(const Json& document, bool resend, ShapeChecker& check)
         if (when) {
             const auto text = when->get<std::string>();
             if (text.empty() || !std::all_of(text.begin(), text.end(), [](char c) { return c >= '0' && c <= '9'; }))
-                check.problem("/" + std::string(kResendMarker), "is \"" + text + "\", a decimal string of milliseconds expected");
+                check.problem("/" + std::string(kResendMarker),
+                              "is \"" + text + "\", a decimal string of milliseconds expected");
         }
-        check.onlyMembers(document, "", {"version", "system", "consent", "configuration", "data", kCachedMarker, kResendMarker});
+        check.onlyMembers(document, "",
+                          {"version", "system", "consent", "configuration", "data", kCachedMarker, kResendMarker});
     } else {
         check.onlyMembers(document, "", {"version", "system", "consent", "configuration", "data"});
     }
@@ -288,7 +293,8 @@ void checkDataSubmission(const Json& document, bool resend, ShapeChecker& check)
                 check.problem(at, "custom property is " + std::string(jsonTypeName(value)) +
                                       ", a text, boolean, number or array of those expected");
             else if (name == kCachedMarker && value != "false")
-                check.problem(at, "a live send marks itself \"false\" here; resent submissions carry \"true\" at the top level");
+                check.problem(
+                    at, "a live send marks itself \"false\" here; resent submissions carry \"true\" at the top level");
         }
     }
     if (const Json* enrichment = check.member(*data, "/data", "enrichment", Type::object, Presence::optional)) {
@@ -300,7 +306,8 @@ void checkDataSubmission(const Json& document, bool resend, ShapeChecker& check)
             }
             if (const Json* arguments = check.member(entry, at, "arguments", Type::object))
                 check.dictionaryOf(*arguments, at + "/arguments", Type::codable);
-            if (const Json* names = check.member(entry, at, "variables", Type::array)) check.textArray(*names, at + "/variables");
+            if (const Json* names = check.member(entry, at, "variables", Type::array))
+                check.textArray(*names, at + "/variables");
             check.onlyMembers(entry, at, {"arguments", "variables"});
         }
     }
@@ -322,7 +329,8 @@ void checkConsentSubmission(const Json& document, ShapeChecker& check) {
     if (const Json* consent = check.member(*data, "/data", "consent", Type::object)) {
         const std::string at = "/data/consent";
         check.timestamp(*consent, at, "lastupdate");
-        if (const Json* extra = check.member(*consent, at, "data", Type::object)) check.dictionaryOf(*extra, at + "/data", Type::text);
+        if (const Json* extra = check.member(*consent, at, "data", Type::object))
+            check.dictionaryOf(*extra, at + "/data", Type::text);
         if (const Json* vendors = check.member(*consent, at, "vendors", Type::object))
             check.dictionaryOf(*vendors, at + "/vendors", Type::vendorValue);
         if (const Json* changed = check.member(*consent, at, "vendorsChanged", Type::object))
@@ -353,7 +361,8 @@ void checkTag(const Json& tag, const std::string& at, ShapeChecker& check) {
             check.member(*general, g, "remoteAddress", Type::text);
             check.onlyMembers(*general, g, {"requestUrl", "requestMethod", "requestStatus", "remoteAddress"});
         }
-        for (const char* key : {"payload", "requestHeaders", "queryStringParameters"}) check.member(*http, h, key, Type::object);
+        for (const char* key : {"payload", "requestHeaders", "queryStringParameters"})
+            check.member(*http, h, key, Type::object);
         if (const Json* response = check.member(*http, h, "response", Type::object)) {
             const std::string r = h + "/response";
             check.member(*response, r, "status", Type::integer);
@@ -371,7 +380,8 @@ void checkTag(const Json& tag, const std::string& at, ShapeChecker& check) {
         check.onlyMembers(*variables, at + "/variables", {"frontend", "backend", "constant", "enrichment"});
     }
     check.member(tag, at, "functions", Type::object);
-    check.onlyMembers(tag, at, {"id", "name", "source", "type", "timestamp", "trigger", "http", "variables", "functions"});
+    check.onlyMembers(tag, at,
+                      {"id", "name", "source", "type", "timestamp", "trigger", "http", "variables", "functions"});
 }
 
 void checkMonitorReport(const Json& document, ShapeChecker& check) {
@@ -410,11 +420,11 @@ bool isConsentSubmission(const Json& document) {
 
 std::string_view kindName(RequestKind kind) {
     switch (kind) {
-    case RequestKind::dataSubmission: return "data";
-    case RequestKind::consentSubmission: return "consent";
-    case RequestKind::offlineResend: return "offline-resend";
-    case RequestKind::monitorReport: return "monitor";
-    case RequestKind::invalid: return "invalid";
+        case RequestKind::dataSubmission: return "data";
+        case RequestKind::consentSubmission: return "consent";
+        case RequestKind::offlineResend: return "offline-resend";
+        case RequestKind::monitorReport: return "monitor";
+        case RequestKind::invalid: return "invalid";
     }
     return "invalid";
 }
@@ -439,7 +449,8 @@ Classification classify(std::string_view path, std::string_view body) {
 
     ShapeChecker check(result.problems);
     for (const auto& duplicate : finder.duplicates) {
-        const bool fixed = std::find(kFixedVariables.begin(), kFixedVariables.end(), duplicate.key) != kFixedVariables.end();
+        const bool fixed =
+            std::find(kFixedVariables.begin(), kFixedVariables.end(), duplicate.key) != kFixedVariables.end();
         if (duplicate.pointer == "/data/variables" && fixed)
             check.problem(duplicate.pointer, "custom property \"" + duplicate.key +
                                                  "\" collides with the fixed variable of that name (written twice)");

@@ -43,8 +43,11 @@ int main(int argc, char** argv) {
             std::cerr << "tavrin-collector: cannot listen on " << options.host << ":" << options.port << "\n";
             return 1;
         }
-        const std::string base = std::string(options.tlsCert ? "https" : "http") + "://" + options.host + ":" + std::to_string(port);
-        std::cout << "listening on " << base << "\n" << "debug view: " << base << "/ui/\n" << std::flush;
+        const std::string base =
+            std::string(options.tlsCert ? "https" : "http") + "://" + options.host + ":" + std::to_string(port);
+        std::cout << "listening on " << base << "\n"
+                  << "debug view: " << base << "/ui/\n"
+                  << std::flush;
 
         std::thread signals([&] {
             int received = 0;

@@ -51,16 +51,26 @@ Options parseOptions(const std::vector<std::string>& arguments) {
         if (option.rfind("--", 0) != 0) throw std::invalid_argument("unexpected argument \"" + option + "\"");
         if (i + 1 >= arguments.size()) throw std::invalid_argument(option + " needs a value");
         const std::string& value = arguments[++i];
-        if (option == "--host") options.host = value;
-        else if (option == "--port") options.port = static_cast<int>(number(option, value, 0, 65535));
-        else if (option == "--data-dir") options.dataDir = value;
-        else if (option == "--token") options.token = value;
-        else if (option == "--tls-cert") options.tlsCert = value;
-        else if (option == "--tls-key") options.tlsKey = value;
-        else if (option == "--fail-with") options.failWith = static_cast<int>(number(option, value, 100, 599));
-        else if (option == "--delay") options.delayMs = static_cast<int>(number(option, value, 0, 600000));
-        else if (option == "--max-body") options.maxBodyBytes = static_cast<std::size_t>(number(option, value, 1, 1LL << 30));
-        else throw std::invalid_argument("unknown option " + option);
+        if (option == "--host")
+            options.host = value;
+        else if (option == "--port")
+            options.port = static_cast<int>(number(option, value, 0, 65535));
+        else if (option == "--data-dir")
+            options.dataDir = value;
+        else if (option == "--token")
+            options.token = value;
+        else if (option == "--tls-cert")
+            options.tlsCert = value;
+        else if (option == "--tls-key")
+            options.tlsKey = value;
+        else if (option == "--fail-with")
+            options.failWith = static_cast<int>(number(option, value, 100, 599));
+        else if (option == "--delay")
+            options.delayMs = static_cast<int>(number(option, value, 0, 600000));
+        else if (option == "--max-body")
+            options.maxBodyBytes = static_cast<std::size_t>(number(option, value, 1, 1LL << 30));
+        else
+            throw std::invalid_argument("unknown option " + option);
     }
     if (options.tlsCert.has_value() != options.tlsKey.has_value())
         throw std::invalid_argument("--tls-cert and --tls-key go together");

@@ -87,12 +87,13 @@ RequestStore::RequestStore(const std::filesystem::path& directory) {
         struct stat info {};
         if (::lstat(directory.c_str(), &info) != 0 || !S_ISDIR(info.st_mode) || info.st_uid != ::geteuid() ||
             (info.st_mode & 077) != 0)
-            throw std::runtime_error("collector storage: " + directory.string() +
-                                     " must be a directory of this user that others cannot open (chmod 700), or a new path");
+            throw std::runtime_error(
+                "collector storage: " + directory.string() +
+                " must be a directory of this user that others cannot open (chmod 700), or a new path");
     }
     const auto file = (directory / "collector.sqlite3").string();
-    if (sqlite3_open_v2(file.c_str(), &db_, SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_FULLMUTEX, nullptr) !=
-        SQLITE_OK) {
+    if (sqlite3_open_v2(file.c_str(), &db_, SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_FULLMUTEX,
+                        nullptr) != SQLITE_OK) {
         std::string text = db_ ? sqlite3_errmsg(db_) : "out of memory";
         sqlite3_close(db_);
         throw std::runtime_error("collector storage: cannot open " + file + ": " + text);
@@ -101,7 +102,8 @@ RequestStore::RequestStore(const std::filesystem::path& directory) {
     for (const char* suffix : {"", "-wal", "-shm"}) {
         std::error_code ignored;
         if (fs::exists(file + suffix, ignored))
-            fs::permissions(file + suffix, fs::perms::owner_read | fs::perms::owner_write, fs::perm_options::replace, ignored);
+            fs::permissions(file + suffix, fs::perms::owner_read | fs::perms::owner_write, fs::perm_options::replace,
+                            ignored);
     }
     sqlite3_busy_timeout(db_, 5000);
     // A request the application saw answered must still be there after a crash.
@@ -137,7 +139,8 @@ StoredRequest RequestStore::add(StoredRequest request) {
 
 std::vector<StoredRequest> RequestStore::list(std::size_t limit, std::int64_t afterId) const {
     std::lock_guard lock(mutex_);
-    Statement query(db_, (std::string("SELECT ") + kColumns + " FROM requests WHERE id > ? ORDER BY id DESC LIMIT ?").c_str());
+    Statement query(
+        db_, (std::string("SELECT ") + kColumns + " FROM requests WHERE id > ? ORDER BY id DESC LIMIT ?").c_str());
     query.bind(1, afterId);
     query.bind(2, static_cast<std::int64_t>(limit));
     std::vector<StoredRequest> out;

@@ -6,9 +6,9 @@
 #include <chrono>
 #include <condition_variable>
 #include <ctime>
-#include <strings.h>
 #include <mutex>
 #include <stdexcept>
+#include <strings.h>
 #include <thread>
 
 #include <httplib.h>
@@ -40,16 +40,16 @@ std::string isoTime(std::int64_t ms) {
 
 std::string reason(int status) {
     switch (status) {
-    case 400: return "Bad Request";
-    case 401: return "Unauthorized";
-    case 404: return "Not Found";
-    case 405: return "Method Not Allowed";
-    case 411: return "Length Required";
-    case 413: return "Payload Too Large";
-    case 414: return "URI Too Long";
-    case 415: return "Unsupported Media Type";
-    case 421: return "Misdirected Request";
-    default: return "Error";
+        case 400: return "Bad Request";
+        case 401: return "Unauthorized";
+        case 404: return "Not Found";
+        case 405: return "Method Not Allowed";
+        case 411: return "Length Required";
+        case 413: return "Payload Too Large";
+        case 414: return "URI Too Long";
+        case 415: return "Unsupported Media Type";
+        case 421: return "Misdirected Request";
+        default: return "Error";
     }
 }
 
@@ -58,7 +58,8 @@ constexpr std::size_t kMaxListed = 1000;
 constexpr std::size_t kMaxListedBytes = 16u << 20;
 
 std::string lowercase(std::string text) {
-    std::transform(text.begin(), text.end(), text.begin(), [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
+    std::transform(text.begin(), text.end(), text.begin(),
+                   [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
     return text;
 }
 
@@ -91,7 +92,8 @@ Json toJson(const StoredRequest& request) {
             headers[name] = value;
     }
     // Only bodies the classifier accepted are parsed again (it bounds their depth).
-    Json body = request.kind == kindName(RequestKind::invalid) ? Json(nullptr) : Json::parse(request.body, nullptr, false);
+    Json body =
+        request.kind == kindName(RequestKind::invalid) ? Json(nullptr) : Json::parse(request.body, nullptr, false);
     const bool isJson = request.kind != kindName(RequestKind::invalid) && !body.is_discarded();
     return Json{{"id", request.id},
                 {"time", request.receivedMs},
@@ -210,7 +212,9 @@ struct CollectorServer::Impl {
         if (status == 401) {  // not kept: anyone could fill the store otherwise
             res.set_header("WWW-Authenticate", "Bearer");
             answerJson(res, status,
-                       {{"kind", std::string(kindName(classification.kind))}, {"problems", classification.problems}, {"error", error}});
+                       {{"kind", std::string(kindName(classification.kind))},
+                        {"problems", classification.problems},
+                        {"error", error}});
             return;
         }
         if (status == 200 && classification.kind == RequestKind::invalid) {
@@ -231,10 +235,10 @@ struct CollectorServer::Impl {
         stored.path = req.path;
         for (const auto& [name, value] : req.headers) {
             // The server library files the connection's addresses among the headers.
-            if (name == "LOCAL_ADDR" || name == "LOCAL_PORT" || name == "REMOTE_ADDR" || name == "REMOTE_PORT") continue;
-            stored.headers.emplace_back(name, strcasecmp(name.c_str(), "Authorization") == 0
-                                                  ? redactAuthorization(value)
-                                                  : value);
+            if (name == "LOCAL_ADDR" || name == "LOCAL_PORT" || name == "REMOTE_ADDR" || name == "REMOTE_PORT")
+                continue;
+            stored.headers.emplace_back(
+                name, strcasecmp(name.c_str(), "Authorization") == 0 ? redactAuthorization(value) : value);
         }
         stored.body = req.body;
         stored.status = status;
@@ -303,26 +307,27 @@ struct CollectorServer::Impl {
         auto seen = std::make_shared<std::uint64_t>(signal.generation());
         auto last = std::make_shared<std::int64_t>(lastId);
         auto first = std::make_shared<bool>(true);
-        res.set_chunked_content_provider("text/event-stream", [this, seen, last, first](std::size_t, httplib::DataSink& sink) {
-            if (*first) {
-                *first = false;
-                const std::string hello = "retry: 1000\n: connected\n\n";
-                return sink.write(hello.data(), hello.size());
-            }
-            if (!signal.wait(*seen, std::chrono::seconds(10))) {
-                sink.done();
-                return true;
-            }
-            auto fresh = store.list(1000, *last);
-            std::string out;
-            for (auto it = fresh.rbegin(); it != fresh.rend(); ++it) {
-                out += "id: " + std::to_string(it->id) + "\nevent: request\ndata: " +
-                       toJson(*it).dump(-1, ' ', false, Json::error_handler_t::replace) + "\n\n";
-                *last = it->id;
-            }
-            if (out.empty()) out = ": keep-alive\n\n";  // also finds pages that went away
-            return sink.write(out.data(), out.size());
-        });
+        res.set_chunked_content_provider(
+            "text/event-stream", [this, seen, last, first](std::size_t, httplib::DataSink& sink) {
+                if (*first) {
+                    *first = false;
+                    const std::string hello = "retry: 1000\n: connected\n\n";
+                    return sink.write(hello.data(), hello.size());
+                }
+                if (!signal.wait(*seen, std::chrono::seconds(10))) {
+                    sink.done();
+                    return true;
+                }
+                auto fresh = store.list(1000, *last);
+                std::string out;
+                for (auto it = fresh.rbegin(); it != fresh.rend(); ++it) {
+                    out += "id: " + std::to_string(it->id) + "\nevent: request\ndata: " +
+                           toJson(*it).dump(-1, ' ', false, Json::error_handler_t::replace) + "\n\n";
+                    *last = it->id;
+                }
+                if (out.empty()) out = ": keep-alive\n\n";  // also finds pages that went away
+                return sink.write(out.data(), out.size());
+            });
     }
 
     void routes() {
@@ -336,7 +341,8 @@ struct CollectorServer::Impl {
             std::string why = res.status == 404   ? "no route for " + req.method + " " + req.path
                               : res.status == 413 ? "body larger than the collector accepts (--max-body)"
                                                   : "request rejected";
-            answerJson(res, res.status, {{"error", std::to_string(res.status) + " " + reason(res.status) + ": " + why}});
+            answerJson(res, res.status,
+                       {{"error", std::to_string(res.status) + " " + reason(res.status) + ": " + why}});
         });
         auto submission = [this](const httplib::Request& q, httplib::Response& r) { this->submission(q, r); };
         auto wrong = [this](const httplib::Request& q, httplib::Response& r) { wrongMethod(q, r); };
@@ -349,7 +355,9 @@ struct CollectorServer::Impl {
         s.Get("/monitor", wrong);
         s.Get("/", [](const httplib::Request&, httplib::Response& res) {
             res.set_header("Allow", "POST");
-            answerJson(res, 405, {{"error", "method GET not allowed on /; send submissions with POST, the debug view is at /ui/"}});
+            answerJson(
+                res, 405,
+                {{"error", "method GET not allowed on /; send submissions with POST, the debug view is at /ui/"}});
         });
         s.Get("/ui", [](const httplib::Request&, httplib::Response& res) { res.set_redirect("/ui/"); });
         s.Get("/ui/", [](const httplib::Request&, httplib::Response& res) {
@@ -357,7 +365,8 @@ struct CollectorServer::Impl {
             res.set_content(kDebugViewPage, "text/html; charset=utf-8");
         });
         s.Get("/api/requests", [this](const httplib::Request& q, httplib::Response& r) { listRequests(q, r); });
-        s.Get(R"(/api/requests/(\d{1,18}))", [this](const httplib::Request& q, httplib::Response& r) { oneRequest(q, r); });
+        s.Get(R"(/api/requests/(\d{1,18}))",
+              [this](const httplib::Request& q, httplib::Response& r) { oneRequest(q, r); });
         s.Get("/api/events", [this](const httplib::Request& q, httplib::Response& r) { events(q, r); });
     }
 };
@@ -367,7 +376,8 @@ CollectorServer::CollectorServer(const Options& options, RequestStore& store)
     if (options.tlsCert) {
         auto tls = std::make_unique<httplib::SSLServer>(options.tlsCert->c_str(), options.tlsKey->c_str());
         if (!tls->is_valid())
-            throw std::runtime_error("cannot load the TLS certificate " + *options.tlsCert + " and key " + *options.tlsKey);
+            throw std::runtime_error("cannot load the TLS certificate " + *options.tlsCert + " and key " +
+                                     *options.tlsKey);
         impl_->server = std::move(tls);
     } else {
         impl_->server = std::make_unique<httplib::Server>();

@@ -17,9 +17,9 @@
 #include <string>
 #include <type_traits>
 
+#include "tavrin/platform/internal/coding.h"
 #include "tavrin/platform/internal/json.h"
 #include "tavrin/platform/internal/object_cache.h"
-#include "tavrin/platform/internal/coding.h"
 #include "tavrin/platform/internal/result.h"
 
 namespace tavrin {

@@ -14,15 +14,15 @@
 namespace tavrin {
 
 struct AppDeviceInfo {
-    std::string appDeviceId;       // new random UUID on every collection
-    std::string appDeviceBrand;    // "Apple"
+    std::string appDeviceId;     // new random UUID on every collection
+    std::string appDeviceBrand;  // "Apple"
     std::string appDeviceModel;
     std::string appDeviceOS;
     std::string appDeviceOSVersion;
-    std::string appDeviceLanguage;  // "Unknown" when the locale has none
-    std::string appDeviceRegion;    // "Unknown" when the locale has none
-    std::int64_t appDeviceWidth = 0;   // points, truncated
-    std::int64_t appDeviceHeight = 0;  // points, truncated
+    std::string appDeviceLanguage;                // "Unknown" when the locale has none
+    std::string appDeviceRegion;                  // "Unknown" when the locale has none
+    std::int64_t appDeviceWidth = 0;              // points, truncated
+    std::int64_t appDeviceHeight = 0;             // points, truncated
     std::optional<std::string> appDeviceCarrier;  // always "Unknown": no telephony query is made
     std::string appDeviceNetworkType;             // always "Unknown"
     std::string appApplicationName;
@@ -35,9 +35,9 @@ struct AppDeviceInfo {
 // Facts of the operating system that cannot change while the process runs,
 // with their fallbacks applied. Read from the system once and kept.
 struct FixedDeviceFacts {
-    std::string model;          // "Unknown" when absent
-    std::string systemName;     // "Unknown" when absent
-    std::string systemVersion;  // "Unknown" when absent
+    std::string model;                   // "Unknown" when absent
+    std::string systemName;              // "Unknown" when absent
+    std::string systemVersion;           // "Unknown" when absent
     std::optional<std::string> machine;  // raw uname machine, unchecked
 };
 

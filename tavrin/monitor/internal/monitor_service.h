@@ -25,12 +25,12 @@ class HttpClient;
 }
 
 struct MonitorPayload {
-    std::string debugID;                // "debugid"
-    AnyCodable::Dictionary consent;     // "consent"
-    AnyCodable::Dictionary docs;        // "docs"
-    std::string state;                  // "state"
-    std::string eventDocumentID;        // "eventDocumentId"
-    std::vector<Tag> tags;              // "tags", oldest first
+    std::string debugID;             // "debugid"
+    AnyCodable::Dictionary consent;  // "consent"
+    AnyCodable::Dictionary docs;     // "docs"
+    std::string state;               // "state"
+    std::string eventDocumentID;     // "eventDocumentId"
+    std::vector<Tag> tags;           // "tags", oldest first
 
     Json encode() const;
 };

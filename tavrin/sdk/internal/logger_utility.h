@@ -25,13 +25,21 @@ public:
     // a callable is only invoked when the message will be written, so a
     // filtered-out message costs one comparison and builds no string.
     template <class M>
-    void debug(M&& message) { emit(LogLevel::debug, platform::LogType::debug, std::forward<M>(message)); }
+    void debug(M&& message) {
+        emit(LogLevel::debug, platform::LogType::debug, std::forward<M>(message));
+    }
     template <class M>
-    void info(M&& message) { emit(LogLevel::info, platform::LogType::info, std::forward<M>(message)); }
+    void info(M&& message) {
+        emit(LogLevel::info, platform::LogType::info, std::forward<M>(message));
+    }
     template <class M>
-    void warning(M&& message) { emit(LogLevel::warning, platform::LogType::error, std::forward<M>(message)); }
+    void warning(M&& message) {
+        emit(LogLevel::warning, platform::LogType::error, std::forward<M>(message));
+    }
     template <class M>
-    void error(M&& message) { emit(LogLevel::error, platform::LogType::error, std::forward<M>(message)); }
+    void error(M&& message) {
+        emit(LogLevel::error, platform::LogType::error, std::forward<M>(message));
+    }
 
     void setLogLevel(LogLevel level);
     LogLevel logLevel() const noexcept { return logLevel_.load(std::memory_order_relaxed); }

@@ -27,7 +27,8 @@ public:
     template <class Make>
     std::shared_ptr<T> get(Make&& make) {
         std::lock_guard lock(mutex_);
-        if (instance_ && generation_ != platform::forkGeneration()) platform::keepForever(std::exchange(instance_, nullptr));
+        if (instance_ && generation_ != platform::forkGeneration())
+            platform::keepForever(std::exchange(instance_, nullptr));
         if (!instance_) {
             instance_ = make();
             generation_ = platform::forkGeneration();

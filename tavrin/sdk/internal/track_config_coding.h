@@ -1,8 +1,8 @@
 #pragma once
 // JSON form of TrackConfig, as persisted under "com.tavrin.TrackingSettings".
 
-#include "tavrin/sdk/track_config.h"
 #include "tavrin/platform/internal/coding.h"
+#include "tavrin/sdk/track_config.h"
 
 namespace tavrin {
 

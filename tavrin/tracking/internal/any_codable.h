@@ -43,7 +43,8 @@ public:
     // for them, and one would fail the encoding of the whole document, so
     // values are cleaned where they enter a record that is encoded later.
     using DroppedHandler = std::function<void(const CodingPath&)>;
-    static void dropNonFiniteNumbers(Dictionary& dictionary, const DroppedHandler& dropped, const CodingPath& path = {});
+    static void dropNonFiniteNumbers(Dictionary& dictionary, const DroppedHandler& dropped,
+                                     const CodingPath& path = {});
     static void dropNonFiniteNumbers(Array& array, const DroppedHandler& dropped, const CodingPath& path = {});
 
 private:

@@ -4,19 +4,19 @@
 
 #include <chrono>
 #include <condition_variable>
+#include <cstdint>
 #include <deque>
 #include <exception>
-#include <future>
-#include <type_traits>
-#include <cstdint>
 #include <functional>
-#include <mutex>
-#include <vector>
+#include <future>
 #include <map>
 #include <memory>
+#include <mutex>
 #include <optional>
 #include <string>
+#include <type_traits>
 #include <utility>
+#include <vector>
 
 #include "tavrin/platform/dispatch.h"
 #include "tavrin/tracking/tracking_service.h"
@@ -90,7 +90,6 @@ private:
     std::size_t count_ = 0;
 };
 
-
 using Completion = std::function<void(std::exception_ptr)>;
 
 // Runs `work`; a throw from it completes `done` with that failure instead.
@@ -148,7 +147,9 @@ struct TrackingServiceInternals {
     }
     static void resetEnrichments(TrackingService& service) { service.resetEnrichments(); }
     static const std::string& userAgent(const TrackingService& service) { return service.state_->userAgent; }
-    static const std::shared_ptr<ServiceProtocol>& service(const TrackingService& service) { return service.state_->service; }
+    static const std::shared_ptr<ServiceProtocol>& service(const TrackingService& service) {
+        return service.state_->service;
+    }
 
     // The shared instance, or null before configure and in a forked child
     // before it configures (without the error line).
@@ -163,4 +164,3 @@ struct TrackingServiceInternals {
 };
 
 }  // namespace tavrin::detail
-

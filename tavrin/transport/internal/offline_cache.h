@@ -36,8 +36,8 @@
 
 #include "tavrin/platform/bytes.h"
 #include "tavrin/platform/dispatch.h"
-#include "tavrin/platform/key_value_store.h"
 #include "tavrin/platform/internal/coding.h"
+#include "tavrin/platform/key_value_store.h"
 
 namespace tavrin {
 
@@ -47,8 +47,8 @@ public:
         enum class RequestType { consentSubmission, dataSubmission, monitorRequest };
 
         RequestType type = RequestType::dataSubmission;
-        Bytes payload;           // the exact JSON body that was to be sent
-        double timestamp = 0;    // seconds since 1970 when it was cached
+        Bytes payload;         // the exact JSON body that was to be sent
+        double timestamp = 0;  // seconds since 1970 when it was cached
         std::int64_t retryCount = 0;
 
         Json encode() const;
@@ -133,7 +133,9 @@ private:
         std::vector<platform::KeyValueStore::Change> changes;
         // Records new in this batch: removed again, they need no write at all.
         std::unordered_set<std::string> created;
-        void set(std::string key, Bytes value) { changes.push_back({std::move(key), platform::KeyValueStore::Value(std::move(value))}); }
+        void set(std::string key, Bytes value) {
+            changes.push_back({std::move(key), platform::KeyValueStore::Value(std::move(value))});
+        }
         void erase(std::string key) { changes.push_back({std::move(key), std::nullopt}); }
         // The request the record holds once the batch is written.
         std::optional<Request> latest(const platform::KeyValueStore& store, const std::string& key) const;

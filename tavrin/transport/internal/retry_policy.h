@@ -38,7 +38,8 @@ struct RetryBackoff {
     // from one outage spread out; a server's Retry-After stands instead (at
     // least a second, at most `maximum`, plus up to a tenth). random01 is a
     // uniform draw from [0, 1).
-    static std::chrono::milliseconds delay(int attempt, std::optional<std::chrono::seconds> retryAfter, double random01);
+    static std::chrono::milliseconds delay(int attempt, std::optional<std::chrono::seconds> retryAfter,
+                                           double random01);
 };
 
 }  // namespace tavrin::detail

@@ -19,8 +19,8 @@ int main() {
                                      .customProtocol = std::nullopt,
                                      .enableOfflineTracking = true,
                                      .offlineTrackingTimeout = 86400};
-    const tavrin::AnyValue::Dictionary push{{"track", "pageview"}, {"price", 9.99},
-                                            {"tags", tavrin::AnyValue::Array{"a", "b"}}};
+    const tavrin::AnyValue::Dictionary push{
+        {"track", "pageview"}, {"price", 9.99}, {"tags", tavrin::AnyValue::Array{"a", "b"}}};
     const auto [session, action] = tavrin::SessionManager::startOrResumeSession();
     std::cout << "domain " << config.trackDomain << "\n"
               << "push " << tavrin::AnyValue::sortedJsonText(push).value_or("?") << "\n"
