@@ -4,12 +4,12 @@
 #include <sys/utsname.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <charconv>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <fstream>
-#include <iterator>
 #include <mutex>
 
 #include "tavrin/platform/internal/log_hook.h"
@@ -41,14 +41,24 @@ std::optional<std::string> nonEmpty(std::string s) {
     return s;
 }
 
+// The whole of a small system file; absent when it cannot be opened.
+std::optional<std::string> readText(const std::filesystem::path& path) {
+    std::FILE* in = std::fopen(path.c_str(), "rb");
+    if (!in) return std::nullopt;
+    std::string content;
+    char buffer[4096];
+    for (std::size_t n; (n = std::fread(buffer, 1, sizeof buffer, in)) > 0;) content.append(buffer, n);
+    std::fclose(in);
+    return content;
+}
+
 // The first line of a short text file: DMI files end in a newline, device-tree
 // strings in a NUL.
 std::optional<std::string> readFirstLine(const std::filesystem::path& path) {
-    std::ifstream in(path, std::ios::binary);
-    if (!in) return std::nullopt;
-    std::string content{std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
-    content = content.substr(0, content.find_first_of(std::string_view("\0\n", 2)));
-    return nonEmpty(trim(content));
+    auto content = readText(path);
+    if (!content) return std::nullopt;
+    *content = content->substr(0, content->find_first_of(std::string_view("\0\n", 2)));
+    return nonEmpty(trim(*content));
 }
 
 // Removes shell quoting as os-release allows it: double quotes with backslash
@@ -98,13 +108,13 @@ std::optional<std::string> readModel(const std::filesystem::path& root) {
 }
 
 std::optional<std::string> readOsReleaseValue(const std::filesystem::path& root, std::string_view key) {
-    std::ifstream in(root / "etc/os-release");
-    if (!in) in.open(root / "usr/lib/os-release");
-    if (!in) return std::nullopt;
+    auto content = readText(root / "etc/os-release");
+    if (!content) content = readText(root / "usr/lib/os-release");
+    if (!content) return std::nullopt;
     std::optional<std::string> value;
-    std::string line;
-    while (std::getline(in, line)) {
-        const std::string text = trim(line);
+    for (std::size_t start = 0, end; start < content->size(); start = end + 1) {
+        end = std::min(content->find('\n', start), content->size());
+        const std::string text = trim(std::string_view(*content).substr(start, end - start));
         if (text.empty() || text.front() == '#') continue;
         if (text.size() <= key.size() || text.compare(0, key.size(), key) != 0 || text[key.size()] != '=') continue;
         // As in the shell that may source the file, a later assignment wins.

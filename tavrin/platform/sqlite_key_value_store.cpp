@@ -10,9 +10,9 @@
 #include <cctype>
 #include <cerrno>
 #include <cmath>
+#include <cstdio>
 #include <cstring>
 #include <ctime>
-#include <fstream>
 #include <system_error>
 #include <thread>
 
@@ -151,12 +151,12 @@ void keepPrivate(const std::filesystem::path& file) {
 // SQLite is not let near it (it would reset a journal lying beside it).
 bool hasForeignHeader(const std::filesystem::path& file) {
     static constexpr char kMagic[] = "SQLite format 3";  // with its NUL: 16 bytes
-    std::ifstream in(file, std::ios::binary);
+    std::FILE* in = std::fopen(file.c_str(), "rb");
     if (!in) return false;
     char header[sizeof kMagic] = {};
-    in.read(header, sizeof header);
-    const auto got = in.gcount();
-    return got > 0 && std::memcmp(header, kMagic, static_cast<std::size_t>(got)) != 0;
+    const std::size_t got = std::fread(header, 1, sizeof header, in);
+    std::fclose(in);
+    return got > 0 && std::memcmp(header, kMagic, got) != 0;
 }
 
 // "20240131T235959Z" of the current time.

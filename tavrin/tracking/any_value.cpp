@@ -2,7 +2,6 @@
 
 #include <charconv>
 #include <cmath>
-#include <sstream>
 #include <string_view>
 
 #include "tavrin/platform/internal/json.h"
@@ -155,48 +154,58 @@ std::optional<std::string> AnyValue::sortedJsonText(const Dictionary& dictionary
 
 namespace {
 
-void describeValue(std::ostringstream& out, const AnyValue& value, std::size_t depth);
+// `%g`'s text (six significant digits), as a stream prints a double, without a stream.
+std::string generalText(double value) {
+    char buffer[32];
+    return std::string(buffer, std::to_chars(buffer, buffer + sizeof buffer, value, std::chars_format::general, 6).ptr);
+}
 
-void describeDictionary(std::ostringstream& out, const AnyValue::Dictionary& dictionary, std::size_t depth) {
+void describeValue(std::string& out, const AnyValue& value, std::size_t depth);
+
+void describeDictionary(std::string& out, const AnyValue::Dictionary& dictionary, std::size_t depth) {
     if (depth > platform::kMaxJsonNestingDepth) {
-        out << "...";
+        out += "...";
         return;
     }
-    out << "dictionary{";
+    out += "dictionary{";
     const char* separator = "";
     for (const auto& [key, member] : dictionary) {
-        out << separator << '"' << key << "\": ";
+        out += separator;
+        out += '"';
+        out += key;
+        out += "\": ";
         describeValue(out, member, depth);
         separator = ", ";
     }
-    out << "}";
+    out += "}";
 }
 
-void describeValue(std::ostringstream& out, const AnyValue& value, std::size_t depth) {
+void describeValue(std::string& out, const AnyValue& value, std::size_t depth) {
     switch (value.kind()) {
-        case AnyValue::Kind::null: out << "null"; break;
-        case AnyValue::Kind::text: out << "text(\"" << value.asText() << "\")"; break;
-        case AnyValue::Kind::boolean: out << "boolean(" << (value.asBool() ? "true" : "false") << ")"; break;
-        case AnyValue::Kind::integer: out << "integer(" << value.asInteger() << ")"; break;
-        case AnyValue::Kind::number: out << "number(" << value.asNumber() << ")"; break;
+        case AnyValue::Kind::null: out += "null"; break;
+        case AnyValue::Kind::text: out += "text(\"" + value.asText() + "\")"; break;
+        case AnyValue::Kind::boolean: out += std::string("boolean(") + (value.asBool() ? "true" : "false") + ")"; break;
+        case AnyValue::Kind::integer: out += "integer(" + std::to_string(value.asInteger()) + ")"; break;
+        case AnyValue::Kind::number: out += "number(" + generalText(value.asNumber()) + ")"; break;
         case AnyValue::Kind::array: {
             if (depth + 1 > platform::kMaxJsonNestingDepth) {
-                out << "...";
+                out += "...";
                 break;
             }
-            out << "array[";
+            out += "array[";
             const char* separator = "";
             for (const auto& element : value.asArray()) {
-                out << separator;
+                out += separator;
                 describeValue(out, element, depth + 1);
                 separator = ", ";
             }
-            out << "]";
+            out += "]";
             break;
         }
         case AnyValue::Kind::dictionary: describeDictionary(out, value.asDictionary(), depth + 1); break;
         case AnyValue::Kind::date:
-            out << "date(" << std::chrono::duration<double>(value.asDate().time_since_epoch()).count() << ")";
+            out +=
+                "date(" + generalText(std::chrono::duration<double>(value.asDate().time_since_epoch()).count()) + ")";
             break;
     }
 }
@@ -204,15 +213,15 @@ void describeValue(std::ostringstream& out, const AnyValue& value, std::size_t d
 }  // namespace
 
 std::string describe(const AnyValue& value) {
-    std::ostringstream out;
+    std::string out;
     describeValue(out, value, 0);
-    return out.str();
+    return out;
 }
 
 std::string describe(const AnyValue::Dictionary& dictionary) {
-    std::ostringstream out;
+    std::string out;
     describeDictionary(out, dictionary, 1);
-    return out.str();
+    return out;
 }
 
 }  // namespace tavrin

@@ -4,7 +4,6 @@
 #include <algorithm>
 #include <cmath>
 #include <limits>
-#include <sstream>
 
 namespace tavrin {
 
@@ -128,11 +127,7 @@ std::string describeAt(const CodableValue& value, std::size_t depth) {
         case CodableValue::Kind::string: return "string(" + Json(value.asString()).dump() + ")";
         case CodableValue::Kind::boolean: return std::string("bool(") + (value.asBool() ? "true" : "false") + ")";
         case CodableValue::Kind::integer: return "integer(" + std::to_string(value.asInteger()) + ")";
-        case CodableValue::Kind::decimalNumber: {
-            std::ostringstream out;
-            out << "decimalNumber(" << Json(value.asDecimalNumber()).dump() << ")";
-            return out.str();
-        }
+        case CodableValue::Kind::decimalNumber: return "decimalNumber(" + Json(value.asDecimalNumber()).dump() + ")";
         case CodableValue::Kind::array: {
             if (depth + 1 > platform::kMaxJsonNestingDepth) return "...";
             std::string out = "array([";

@@ -4,6 +4,7 @@
 
 #include <gtest/gtest.h>
 
+#include <chrono>
 #include <cmath>
 #include <cstdint>
 #include <limits>
@@ -98,6 +99,22 @@ TEST(AnyValueTest, JsonTextMatchesTheJsonLibrarysDumpByteForByte) {
     for (const std::int64_t integer : {std::int64_t{0}, std::int64_t{-1}, std::numeric_limits<std::int64_t>::min(),
                                        std::numeric_limits<std::int64_t>::max()})
         check("k", integer, integer);
+}
+
+// The text log lines show for a push: numbers and dates in six significant digits, as a stream prints them.
+TEST(AnyValueTest, DescriptionNamesEachKindAndPrintsNumbersShort) {
+    const AnyValue::Dictionary pushed{
+        {"price", 9.99},
+        {"big", 1234567.0},
+        {"tiny", 1e-7},
+        {"qty", 3},
+        {"ok", true},
+        {"when", std::chrono::system_clock::time_point(std::chrono::milliseconds(1700000000500))},
+        {"tags", AnyValue::Array{"a", nullptr}},
+    };
+    EXPECT_EQ(describe(pushed),
+              "dictionary{\"big\": number(1.23457e+06), \"ok\": boolean(true), \"price\": number(9.99), \"qty\": "
+              "integer(3), \"tags\": array[text(\"a\"), null], \"tiny\": number(1e-07), \"when\": date(1.7e+09)}");
 }
 
 TEST(CustomPropertiesTest, EachValueKeepsItsKindDownToOneArrayLevel) {
