@@ -5,6 +5,7 @@
 // process or in a child of its own.
 
 #include <arpa/inet.h>
+#include <dirent.h>
 #include <netinet/in.h>
 #include <signal.h>
 #include <sys/mman.h>
@@ -23,6 +24,17 @@
 #include "tavrin/platform/system_log.h"
 
 namespace tavrin::bench {
+
+// Threads of this process now.
+inline int threadCount() {
+    int count = 0;
+    if (DIR* tasks = opendir("/proc/self/task")) {
+        while (const dirent* entry = readdir(tasks))
+            if (entry->d_name[0] != '.') ++count;
+        closedir(tasks);
+    }
+    return count;
+}
 
 // Kilobytes of a field of /proc/self/smaps_rollup ("Rss", "Anonymous").
 inline long rollupKb(const std::string& field) {

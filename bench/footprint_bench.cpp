@@ -4,7 +4,6 @@
 // 50,000 ten-property pushes, then submit() until its future completes, by
 // the wall clock.
 #include <benchmark/benchmark.h>
-#include <dirent.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -25,16 +24,6 @@ namespace {
 using namespace tavrin;
 namespace fs = std::filesystem;
 using Clock = std::chrono::steady_clock;
-
-int threadCount() {
-    int count = 0;
-    if (DIR* tasks = opendir("/proc/self/task")) {
-        while (const dirent* entry = readdir(tasks))
-            if (entry->d_name[0] != '.') ++count;
-        closedir(tasks);
-    }
-    return count;
-}
 
 long fileBytes(const char* path) {
     struct stat info {};
@@ -73,13 +62,13 @@ Environment& environment() {
 // Runs first, in a process that has configured nothing yet.
 void BM_ConfigureFootprint(benchmark::State& state) {
     auto& env = environment();
-    const int threadsBefore = threadCount();
+    const int threadsBefore = bench::threadCount();
     const long anonymousBefore = bench::rollupKb("Anonymous");
     for (auto _ : state) {
         TavrinService::configure(env.config(9));
         std::this_thread::sleep_for(std::chrono::milliseconds(500));  // start-up work settles
     }
-    state.counters["sdk_threads"] = threadCount() - threadsBefore;
+    state.counters["sdk_threads"] = bench::threadCount() - threadsBefore;
     state.counters["configure_anon_KiB"] = static_cast<double>(bench::rollupKb("Anonymous") - anonymousBefore);
     state.counters["minimal_host_stripped_KB"] = static_cast<double>(fileBytes(TAVRIN_MINIMAL_HOST)) / 1000;
     state.counters["static_library_KB"] = static_cast<double>(fileBytes(TAVRIN_STATIC_LIBRARY)) / 1000;
