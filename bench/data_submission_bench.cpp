@@ -3,7 +3,7 @@
 
 #include <string>
 
-#include "tavrin/tracking/internal/data_submission_model.h"
+#include "tavrin/model/internal/data_submission_model.h"
 
 namespace {
 

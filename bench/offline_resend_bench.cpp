@@ -19,12 +19,12 @@
 #include <vector>
 
 #include "bench/bench_support.h"
+#include "tavrin/model/internal/data_submission_model.h"
 #include "tavrin/platform/clock.h"
 #include "tavrin/platform/http_client.h"
 #include "tavrin/platform/internal/sqlite_key_value_store.h"
 #include "tavrin/platform/system_log.h"
 #include "tavrin/sdk/internal/tracking_settings.h"
-#include "tavrin/tracking/internal/data_submission_model.h"
 #include "tavrin/transport/internal/offline_cache_manager.h"
 #include "tavrin/transport/internal/service.h"
 

@@ -12,14 +12,14 @@
 //     tavrin::TavrinService::shutdown(std::chrono::seconds(2));
 
 #include "tavrin/consent/consent_status.h"
+#include "tavrin/model/codable_value.h"
+#include "tavrin/model/enrichment.h"
 #include "tavrin/platform/platform.h"
 #include "tavrin/sdk/log_level.h"
 #include "tavrin/sdk/tavrin_service.h"
 #include "tavrin/sdk/track_config.h"
 #include "tavrin/session/session_manager.h"
 #include "tavrin/tracking/any_value.h"
-#include "tavrin/tracking/codable_value.h"
-#include "tavrin/tracking/enrichment.h"
 #include "tavrin/tracking/tracking_service.h"
 #include "tavrin/tracking/tracking_service_error.h"
 #include "tavrin/tracking/variables_wrapper.h"

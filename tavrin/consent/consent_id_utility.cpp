@@ -3,10 +3,10 @@
 #include <algorithm>
 #include <cctype>
 
-#include "tavrin/consent/internal/user_defaults_utility.h"
 #include "tavrin/platform/internal/uuid.h"
 #include "tavrin/sdk/internal/logger_utility.h"
 #include "tavrin/sdk/internal/tracking_settings.h"
+#include "tavrin/sdk/internal/user_defaults_utility.h"
 
 namespace tavrin {
 

@@ -1,10 +1,10 @@
 #include "tavrin/consent/internal/user_id_utility.h"
 
-#include "tavrin/consent/internal/user_defaults_utility.h"
 #include "tavrin/platform/internal/pattern.h"
 #include "tavrin/platform/internal/secure_random.h"
 #include "tavrin/platform/internal/timestamp_utility.h"
 #include "tavrin/sdk/internal/logger_utility.h"
+#include "tavrin/sdk/internal/user_defaults_utility.h"
 
 namespace tavrin {
 

@@ -1,7 +1,7 @@
 #include "tavrin/consent/internal/vendor_consents_utility.h"
 
-#include "tavrin/consent/internal/user_defaults_utility.h"
 #include "tavrin/sdk/internal/logger_utility.h"
+#include "tavrin/sdk/internal/user_defaults_utility.h"
 
 namespace tavrin {
 

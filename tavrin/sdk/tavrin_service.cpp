@@ -8,7 +8,6 @@
 #include <mutex>
 #include <string>
 
-#include "tavrin/consent/internal/user_defaults_utility.h"
 #include "tavrin/consent/internal/vendor_consents_utility.h"
 #include "tavrin/monitor/internal/memory_cache_utility.h"
 #include "tavrin/monitor/internal/monitor_service.h"
@@ -22,6 +21,7 @@
 #include "tavrin/platform/key_value_store.h"
 #include "tavrin/sdk/internal/logger_utility.h"
 #include "tavrin/sdk/internal/tracking_settings.h"
+#include "tavrin/sdk/internal/user_defaults_utility.h"
 #include "tavrin/session/session_manager.h"
 #include "tavrin/tracking/internal/tracking_service_internals.h"
 #include "tavrin/tracking/tracking_service.h"

@@ -2,9 +2,9 @@
 
 #include <mutex>
 
-#include "tavrin/consent/internal/user_defaults_utility.h"
 #include "tavrin/platform/internal/fatal_error.h"
 #include "tavrin/sdk/internal/logger_utility.h"
+#include "tavrin/sdk/internal/user_defaults_utility.h"
 
 namespace tavrin {
 

@@ -7,7 +7,6 @@
 
 #include "tavrin/consent/internal/consent_id_utility.h"
 #include "tavrin/consent/internal/consent_model.h"
-#include "tavrin/consent/internal/user_defaults_utility.h"
 #include "tavrin/consent/internal/user_id_utility.h"
 #include "tavrin/consent/internal/vendor_consents_utility.h"
 #include "tavrin/monitor/internal/monitor_service.h"
@@ -17,6 +16,7 @@
 #include "tavrin/sdk/internal/logger_utility.h"
 #include "tavrin/sdk/internal/record_parts.h"
 #include "tavrin/sdk/internal/shared_instance.h"
+#include "tavrin/sdk/internal/user_defaults_utility.h"
 #include "tavrin/tracking/internal/ordered_blocks.h"
 #include "tavrin/tracking/internal/tracking_service_internals.h"
 #include "tavrin/tracking/tracking_service.h"

@@ -9,6 +9,8 @@
 
 #include "tavrin/consent/internal/user_id_utility.h"
 #include "tavrin/consent/internal/vendor_consents_utility.h"
+#include "tavrin/model/internal/data_submission_model.h"
+#include "tavrin/model/internal/push_payload.h"
 #include "tavrin/monitor/internal/memory_cache_utility.h"
 #include "tavrin/monitor/internal/monitor_service.h"
 #include "tavrin/monitor/internal/tag_cache.h"
@@ -19,9 +21,7 @@
 #include "tavrin/sdk/internal/logger_utility.h"
 #include "tavrin/sdk/internal/record_parts.h"
 #include "tavrin/session/session_manager.h"
-#include "tavrin/tracking/internal/data_submission_model.h"
 #include "tavrin/tracking/internal/product_data.h"
-#include "tavrin/tracking/internal/push_payload.h"
 #include "tavrin/tracking/internal/tracking_service_internals.h"
 #include "tavrin/tracking/tracking_service.h"
 #include "tavrin/transport/internal/service_protocol.h"

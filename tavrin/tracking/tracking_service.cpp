@@ -9,6 +9,7 @@
 
 #include "tavrin/consent/internal/consent_id_utility.h"
 #include "tavrin/consent/internal/user_id_utility.h"
+#include "tavrin/model/internal/push_payload.h"
 #include "tavrin/monitor/internal/device_info_utility.h"
 #include "tavrin/monitor/internal/memory_cache_utility.h"
 #include "tavrin/monitor/internal/tag_cache.h"
@@ -22,7 +23,6 @@
 #include "tavrin/tracking/internal/enrichment_resolution.h"
 #include "tavrin/tracking/internal/ordered_blocks.h"
 #include "tavrin/tracking/internal/product_data.h"
-#include "tavrin/tracking/internal/push_payload.h"
 #include "tavrin/tracking/internal/tracking_service_internals.h"
 #include "tavrin/transport/internal/service_protocol.h"
 

@@ -20,9 +20,9 @@
 #include <vector>
 
 #include "tavrin/consent/consent_status.h"
+#include "tavrin/model/codable_value.h"
+#include "tavrin/model/enrichment.h"
 #include "tavrin/tracking/any_value.h"
-#include "tavrin/tracking/codable_value.h"
-#include "tavrin/tracking/enrichment.h"
 #include "tavrin/tracking/tracking_service_error.h"
 
 namespace tavrin {

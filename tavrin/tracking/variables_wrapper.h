@@ -16,7 +16,7 @@
 #include <utility>
 #include <vector>
 
-#include "tavrin/tracking/codable_value.h"
+#include "tavrin/model/codable_value.h"
 
 namespace tavrin {
 

@@ -3,6 +3,7 @@
 #include <strings.h>
 
 #include "tavrin/consent/internal/consent_model.h"
+#include "tavrin/model/internal/data_submission_model.h"
 #include "tavrin/platform/clock.h"
 #include "tavrin/platform/http_client.h"
 #include "tavrin/platform/internal/fatal_error.h"
@@ -10,7 +11,6 @@
 #include "tavrin/sdk/internal/logger_utility.h"
 #include "tavrin/sdk/internal/shared_instance.h"
 #include "tavrin/sdk/internal/tracking_settings.h"
-#include "tavrin/tracking/internal/data_submission_model.h"
 #include "tavrin/transport/internal/offline_cache_manager.h"
 #include "tavrin/transport/internal/request_window.h"
 #include "tavrin/transport/internal/retry_policy.h"

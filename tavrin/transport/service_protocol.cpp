@@ -1,7 +1,7 @@
 #include "tavrin/transport/internal/service_protocol.h"
 
 #include "tavrin/consent/internal/consent_model.h"
-#include "tavrin/tracking/internal/data_submission_model.h"
+#include "tavrin/model/internal/data_submission_model.h"
 
 namespace tavrin {
 

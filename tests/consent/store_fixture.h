@@ -10,10 +10,10 @@
 #include <string_view>
 #include <thread>
 
-#include "tavrin/consent/internal/user_defaults_utility.h"
 #include "tavrin/platform/internal/sqlite_key_value_store.h"
 #include "tavrin/platform/key_value_store.h"
 #include "tavrin/sdk/internal/tracking_settings.h"
+#include "tavrin/sdk/internal/user_defaults_utility.h"
 #include "tavrin/sdk/track_config.h"
 #include "tests/support/log_capture.h"
 #include "tests/support/temp_dir.h"

@@ -1,7 +1,7 @@
 // CodableValue: every text, boolean, number and array of those decodes, and
 // nothing else; what decodes round-trips and encodes back to exactly the
 // value it was read from.
-#include "tavrin/tracking/internal/codable_value_coding.h"
+#include "tavrin/model/internal/codable_value_coding.h"
 #include "tests/fuzz/fuzz_support.h"
 
 namespace {

@@ -1,5 +1,5 @@
 // DataSubmissionModel with its custom properties and enrichments.
-#include "tavrin/tracking/internal/data_submission_model.h"
+#include "tavrin/model/internal/data_submission_model.h"
 #include "tests/fuzz/fuzz_support.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {

@@ -7,7 +7,7 @@
 #include <vector>
 
 #include "tavrin/consent/internal/consent_model.h"
-#include "tavrin/tracking/internal/data_submission_model.h"
+#include "tavrin/model/internal/data_submission_model.h"
 #include "tavrin/transport/internal/service_protocol.h"
 
 namespace tavrin::testing {

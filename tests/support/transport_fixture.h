@@ -13,14 +13,14 @@
 #include <thread>
 
 #include "tavrin/consent/internal/consent_model.h"
-#include "tavrin/consent/internal/user_defaults_utility.h"
+#include "tavrin/model/internal/data_submission_model.h"
 #include "tavrin/monitor/internal/monitor_service.h"
 #include "tavrin/platform/clock.h"
 #include "tavrin/platform/http_client.h"
 #include "tavrin/platform/internal/sqlite_key_value_store.h"
 #include "tavrin/platform/path_monitor.h"
 #include "tavrin/sdk/internal/tracking_settings.h"
-#include "tavrin/tracking/internal/data_submission_model.h"
+#include "tavrin/sdk/internal/user_defaults_utility.h"
 #include "tavrin/transport/internal/offline_cache_manager.h"
 #include "tavrin/transport/internal/service.h"
 #include "tests/support/log_capture.h"

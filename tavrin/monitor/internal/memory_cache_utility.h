@@ -15,9 +15,9 @@
 #include <utility>
 #include <vector>
 
+#include "tavrin/model/internal/push_payload.h"
 #include "tavrin/platform/dispatch.h"
 #include "tavrin/platform/internal/object_cache.h"
-#include "tavrin/tracking/internal/push_payload.h"
 
 namespace tavrin {
 

@@ -14,9 +14,9 @@
 #include <string>
 #include <vector>
 
+#include "tavrin/model/internal/any_codable.h"
 #include "tavrin/monitor/internal/tag.h"
 #include "tavrin/monitor/internal/tag_cache.h"
-#include "tavrin/tracking/internal/any_codable.h"
 
 namespace tavrin {
 

@@ -6,7 +6,7 @@
 #include <cstdint>
 #include <string>
 
-#include "tavrin/tracking/internal/any_codable.h"
+#include "tavrin/model/internal/any_codable.h"
 
 namespace tavrin {
 

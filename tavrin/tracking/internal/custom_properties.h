@@ -6,9 +6,9 @@
 #include <optional>
 #include <string>
 
+#include "tavrin/model/codable_value.h"
+#include "tavrin/model/internal/push_payload.h"
 #include "tavrin/tracking/any_value.h"
-#include "tavrin/tracking/codable_value.h"
-#include "tavrin/tracking/internal/push_payload.h"
 
 namespace tavrin {
 

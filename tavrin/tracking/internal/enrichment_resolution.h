@@ -5,10 +5,10 @@
 #include <string>
 #include <vector>
 
+#include "tavrin/model/codable_value.h"
+#include "tavrin/model/internal/push_payload.h"
 #include "tavrin/tracking/any_value.h"
-#include "tavrin/tracking/codable_value.h"
 #include "tavrin/tracking/internal/product_data.h"
-#include "tavrin/tracking/internal/push_payload.h"
 
 namespace tavrin {
 

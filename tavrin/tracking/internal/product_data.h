@@ -5,7 +5,7 @@
 #include <map>
 #include <string>
 
-#include "tavrin/tracking/codable_value.h"
+#include "tavrin/model/codable_value.h"
 
 namespace tavrin {
 

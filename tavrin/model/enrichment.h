@@ -13,7 +13,7 @@
 #include <string>
 #include <vector>
 
-#include "tavrin/tracking/codable_value.h"
+#include "tavrin/model/codable_value.h"
 
 namespace tavrin {
 

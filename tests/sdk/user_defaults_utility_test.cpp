@@ -1,4 +1,4 @@
-#include "tavrin/consent/internal/user_defaults_utility.h"
+#include "tavrin/sdk/internal/user_defaults_utility.h"
 
 #include <gtest/gtest.h>
 

@@ -1,4 +1,4 @@
-#include "tavrin/tracking/internal/push_payload.h"
+#include "tavrin/model/internal/push_payload.h"
 
 #include "tavrin/platform/internal/uuid.h"
 

@@ -1,4 +1,4 @@
-#include "tavrin/tracking/internal/data_submission_model.h"
+#include "tavrin/model/internal/data_submission_model.h"
 
 #include <algorithm>
 #include <iterator>

@@ -1,5 +1,5 @@
-#include "tavrin/tracking/codable_value.h"
-#include "tavrin/tracking/internal/codable_value_coding.h"
+#include "tavrin/model/codable_value.h"
+#include "tavrin/model/internal/codable_value_coding.h"
 
 #include <algorithm>
 #include <cmath>

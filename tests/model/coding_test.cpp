@@ -12,9 +12,9 @@
 #include <string>
 #include <vector>
 
+#include "tavrin/model/internal/any_codable.h"
+#include "tavrin/model/internal/codable_value_coding.h"
 #include "tavrin/platform/internal/json_stringify.h"
-#include "tavrin/tracking/internal/any_codable.h"
-#include "tavrin/tracking/internal/codable_value_coding.h"
 #include "tests/support/decoding_assertions.h"
 #include "tests/support/log_capture.h"
 

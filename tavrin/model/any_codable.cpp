@@ -1,4 +1,4 @@
-#include "tavrin/tracking/internal/any_codable.h"
+#include "tavrin/model/internal/any_codable.h"
 
 #include <cmath>
 #include <limits>

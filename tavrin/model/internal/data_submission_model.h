@@ -8,11 +8,11 @@
 #include <string>
 #include <vector>
 
+#include "tavrin/model/codable_value.h"
+#include "tavrin/model/enrichment.h"
+#include "tavrin/model/internal/codable_value_coding.h"
+#include "tavrin/model/internal/enrichment_coding.h"
 #include "tavrin/sdk/internal/record_parts.h"
-#include "tavrin/tracking/codable_value.h"
-#include "tavrin/tracking/enrichment.h"
-#include "tavrin/tracking/internal/codable_value_coding.h"
-#include "tavrin/tracking/internal/enrichment_coding.h"
 
 namespace tavrin {
 

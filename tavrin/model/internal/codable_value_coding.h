@@ -1,8 +1,8 @@
 #pragma once
 // JSON form of CodableValue: the bare value, no type marker.
 
+#include "tavrin/model/codable_value.h"
 #include "tavrin/platform/internal/coding.h"
-#include "tavrin/tracking/codable_value.h"
 
 namespace tavrin {
 

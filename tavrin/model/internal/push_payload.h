@@ -6,8 +6,8 @@
 #include <optional>
 #include <string>
 
-#include "tavrin/tracking/codable_value.h"
-#include "tavrin/tracking/internal/codable_value_coding.h"
+#include "tavrin/model/codable_value.h"
+#include "tavrin/model/internal/codable_value_coding.h"
 
 namespace tavrin {
 

@@ -1,8 +1,8 @@
 #pragma once
 // JSON form of Enrichment: "arguments" then "variables", both required.
 
-#include "tavrin/tracking/enrichment.h"
-#include "tavrin/tracking/internal/codable_value_coding.h"
+#include "tavrin/model/enrichment.h"
+#include "tavrin/model/internal/codable_value_coding.h"
 
 namespace tavrin {
 

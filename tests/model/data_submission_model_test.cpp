@@ -1,12 +1,12 @@
 // The wire records of tracking: the data submission and the push payload
 // waiting in the data layer for it.
-#include "tavrin/tracking/internal/data_submission_model.h"
+#include "tavrin/model/internal/data_submission_model.h"
 
 #include <gtest/gtest.h>
 
 #include <cmath>
 
-#include "tavrin/tracking/internal/push_payload.h"
+#include "tavrin/model/internal/push_payload.h"
 #include "tests/support/decoding_assertions.h"
 
 namespace tavrin {
