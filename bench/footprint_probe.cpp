@@ -1,6 +1,10 @@
 // What configure adds to its host, printed without Google Benchmark, for
-// targets that lack it (the arm64 cross build, run under qemu): threads, and
-// anonymous memory of the process. footprint_bench measures the same natively.
+// targets that lack it (the arm64 cross build, run under qemu): threads,
+// anonymous memory of the process, and the C library's heap in use. Under
+// user-mode emulation the process is the emulator, whose translated code
+// counts as anonymous memory too: there the heap figure is the one to read.
+// footprint_bench measures the same natively.
+#include <malloc.h>
 #include <unistd.h>
 
 #include <chrono>
@@ -21,8 +25,13 @@ int main() {
     platform::KeyValueStore::setDataDirectory(root.string());
     TavrinService::setLogLevel(LogLevel::warning);
 
+    const auto heapKiB = [] {
+        const auto info = mallinfo2();
+        return static_cast<long>((info.uordblks + info.hblkhd) / 1024);
+    };
     const int threadsBefore = bench::threadCount();
     const long anonymousBefore = bench::rollupKb("Anonymous");
+    const long heapBefore = heapKiB();
     TrackConfig config;
     config.trackDomain = "127.0.0.1:9";
     config.authorizationToken = "token";
@@ -30,8 +39,9 @@ int main() {
     config.enableOfflineTracking = true;
     TavrinService::configure(config);
     std::this_thread::sleep_for(std::chrono::milliseconds(500));  // start-up work settles
-    std::printf("sdk_threads %d\nconfigure_anon_KiB %ld\n", bench::threadCount() - threadsBefore,
-                bench::rollupKb("Anonymous") - anonymousBefore);
+    std::printf("sdk_threads %d\nconfigure_anon_KiB %ld\nconfigure_heap_KiB %ld\n",
+                bench::threadCount() - threadsBefore, bench::rollupKb("Anonymous") - anonymousBefore,
+                heapKiB() - heapBefore);
     TavrinService::shutdown(std::chrono::seconds(5));
     std::error_code ignored;
     fs::remove_all(root, ignored);
