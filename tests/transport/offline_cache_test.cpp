@@ -68,6 +68,28 @@ TEST_F(OfflineCacheTest, ChangesToRequestsSurviveARestart) {
     EXPECT_EQ(store->values("com.tavrin.OfflineCache").size(), 5u);
 }
 
+// The resend walk changes records by entry: its retry counts and removals
+// reach the disk as the request-based changes above do.
+TEST_F(OfflineCacheTest, TheWalksChangesByEntrySurviveARestart) {
+    auto store = openStore();
+    {
+        OfflineCache cache(store);
+        for (const auto& r : {request("a", 10), request("b", 20), request("c", 30)}) cache.add(r);
+        cache.drain();
+        const auto entries = cache.entries();
+        ASSERT_EQ(entries.size(), 3u);
+        cache.incrementRetryCount(entries[0].sequence);
+        cache.incrementRetryCount(entries[0].sequence);
+        cache.removeEntries({entries[1].sequence});
+        cache.drain();
+    }
+    const auto requests = OfflineCache(openStore()).getCachedRequests();
+    EXPECT_EQ(bodies(requests), (std::vector<std::string>{"a", "c"}));
+    ASSERT_EQ(requests.size(), 2u);
+    EXPECT_EQ(requests[0].retryCount, 2);
+    EXPECT_EQ(requests[1].retryCount, 0);
+}
+
 TEST_F(OfflineCacheTest, FullCacheDropsTheOldestRequestForEachNewOne) {
     auto store = openStore();
     {
