@@ -5,8 +5,8 @@
 // user agent installs a configured client before configuring the SDK.
 //
 //     using namespace tavrin::platform;
-//     HttpClient::setShared(std::make_shared<CurlHttpClient>(
-//         CurlHttpClient::Options{.caFile = "/etc/shop/ca.pem", .userAgent = "shop/2.3"}));
+//     HttpClient::setShared(std::make_shared<SystemHttpClient>(
+//         HttpClientOptions{.caFile = "/etc/shop/ca.pem", .userAgent = "shop/2.3"}));
 //     tavrin::Bytes body{'{', '}'};
 //     std::future<HttpResponse> sent =
 //         HttpClient::shared()->post("https://collect.example.com/", {{"Content-Type", "application/json"}}, body);
@@ -15,7 +15,8 @@
 //         std::optional<std::string> wait = response.header("retry-after");
 //     } catch (const UrlError& error) { /* no answer at all: error.code() says why */ }
 //
-// The default client drives libcurl on one background thread, reuses
+// The default client (libcurl on Linux, WinHTTP on Windows) runs on one
+// background thread of its own, reuses
 // connections and always verifies TLS peers and host names; a name lookup that
 // hangs holds up only its own request. Transport failures (no connection,
 // timeout, TLS, cancellation) are UrlError exceptions; an HTTP status of any
@@ -155,39 +156,78 @@ public:
     std::future<HttpResponse> post(std::string url, HttpHeaders headers, Bytes body, double timeoutSeconds = 60);
     std::future<HttpResponse> get(std::string url, HttpHeaders headers = {}, double timeoutSeconds = 60);
 
-    // The process-wide client, a CurlHttpClient with default options created
-    // on first use.
+    // The process-wide client, a SystemHttpClient with default options
+    // created on first use.
     static std::shared_ptr<HttpClient> shared();
     // Installs the process-wide client (nullptr: create the default again on
     // next use).
     static void setShared(std::shared_ptr<HttpClient> client);
 };
 
+// What the system's default client is configured with.
+struct HttpClientOptions {
+    // PEM file of the certificate authorities to trust instead of the
+    // system store.
+    std::optional<std::string> caFile = std::nullopt;
+    // Sent as User-Agent unless a request sets its own; none when absent.
+    std::optional<std::string> userAgent = std::nullopt;
+    // Limit of name lookup plus connecting, within each request's own
+    // timeout; past it the request fails with UrlError timedOut.
+    double connectTimeoutSeconds = 30;
+    // Connections kept open to one host at a time; further requests wait
+    // for a free one.
+    long maxConnectionsPerHost = 6;
+    // Largest response body kept; a longer one stops the transfer, which
+    // fails with UrlError responseTooLarge, so memory stays flat whatever
+    // a server sends.
+    std::size_t maxResponseBodyBytes = 64 * 1024;
+    // Proxy URL; empty text means no proxy; absent means the system's (the
+    // environment's http_proxy, https_proxy and no_proxy on Linux, the
+    // WinHTTP or automatic proxy settings on Windows).
+    std::optional<std::string> proxy = std::nullopt;
+};
+
+#if defined(_WIN32)
+// WinHTTP driven by one thread of the client's own; connections are kept
+// and reused. A redirect is never followed: a 3xx is the answer, so a body is
+// never sent anywhere but the URL its caller named. TLS peers are verified
+// against the system store, or against caFile alone when it is set.
+class WinHttpClient final : public HttpClient {
+public:
+    using Options = HttpClientOptions;
+
+    WinHttpClient();
+    explicit WinHttpClient(Options options);
+    // Shuts down (see shutdown()).
+    ~WinHttpClient() override;
+    WinHttpClient(const WinHttpClient&) = delete;
+    WinHttpClient& operator=(const WinHttpClient&) = delete;
+
+    using HttpClient::send;
+    void send(HttpRequest request, Completion completion) override;
+
+    // Fails every waiting and running request with UrlError cancelled and
+    // joins the client's thread. Later requests fail at once with cancelled.
+    // Idempotent. From the client's own thread (a completion) it does not
+    // wait: the requests are ended once that completion returns.
+    void shutdown();
+
+    const Options& options() const noexcept { return options_; }
+
+private:
+    struct Impl;
+    Options options_;
+    std::shared_ptr<Impl> impl_;
+};
+// The system's default client.
+using SystemHttpClient = WinHttpClient;
+#else
 // libcurl multi handle driven by one thread; connections are kept and reused.
 // A redirect is never followed: a 3xx is the answer, so a body is never sent
 // anywhere but the URL its caller named.
 class CurlHttpClient final : public HttpClient {
 public:
-    struct Options {
-        // PEM file of the certificate authorities to trust instead of the
-        // system store.
-        std::optional<std::string> caFile = std::nullopt;
-        // Sent as User-Agent unless a request sets its own; none when absent.
-        std::optional<std::string> userAgent = std::nullopt;
-        // Limit of name lookup plus connecting, within each request's own
-        // timeout; past it the request fails with UrlError timedOut.
-        double connectTimeoutSeconds = 30;
-        // Connections kept open to one host at a time; further requests wait
-        // for a free one.
-        long maxConnectionsPerHost = 6;
-        // Largest response body kept; a longer one stops the transfer, which
-        // fails with UrlError responseTooLarge, so memory stays flat whatever
-        // a server sends.
-        std::size_t maxResponseBodyBytes = 64 * 1024;
-        // Proxy URL; empty text means no proxy; absent means the environment's
-        // (http_proxy, https_proxy, no_proxy).
-        std::optional<std::string> proxy = std::nullopt;
-    };
+    using Options = HttpClientOptions;
 
     CurlHttpClient();
     explicit CurlHttpClient(Options options);
@@ -212,5 +252,8 @@ private:
     Options options_;
     std::shared_ptr<Impl> impl_;
 };
+// The system's default client.
+using SystemHttpClient = CurlHttpClient;
+#endif
 
 }  // namespace tavrin::platform

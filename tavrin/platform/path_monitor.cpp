@@ -1,15 +1,13 @@
 #include "tavrin/platform/path_monitor.h"
 
-#include <linux/if.h>
-
 #include <mutex>
 #include <unordered_set>
 #include <utility>
 
 #include "tavrin/platform/dispatch.h"
-#include "tavrin/platform/internal/netlink_path_monitor.h"
 #include "tavrin/platform/internal/path_delivery.h"
 #include "tavrin/platform/internal/path_evaluation.h"
+#include "tavrin/platform/internal/system.h"
 
 namespace tavrin::platform {
 
@@ -82,10 +80,10 @@ void PathDelivery::run(PathStatus status) {
 // ---- evaluation
 
 bool isUsableLink(const LinkFact& link) noexcept {
-    if (link.flags & IFF_LOOPBACK) return false;
-    if (!(link.flags & IFF_UP)) return false;
-    // IFF_RUNNING follows the carrier: a veth whose peer is down is up but not running.
-    return (link.flags & IFF_RUNNING) || link.operState == IF_OPER_UP;
+    if (link.flags & kLinkLoopback) return false;
+    if (!(link.flags & kLinkUp)) return false;
+    // "Running" follows the carrier: a veth whose peer is down is up but not running.
+    return (link.flags & kLinkRunning) || link.operState == kOperationalUp;
 }
 
 PathStatus evaluatePath(const std::vector<LinkFact>& links, const std::vector<DefaultRouteFact>& defaultRoutes) {
@@ -127,7 +125,7 @@ std::shared_ptr<PathMonitor> PathMonitor::make() {
         factory = factoryHolder().factory;
     }
     if (factory) return factory();
-    return std::make_shared<NetlinkPathMonitor>();
+    return os::makeDefaultPathMonitor();
 }
 
 void PathMonitor::setFactory(Factory factory) {

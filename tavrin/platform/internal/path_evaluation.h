@@ -9,10 +9,18 @@
 
 namespace tavrin::platform::detail {
 
+// Interface flags and the operational state "up", with the values of the
+// Linux kernel's IFF_* and IF_OPER_UP, so rtnetlink's figures are used as
+// they come; another system's monitor translates into them.
+inline constexpr unsigned kLinkUp = 0x1;
+inline constexpr unsigned kLinkLoopback = 0x8;
+inline constexpr unsigned kLinkRunning = 0x40;
+inline constexpr unsigned char kOperationalUp = 6;
+
 struct LinkFact {
     int index = 0;
-    unsigned flags = 0;                      // IFF_* of the interface
-    std::optional<unsigned char> operState;  // IF_OPER_* when the kernel reported it
+    unsigned flags = 0;                      // kLink* of the interface
+    std::optional<unsigned char> operState;  // kOperationalUp or another state, when reported
 };
 
 struct DefaultRouteFact {
