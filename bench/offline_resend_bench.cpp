@@ -22,7 +22,7 @@
 #include "tavrin/model/internal/data_submission_model.h"
 #include "tavrin/platform/clock.h"
 #include "tavrin/platform/http_client.h"
-#include "tavrin/platform/internal/sqlite_key_value_store.h"
+#include "tavrin/platform/linux/sqlite_key_value_store.h"
 #include "tavrin/platform/system_log.h"
 #include "tavrin/sdk/internal/tracking_settings.h"
 #include "tavrin/transport/internal/offline_cache_manager.h"

@@ -108,8 +108,8 @@ int main(int argc, char** argv) {
     tavrin::platform::DeviceFacts::setScreenBounds(tavrin::platform::ScreenBounds{1280, 800});
     if (options.dataDir) tavrin::platform::KeyValueStore::setDataDirectory(*options.dataDir);
     if (options.caFile) {
-        tavrin::platform::HttpClient::setShared(std::make_shared<tavrin::platform::CurlHttpClient>(
-            tavrin::platform::CurlHttpClient::Options{.caFile = options.caFile}));
+        tavrin::platform::HttpClient::setShared(std::make_shared<tavrin::platform::SystemHttpClient>(
+            tavrin::platform::HttpClientOptions{.caFile = options.caFile}));
     }
 
     std::cout << "configure: tracking domain " << options.domain << "\n";

@@ -1,8 +1,4 @@
 #include "tavrin/platform/device_facts.h"
-#include "tavrin/platform/internal/device_facts_files.h"
-
-#include <sys/utsname.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -13,6 +9,7 @@
 #include <mutex>
 
 #include "tavrin/platform/internal/log_hook.h"
+#include "tavrin/platform/internal/system.h"
 
 namespace tavrin::platform {
 
@@ -29,111 +26,10 @@ HostFacts& host() {
     return *h;
 }
 
-std::string trim(std::string_view s) {
-    const auto first = s.find_first_not_of(" \t\r\n");
-    if (first == std::string_view::npos) return {};
-    const auto last = s.find_last_not_of(" \t\r\n");
-    return std::string(s.substr(first, last - first + 1));
-}
-
-std::optional<std::string> nonEmpty(std::string s) {
-    if (s.empty()) return std::nullopt;
-    return s;
-}
-
-// The whole of a small system file; absent when it cannot be opened.
-std::optional<std::string> readText(const std::filesystem::path& path) {
-    std::FILE* in = std::fopen(path.c_str(), "rb");
-    if (!in) return std::nullopt;
-    std::string content;
-    char buffer[4096];
-    for (std::size_t n; (n = std::fread(buffer, 1, sizeof buffer, in)) > 0;) content.append(buffer, n);
-    std::fclose(in);
-    return content;
-}
-
-// The first line of a short text file: DMI files end in a newline, device-tree
-// strings in a NUL.
-std::optional<std::string> readFirstLine(const std::filesystem::path& path) {
-    auto content = readText(path);
-    if (!content) return std::nullopt;
-    *content = content->substr(0, content->find_first_of(std::string_view("\0\n", 2)));
-    return nonEmpty(trim(*content));
-}
-
-// Removes shell quoting as os-release allows it: double quotes with backslash
-// escapes, single quotes, backslash outside quotes. Absent when a quote is
-// not closed.
-std::optional<std::string> unquoteShellValue(std::string_view v) {
-    std::string out;
-    std::size_t i = 0;
-    while (i < v.size()) {
-        const char c = v[i];
-        if (c == '"') {
-            ++i;
-            while (i < v.size() && v[i] != '"') {
-                if (v[i] == '\\' && i + 1 < v.size() && std::strchr("\"\\$`", v[i + 1])) ++i;
-                out += v[i++];
-            }
-            if (i >= v.size()) return std::nullopt;
-            ++i;
-        } else if (c == '\'') {
-            const auto end = v.find('\'', i + 1);
-            if (end == std::string_view::npos) return std::nullopt;
-            out.append(v.substr(i + 1, end - i - 1));
-            i = end + 1;
-        } else if (c == '\\') {
-            if (i + 1 < v.size()) out += v[i + 1];
-            i += 2;
-        } else if (c == ' ' || c == '\t') {
-            break;  // unquoted blank ends the assignment
-        } else {
-            out += c;
-            ++i;
-        }
-    }
-    return out;
-}
-
 bool isAsciiAlpha(char c) { return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z'); }
 bool isAsciiDigit(char c) { return c >= '0' && c <= '9'; }
 
 }  // namespace
-
-namespace detail {
-
-std::optional<std::string> readModel(const std::filesystem::path& root) {
-    if (auto m = readFirstLine(root / "sys/class/dmi/id/product_name")) return m;
-    return readFirstLine(root / "proc/device-tree/model");
-}
-
-std::optional<std::string> readOsReleaseValue(const std::filesystem::path& root, std::string_view key) {
-    auto content = readText(root / "etc/os-release");
-    if (!content) content = readText(root / "usr/lib/os-release");
-    if (!content) return std::nullopt;
-    std::optional<std::string> value;
-    for (std::size_t start = 0, end; start < content->size(); start = end + 1) {
-        end = std::min(content->find('\n', start), content->size());
-        const std::string text = trim(std::string_view(*content).substr(start, end - start));
-        if (text.empty() || text.front() == '#') continue;
-        if (text.size() <= key.size() || text.compare(0, key.size(), key) != 0 || text[key.size()] != '=') continue;
-        // As in the shell that may source the file, a later assignment wins.
-        value = unquoteShellValue(std::string_view(text).substr(key.size() + 1));
-    }
-    if (!value || value->empty()) return std::nullopt;
-    return value;
-}
-
-std::string readSystemName(const std::filesystem::path& root) {
-    // "Linux" is the documented default of an os-release without NAME.
-    return readOsReleaseValue(root, "NAME").value_or("Linux");
-}
-
-std::optional<std::string> readSystemVersion(const std::filesystem::path& root) {
-    return readOsReleaseValue(root, "VERSION_ID");
-}
-
-}  // namespace detail
 
 void DeviceFacts::setApplicationInfo(ApplicationInfo info) {
     std::lock_guard lock(host().mutex);
@@ -191,39 +87,17 @@ std::optional<ScreenBounds> DeviceFacts::screenBounds() {
     return host().screen;
 }
 
-std::optional<std::string> DeviceFacts::model() { return detail::readModel("/"); }
+std::optional<std::string> DeviceFacts::model() { return os::model(); }
 
-std::string DeviceFacts::systemName() { return detail::readSystemName("/"); }
+std::string DeviceFacts::systemName() { return os::systemName(); }
 
-std::optional<std::string> DeviceFacts::systemVersion() { return detail::readSystemVersion("/"); }
+std::optional<std::string> DeviceFacts::systemVersion() { return os::systemVersion(); }
 
-std::optional<std::string> DeviceFacts::machine() {
-    struct utsname u {};
-    if (uname(&u) != 0 || u.machine[0] == '\0') return std::nullopt;
-    return std::string(u.machine);
-}
-
-namespace {
-
-std::optional<std::string> readExecutableName() {
-    char buffer[4096];
-    const ssize_t n = readlink("/proc/self/exe", buffer, sizeof buffer);
-    if (n > 0 && static_cast<std::size_t>(n) < sizeof buffer) {
-        std::string path(buffer, static_cast<std::size_t>(n));
-        // The link of a program replaced on disk while running.
-        constexpr std::string_view deleted = " (deleted)";
-        if (path.ends_with(deleted)) path.resize(path.size() - deleted.size());
-        if (auto name = nonEmpty(std::filesystem::path(path).filename().string())) return name;
-    }
-    // No /proc: the name the program was started under.
-    return nonEmpty(program_invocation_short_name ? program_invocation_short_name : "");
-}
-
-}  // namespace
+std::optional<std::string> DeviceFacts::machine() { return os::machine(); }
 
 std::optional<std::string> DeviceFacts::executableName() {
     // The running program's file does not change: read once.
-    static const auto* name = new std::optional<std::string>(readExecutableName());
+    static const auto* name = new std::optional<std::string>(os::executableName());
     return *name;
 }
 
@@ -252,13 +126,7 @@ LocaleCodes DeviceFacts::parseLocale(std::string_view name) {
     return codes;
 }
 
-LocaleCodes DeviceFacts::currentLocale() {
-    for (const char* var : {"LC_ALL", "LC_MESSAGES", "LANG"}) {
-        const char* value = std::getenv(var);
-        if (value && *value) return parseLocale(value);
-    }
-    return {};
-}
+LocaleCodes DeviceFacts::currentLocale() { return os::currentLocale(); }
 
 void DeviceFacts::reset() {
     std::lock_guard lock(host().mutex);

@@ -1,7 +1,5 @@
 #include "tavrin/platform/dispatch.h"
 
-#include <pthread.h>
-
 #include <algorithm>
 #include <atomic>
 #include <condition_variable>
@@ -11,6 +9,7 @@
 #include <map>
 
 #include "tavrin/platform/internal/log_hook.h"
+#include "tavrin/platform/internal/system.h"
 
 namespace tavrin::platform {
 
@@ -36,7 +35,7 @@ std::atomic<std::uint32_t> gForkGeneration{0};
 
 // Registered while the library loads, before any thread of ours exists.
 const bool gForkHandlerRegistered = [] {
-    return pthread_atfork(nullptr, nullptr, [] { gForkGeneration.fetch_add(1, std::memory_order_relaxed); }) == 0;
+    return os::registerForkHandlers(nullptr, nullptr, [] { gForkGeneration.fetch_add(1, std::memory_order_relaxed); });
 }();
 
 }  // namespace
@@ -56,8 +55,7 @@ const std::string& currentQueueLabel() { return tCurrentLabel; }
 
 void setCurrentThreadName(const std::string& name) {
     tCurrentLabel = name;
-    const std::string shortName = name.substr(0, 15);
-    pthread_setname_np(pthread_self(), shortName.c_str());
+    os::nameThread(name);
 }
 
 // ---- the pool and the strands over it

@@ -5,6 +5,7 @@
 #include "tavrin/platform/http_client.h"
 
 #include "tavrin/platform/dispatch.h"
+#include "tavrin/platform/internal/system.h"
 
 #include <mutex>
 
@@ -57,7 +58,7 @@ std::shared_ptr<HttpClient> HttpClient::shared() {
     // A forked child starts its own client: the parent's thread is not there.
     if (gShared && gSharedGeneration != forkGeneration()) keepForever(std::exchange(gShared, nullptr));
     if (!gShared) {
-        gShared = std::make_shared<CurlHttpClient>();
+        gShared = os::makeDefaultHttpClient();
         gSharedGeneration = forkGeneration();
     }
     return gShared;

@@ -1,14 +1,10 @@
 #include "tavrin/platform/key_value_store.h"
 
-#include <pwd.h>
-#include <unistd.h>
-
-#include <cstdlib>
 #include <mutex>
 #include <vector>
 
 #include "tavrin/platform/dispatch.h"
-#include "tavrin/platform/internal/sqlite_key_value_store.h"
+#include "tavrin/platform/internal/system.h"
 
 namespace tavrin::platform {
 
@@ -31,17 +27,6 @@ StandardState& standardState() {
     return *state;
 }
 
-std::optional<std::string> executableName() {
-    char buffer[4096];
-    const ssize_t n = readlink("/proc/self/exe", buffer, sizeof buffer - 1);
-    if (n <= 0) return std::nullopt;
-    const std::string path(buffer, static_cast<std::size_t>(n));
-    const auto slash = path.rfind('/');
-    std::string name = slash == std::string::npos ? path : path.substr(slash + 1);
-    if (name.empty()) return std::nullopt;
-    return name;
-}
-
 // A name usable as one directory component.
 std::optional<std::string> asComponent(std::optional<std::string> name) {
     if (!name || name->empty() || *name == "." || *name == "..") return std::nullopt;
@@ -53,28 +38,8 @@ std::optional<std::string> asComponent(std::optional<std::string> name) {
 // Only the executable names the default directory: nothing the host sets at
 // run time does, so every launch finds the same store whatever its call order.
 std::string applicationDirectoryName() {
-    if (auto name = asComponent(executableName())) return *name;
+    if (auto name = asComponent(os::executableName())) return *name;
     return kFallbackDirectoryName;
-}
-
-// Set, absolute environment path (relative values are to be ignored).
-std::optional<std::filesystem::path> absoluteEnvironmentPath(const char* name) {
-    const char* value = std::getenv(name);
-    if (!value || *value != '/') return std::nullopt;
-    return std::filesystem::path(value);
-}
-
-std::filesystem::path homeDirectory() {
-    if (auto home = absoluteEnvironmentPath("HOME")) return *home;
-    long size = sysconf(_SC_GETPW_R_SIZE_MAX);
-    std::vector<char> buffer(size > 0 ? static_cast<std::size_t>(size) : 16384);
-    passwd entry{};
-    passwd* found = nullptr;
-    if (getpwuid_r(getuid(), &entry, buffer.data(), buffer.size(), &found) == 0 && found && found->pw_dir &&
-        found->pw_dir[0] == '/')
-        return found->pw_dir;
-    // No home at all (a daemon without a passwd entry): the working directory.
-    return std::filesystem::path(".");
 }
 
 }  // namespace
@@ -119,8 +84,7 @@ std::shared_ptr<KeyValueStore> KeyValueStore::standard() {
         std::lock_guard lock(state.mutex);
         if (state.store) return state.store;
     }
-    auto opened =
-        std::make_shared<SqliteKeyValueStore>(std::filesystem::path(dataDirectory()) / SqliteKeyValueStore::kFileName);
+    auto opened = os::openDefaultStore(std::filesystem::path(dataDirectory()));
     std::lock_guard lock(state.mutex);
     // setStandard may have installed a store while this one opened; it wins.
     if (!state.store) {
@@ -147,10 +111,9 @@ std::string KeyValueStore::dataDirectory() {
     {
         auto& state = standardState();
         std::lock_guard lock(state.mutex);
-        if (state.hostDirectory) return *state.hostDirectory;
+        if (state.hostDirectory) return state.hostDirectory->string();
     }
-    if (auto xdg = absoluteEnvironmentPath("XDG_DATA_HOME")) return *xdg / applicationDirectoryName();
-    return homeDirectory() / ".local" / "share" / applicationDirectoryName();
+    return os::defaultDataDirectory(applicationDirectoryName()).string();
 }
 
 // ---- listing by key prefix

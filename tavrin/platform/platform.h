@@ -6,7 +6,7 @@
 //     using namespace tavrin::platform;
 //     KeyValueStore::setDataDirectory("/var/lib/shop/tavrin");
 //     SystemLog::setSink(std::make_shared<StderrSink>());
-//     HttpClient::setShared(std::make_shared<CurlHttpClient>(CurlHttpClient::Options{.proxy = ""}));  // no proxy
+//     HttpClient::setShared(std::make_shared<SystemHttpClient>(HttpClientOptions{.proxy = ""}));  // no proxy
 //     DeviceFacts::setApplicationInfo({.bundleIdentifier = "com.example.shop"});
 //     // ... TavrinService::configure(config), the application's work, TavrinService::shutdown(timeout) ...
 //     resetToDefaults();  // a test's teardown: every facility back to its default

@@ -43,6 +43,7 @@ public:
     virtual void write(const LogRecord& record) = 0;
 };
 
+#if !defined(_WIN32)
 // The local system log socket, written directly: each record is one datagram
 // "<PRI>Mmm dd hh:mm:ss IDENT[PID]: [category] message" with the subsystem as
 // identity and facility user. The process's own syslog(3) state (identity,
@@ -74,6 +75,7 @@ private:
     std::chrono::steady_clock::time_point nextAttempt_{};
     std::chrono::milliseconds pause_{0};
 };
+#endif
 
 // One line per message on standard error: "<subsystem> [<category>] <TYPE>: <message>".
 class StderrSink final : public LogSink {
@@ -96,7 +98,7 @@ public:
     const std::string& subsystem() const noexcept { return subsystem_; }
     const std::string& category() const noexcept { return category_; }
 
-    // Process-wide sink; SyslogSink until replaced. Passing nullptr restores it.
+    // Process-wide sink; the system's (SyslogSink on Linux) until replaced. Passing nullptr restores it.
     static void setSink(std::shared_ptr<LogSink> sink);
     static std::shared_ptr<LogSink> sink();
 

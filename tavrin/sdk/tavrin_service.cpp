@@ -1,7 +1,5 @@
 #include "tavrin/sdk/tavrin_service.h"
 
-#include <pthread.h>
-
 #include <atomic>
 #include <cstdlib>
 #include <future>
@@ -16,7 +14,7 @@
 #include "tavrin/platform/http_client.h"
 #include "tavrin/platform/internal/http_fields.h"
 #include "tavrin/platform/internal/json_stringify.h"
-#include "tavrin/platform/internal/sqlite_key_value_store.h"
+#include "tavrin/platform/internal/system.h"
 #include "tavrin/platform/internal/timestamp_utility.h"
 #include "tavrin/platform/key_value_store.h"
 #include "tavrin/sdk/internal/logger_utility.h"
@@ -81,7 +79,7 @@ void registerExitHandler() {
         (void)SessionManager::getCurrentSessionID();
         (void)TimestampUtility::currentTimestampInMillis();
         std::atexit(shutdownAtExit);
-        pthread_atfork(holdForFork, releaseAfterFork, releaseAfterFork);
+        platform::os::registerForkHandlers(holdForFork, releaseAfterFork, releaseAfterFork);
     });
 }
 
@@ -224,7 +222,7 @@ bool TavrinService::shutdown(std::chrono::milliseconds timeout) {
 
     // Fails whatever is still out, so the completions waiting on it end now.
     const auto client = platform::HttpClient::shared();
-    if (auto* curl = dynamic_cast<platform::CurlHttpClient*>(client.get())) curl->shutdown();
+    if (auto* system = dynamic_cast<platform::SystemHttpClient*>(client.get())) system->shutdown();
     platform::HttpClient::setShared(nullptr);
     // The failed requests' completions finish quickly once the client is down.
     detail::InFlightOperations::shared().waitIdle(Clock::now() + std::chrono::milliseconds(500));
@@ -233,8 +231,7 @@ bool TavrinService::shutdown(std::chrono::milliseconds timeout) {
     // The shared store is never closed (late work may still write to it), so
     // its log is folded into the database file here instead.
     if (wasConfigured) {
-        if (auto* sqlite = dynamic_cast<platform::SqliteKeyValueStore*>(platform::KeyValueStore::standard().get()))
-            sqlite->checkpoint();
+        platform::os::settleStore(*platform::KeyValueStore::standard());
     }
     LoggerUtility::shared().info(finished ? "TavrinService shut down."
                                           : "TavrinService shut down before all work finished.");

@@ -3,9 +3,9 @@
 #include <algorithm>
 #include <array>
 #include <cctype>
+#include <chrono>
 #include <cmath>
 #include <cstdio>
-#include <ctime>
 #include <string>
 
 #include "tavrin/platform/http_client.h"
@@ -95,14 +95,12 @@ std::optional<double> httpDate(const std::string& text) {
     if (!parsed || std::string_view(zone) != "GMT" || monthNumber < 0 || day < 1 || day > 31 || hour > 23 ||
         minute > 59 || second > 60)
         return std::nullopt;
-    std::tm tm{};
-    tm.tm_year = year - 1900;
-    tm.tm_mon = monthNumber;
-    tm.tm_mday = day;
-    tm.tm_hour = hour;
-    tm.tm_min = minute;
-    tm.tm_sec = second;
-    return static_cast<double>(timegm(&tm));
+    // A day past the month's end runs on into the next month, as timegm does.
+    using namespace std::chrono;
+    const sys_days date = year_month_day{
+        std::chrono::year{year}, std::chrono::month{static_cast<unsigned>(monthNumber + 1)}, std::chrono::day{1}};
+    const auto time = date + days{day - 1} + hours{hour} + minutes{minute} + seconds{second};
+    return static_cast<double>(time.time_since_epoch().count());
 }
 
 }  // namespace

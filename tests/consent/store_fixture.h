@@ -10,7 +10,7 @@
 #include <string_view>
 #include <thread>
 
-#include "tavrin/platform/internal/sqlite_key_value_store.h"
+#include "tavrin/platform/internal/system.h"
 #include "tavrin/platform/key_value_store.h"
 #include "tavrin/sdk/internal/tracking_settings.h"
 #include "tavrin/sdk/internal/user_defaults_utility.h"
@@ -111,9 +111,7 @@ protected:
     }
 
     // A second connection to the same file, as another process would have.
-    std::unique_ptr<platform::SqliteKeyValueStore> openFile() const {
-        return std::make_unique<platform::SqliteKeyValueStore>(dir / platform::SqliteKeyValueStore::kFileName);
-    }
+    std::shared_ptr<platform::KeyValueStore> openFile() const { return platform::os::openDefaultStore(dir); }
 
     // Forgets everything in memory, as a new process would start.
     static void forgetProcessState() {

@@ -5,6 +5,7 @@
 
 #include "tavrin/monitor/internal/tag_cache.h"
 #include "tavrin/platform/key_value_store.h"
+#include "tavrin/platform/linux/sqlite_key_value_store.h"
 #include "tests/end_to_end/end_to_end_fixture.h"
 #include "tests/support/test_certificates.h"
 
@@ -146,9 +147,9 @@ TEST_F(TavrinServiceEndToEndTest, ConsentDecisionIsStoredEvenWhenItsReportFails)
 TEST_F(TavrinServiceEndToEndTest, MonitorReportCarriesTheTagsInOrderOverTls) {
     const auto certificates = makeTestCertificates(dir.path(), {"IP:127.0.0.1"});
     LoopbackServer secure(certificates.servers.at(0));
-    platform::CurlHttpClient::Options options;
+    platform::HttpClientOptions options;
     options.caFile = certificates.authority.string();
-    platform::HttpClient::setShared(std::make_shared<platform::CurlHttpClient>(options));
+    platform::HttpClient::setShared(std::make_shared<platform::SystemHttpClient>(options));
     auto config = trackConfig(hostPort(secure.port()), "https");
     config.debugCode = "dbg-1";
     auto tracking = start(config);

@@ -16,7 +16,7 @@ protected:
         MemoryCacheUtility::resetShared();
         const auto certificates = makeTestCertificates(dir.path(), {"IP:127.0.0.1"});
         server = std::make_unique<LoopbackServer>(certificates.servers[0]);
-        platform::CurlHttpClient::Options options;
+        platform::HttpClientOptions options;
         options.caFile = certificates.authority.string();
         useHttpClient(options);
         // customProtocol "http" is not consulted: the monitor always uses https.

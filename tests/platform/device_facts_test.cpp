@@ -1,5 +1,5 @@
 #include "tavrin/platform/device_facts.h"
-#include "tavrin/platform/internal/device_facts_files.h"
+#include "tavrin/platform/linux/device_facts_files.h"
 
 #include <gtest/gtest.h>
 

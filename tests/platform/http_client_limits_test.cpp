@@ -74,7 +74,7 @@ long residentKiB() {
 }
 
 TEST(HttpClientLimits, AnAnswerOfAGigabyteStopsTheTransferAndMemoryStaysFlat) {
-    CurlHttpClient client;
+    SystemHttpClient client;
     const long before = residentKiB();
     const std::string bytes(0x8000, 'x');
     struct Case {
@@ -109,9 +109,9 @@ TEST(HttpClientLimits, AnAnswerOfAGigabyteStopsTheTransferAndMemoryStaysFlat) {
     EXPECT_EQ(client.get(server.baseUrl() + "/").get().body.size(), 64u * 1024);
     server.respondWith({200, {}, std::string(200 * 1024, 'y')});
     EXPECT_THROW(client.get(server.baseUrl() + "/").get(), UrlError);
-    CurlHttpClient::Options roomy;
+    HttpClientOptions roomy;
     roomy.maxResponseBodyBytes = 256 * 1024;
-    EXPECT_EQ(CurlHttpClient(roomy).get(server.baseUrl() + "/").get().body.size(), 200u * 1024);
+    EXPECT_EQ(SystemHttpClient(roomy).get(server.baseUrl() + "/").get().body.size(), 200u * 1024);
 }
 
 }  // namespace

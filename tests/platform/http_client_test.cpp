@@ -33,17 +33,17 @@ UrlError awaitError(std::future<HttpResponse>&& future) {
     return UrlError(UrlError::Code::unknown, "no error");
 }
 
-CurlHttpClient::Options withConnectionsPerHost(long connections) {
-    CurlHttpClient::Options options;
+HttpClientOptions withConnectionsPerHost(long connections) {
+    HttpClientOptions options;
     options.maxConnectionsPerHost = connections;
     return options;
 }
 
 // 199 is interim: the client waits for a final status and, finding the body
 // bytes where one should be, reports the 199 with its fields and no body.
-TEST(CurlHttpClientTest, ReportsTheFinalStatusWithItsOwnFields) {
+TEST(SystemHttpClientTest, ReportsTheFinalStatusWithItsOwnFields) {
     LoopbackServer server;
-    CurlHttpClient client;
+    SystemHttpClient client;
     for (int status : {199, 200, 299, 300, 404, 500}) {
         const std::string text = std::to_string(status);
         server.respondWith({status, {{"X-Status", text}}, "body " + text});
@@ -64,18 +64,19 @@ TEST(CurlHttpClientTest, ReportsTheFinalStatusWithItsOwnFields) {
 }
 
 // Not taken for an answer that ended after its interim status.
-TEST(CurlHttpClientTest, FinalAnswerCutShortAfterAnInterimStatusIsAFailure) {
+TEST(SystemHttpClientTest, FinalAnswerCutShortAfterAnInterimStatusIsAFailure) {
     RawTcpServer cutShort("HTTP/1.1 199 Odd\r\n\r\nHTTP/1.1 200 OK\r\nContent-Length: 10\r\n\r\nok");
-    EXPECT_EQ(awaitError(CurlHttpClient().get(cutShort.baseUrl() + "/")).code(), UrlError::Code::networkConnectionLost);
+    EXPECT_EQ(awaitError(SystemHttpClient().get(cutShort.baseUrl() + "/")).code(),
+              UrlError::Code::networkConnectionLost);
 }
 
-TEST(CurlHttpClientTest, HeadersAndBodyBytesTravelExactly) {
+TEST(SystemHttpClientTest, HeadersAndBodyBytesTravelExactly) {
     LoopbackServer server;
     const std::string answer("\x00\x01binary\xff\x80 tail", 14);
     server.respondWith({201, {{"X-Request-Id", "  r-42\t"}, {"Set-Cookie", "a=1"}, {"Set-Cookie", "b=2"}}, answer});
-    CurlHttpClient::Options options;
+    HttpClientOptions options;
     options.userAgent = "TestAgent/1.0";
-    CurlHttpClient client(options);
+    SystemHttpClient client(options);
     const std::string body("{\"a\":1}\0\x01\xff\xfe\xc3\x28 end", 17);
     HttpRequest put{"PUT", server.baseUrl() + "/collect?x=1&y=%20", {{"Authorization", "Bearer abc"}}, toBytes(body)};
     auto response = await(client.send(put));
@@ -103,10 +104,10 @@ TEST(CurlHttpClientTest, HeadersAndBodyBytesTravelExactly) {
 }
 
 // A silent server cannot answer before the request's own timeout.
-TEST(CurlHttpClientTest, RequestEndsAtItsOwnTimeout) {
+TEST(SystemHttpClientTest, RequestEndsAtItsOwnTimeout) {
     RawTcpServer silent;
     const auto started = Clock::now();
-    auto timedOut = awaitError(CurlHttpClient().post(silent.baseUrl() + "/", {}, toBytes("x"), 0.3));
+    auto timedOut = awaitError(SystemHttpClient().post(silent.baseUrl() + "/", {}, toBytes("x"), 0.3));
     EXPECT_EQ(timedOut.code(), UrlError::Code::timedOut);
     EXPECT_EQ(std::string(timedOut.what()).rfind("The request timed out.", 0), 0u) << timedOut.what();
     EXPECT_GE(Clock::now() - started, 290ms);
@@ -116,9 +117,9 @@ TEST(CurlHttpClientTest, RequestEndsAtItsOwnTimeout) {
 // A request waiting for one of the host's two connections, both held by a
 // server that never answers, still ends at its own timeout counted from send():
 // with the whole timeout again once connected, the last pair would end after 4 s.
-TEST(CurlHttpClientTest, RequestQueuedForAConnectionKeepsItsTimeout) {
+TEST(SystemHttpClientTest, RequestQueuedForAConnectionKeepsItsTimeout) {
     RawTcpServer silent;
-    CurlHttpClient client(withConnectionsPerHost(2));
+    SystemHttpClient client(withConnectionsPerHost(2));
     std::vector<std::future<HttpResponse>> sent;
     const auto started = Clock::now();
     for (int i = 0; i < 8; ++i) sent.push_back(client.post(silent.baseUrl() + "/" + std::to_string(i), {}, {}, 1));
@@ -128,8 +129,8 @@ TEST(CurlHttpClientTest, RequestQueuedForAConnectionKeepsItsTimeout) {
     }
 }
 
-TEST(CurlHttpClientTest, TransportFailuresAreUrlErrors) {
-    CurlHttpClient client;
+TEST(SystemHttpClientTest, TransportFailuresAreUrlErrors) {
+    SystemHttpClient client;
     testing::RefusingPort refusing;
     auto refused = awaitError(client.get(refusing.baseUrl() + "/"));
     EXPECT_EQ(refused.code(), UrlError::Code::cannotConnectToHost);
@@ -144,17 +145,17 @@ TEST(CurlHttpClientTest, TransportFailuresAreUrlErrors) {
 }
 
 // A field that would end or split the header block is never sent.
-TEST(CurlHttpClientTest, RefusesFieldsThatWouldSplitTheHeaderBlock) {
-    CurlHttpClient client;
+TEST(SystemHttpClientTest, RefusesFieldsThatWouldSplitTheHeaderBlock) {
+    SystemHttpClient client;
     auto injected = client.get("http://127.0.0.1:9/", {{"X-A", "v\r\nX-Injected: 1"}});
     ASSERT_EQ(injected.wait_for(0s), std::future_status::ready);
     EXPECT_THROW(injected.get(), std::invalid_argument);
     EXPECT_THROW(client.get("http://127.0.0.1:9/", {{"Bad Name", "v"}}).get(), std::invalid_argument);
 }
 
-TEST(CurlHttpClientTest, ShutdownCancelsWaitingAndRunningRequests) {
+TEST(SystemHttpClientTest, ShutdownCancelsWaitingAndRunningRequests) {
     RawTcpServer silent;
-    CurlHttpClient client(withConnectionsPerHost(4));  // 4 on the wire, 6 waiting
+    SystemHttpClient client(withConnectionsPerHost(4));  // 4 on the wire, 6 waiting
     std::vector<std::future<HttpResponse>> futures;
     for (int i = 0; i < 10; ++i) futures.push_back(client.get(silent.baseUrl() + "/" + std::to_string(i)));
     ASSERT_TRUE(silent.waitForConnections(4));
@@ -168,20 +169,20 @@ TEST(CurlHttpClientTest, ShutdownCancelsWaitingAndRunningRequests) {
     }
 }
 
-TEST(CurlHttpClientTest, HttpsTrustsOnlyTheConfiguredAuthorityForTheRightHost) {
+TEST(SystemHttpClientTest, HttpsTrustsOnlyTheConfiguredAuthorityForTheRightHost) {
     testing::TempDir dir;
     const auto certificates =
         testing::makeTestCertificates(dir.path(), {"IP:127.0.0.1,DNS:localhost", "DNS:other.test"});
     LoopbackServer server(certificates.servers[0]), otherHost(certificates.servers[1]);
-    CurlHttpClient::Options options;
+    HttpClientOptions options;
     options.caFile = certificates.authority.string();
-    CurlHttpClient trusting(options);
+    SystemHttpClient trusting(options);
     EXPECT_EQ(await(trusting.post(server.baseUrl() + "/secure", {}, toBytes("{}"))).statusCode, 200);
     EXPECT_EQ(await(trusting.get("https://localhost:" + std::to_string(server.port()) + "/")).statusCode, 200);
     auto wrongHost = awaitError(trusting.get(otherHost.baseUrl() + "/"));
     EXPECT_EQ(wrongHost.code(), UrlError::Code::secureConnectionFailed) << wrongHost.what();
     // The system's authorities do not know the test CA.
-    auto untrusted = awaitError(CurlHttpClient().get(server.baseUrl() + "/"));
+    auto untrusted = awaitError(SystemHttpClient().get(server.baseUrl() + "/"));
     EXPECT_EQ(untrusted.code(), UrlError::Code::secureConnectionFailed) << untrusted.what();
     EXPECT_EQ(server.requests().size(), 2u);
     EXPECT_TRUE(otherHost.requests().empty());

@@ -19,7 +19,7 @@
 
 #include "tavrin/platform/device_facts.h"
 #include "tavrin/platform/internal/json.h"
-#include "tavrin/platform/internal/sqlite_key_value_store.h"
+#include "tavrin/platform/linux/sqlite_key_value_store.h"
 #include "tests/support/child_process.h"
 #include "tests/support/log_capture.h"
 #include "tests/support/temp_dir.h"

@@ -12,9 +12,9 @@
 #include <thread>
 
 #include "tavrin/platform/dispatch.h"
-#include "tavrin/platform/internal/netlink_path_monitor.h"
 #include "tavrin/platform/internal/path_delivery.h"
 #include "tavrin/platform/internal/path_evaluation.h"
+#include "tavrin/platform/linux/netlink_path_monitor.h"
 #include "tests/support/network_namespace.h"
 
 namespace tavrin::platform {

@@ -1,6 +1,6 @@
 #include "temp_dir.h"
 
-#include <cstdlib>
+#include <random>
 #include <stdexcept>
 #include <string>
 #include <system_error>
@@ -8,9 +8,19 @@
 namespace tavrin::testing {
 
 TempDir::TempDir() {
-    std::string pattern = (std::filesystem::temp_directory_path() / "tavrin-test-XXXXXX").string();
-    if (!mkdtemp(pattern.data())) throw std::runtime_error("mkdtemp failed");
-    path_ = pattern;
+    // A fresh random name until one is free: create_directory fails on an
+    // existing one, so two tests never share a directory.
+    std::random_device random;
+    const auto base = std::filesystem::temp_directory_path();
+    for (int attempt = 0; attempt < 100; ++attempt) {
+        const auto candidate = base / ("tavrin-test-" + std::to_string(random()) + std::to_string(random() % 1000));
+        std::error_code ec;
+        if (std::filesystem::create_directory(candidate, ec)) {
+            path_ = candidate;
+            return;
+        }
+    }
+    throw std::runtime_error("TempDir: no free directory name under " + base.string());
 }
 
 TempDir::~TempDir() {

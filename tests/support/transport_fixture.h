@@ -17,7 +17,7 @@
 #include "tavrin/monitor/internal/monitor_service.h"
 #include "tavrin/platform/clock.h"
 #include "tavrin/platform/http_client.h"
-#include "tavrin/platform/internal/sqlite_key_value_store.h"
+#include "tavrin/platform/internal/system.h"
 #include "tavrin/platform/path_monitor.h"
 #include "tavrin/sdk/internal/tracking_settings.h"
 #include "tavrin/sdk/internal/user_defaults_utility.h"
@@ -101,9 +101,9 @@ protected:
         platform::KeyValueStore::setDataDirectory(std::nullopt);
     }
 
-    void useHttpClient(platform::CurlHttpClient::Options options) {
+    void useHttpClient(platform::HttpClientOptions options) {
         if (client) client->shutdown();
-        client = std::make_shared<platform::CurlHttpClient>(std::move(options));
+        client = std::make_shared<platform::SystemHttpClient>(std::move(options));
         platform::HttpClient::setShared(client);
     }
 
@@ -130,7 +130,7 @@ protected:
 
     TempDir dir;
     LogCapture log;
-    std::shared_ptr<platform::CurlHttpClient> client;
+    std::shared_ptr<platform::SystemHttpClient> client;
 };
 
 }  // namespace tavrin::testing

@@ -6,6 +6,7 @@
 
 #include <fstream>
 
+#include "tavrin/platform/linux/sqlite_key_value_store.h"
 #include "tavrin/sdk/tavrin_service.h"
 #include "tests/support/transport_fixture.h"
 

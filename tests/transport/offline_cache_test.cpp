@@ -23,9 +23,7 @@ std::vector<std::string> bodies(const std::vector<Request>& requests) {
 
 class OfflineCacheTest : public ::testing::Test {
 protected:
-    std::shared_ptr<platform::SqliteKeyValueStore> openStore() {
-        return std::make_shared<platform::SqliteKeyValueStore>(dir / platform::SqliteKeyValueStore::kFileName);
-    }
+    std::shared_ptr<platform::KeyValueStore> openStore() { return platform::os::openDefaultStore(dir); }
     TempDir dir;
     LogCapture log;
 };

@@ -183,7 +183,7 @@ struct HeldStore final : platform::KeyValueStore {
 
 TEST_F(ResendWindowTest, RequestsArrivingTogetherAreWrittenInOneTransaction) {
     std::promise<void> release;
-    auto store = std::make_shared<HeldStore>(std::make_shared<platform::SqliteKeyValueStore>(dir / "held.sqlite"));
+    auto store = std::make_shared<HeldStore>(platform::os::openDefaultStore(dir));
     store->released = release.get_future().share();
     OfflineCache cache(store);
     std::atomic<int> durable{0};

@@ -48,7 +48,7 @@ TEST_F(ServiceTest, EachSendGetsThirtySecondsNotTheClientsDefault) {
 TEST_F(ServiceTest, PostsTheEncodedRecordToTheDomainRootOverHttpsByDefault) {
     const auto certificates = makeTestCertificates(dir.path(), {"IP:127.0.0.1"});
     LoopbackServer server(certificates.servers[0]);
-    platform::CurlHttpClient::Options options;
+    platform::HttpClientOptions options;
     options.caFile = certificates.authority.string();
     useHttpClient(options);
     configure(trackConfig(hostPort(server.port()), std::nullopt, false, "abc"));

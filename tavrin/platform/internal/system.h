@@ -31,6 +31,10 @@ void secureZero(void* memory, std::size_t size);
 // Names the calling thread for debuggers and process viewers (best effort).
 void nameThread(const std::string& name);
 
+// Handlers around fork(): before it, then in the parent and in the child
+// after it. A system without fork has nothing to register (true).
+bool registerForkHandlers(void (*prepare)(), void (*parent)(), void (*child)());
+
 // The running program's file name (without ".exe" on Windows), used to name
 // the data directory; nothing when the system cannot tell.
 std::optional<std::string> executableName();
@@ -43,6 +47,13 @@ std::shared_ptr<KeyValueStore> openDefaultStore(const std::filesystem::path& dir
 std::shared_ptr<HttpClient> makeDefaultHttpClient();
 std::shared_ptr<PathMonitor> makeDefaultPathMonitor();
 std::shared_ptr<LogSink> makeDefaultLogSink();
+// In a forked child: a fresh sink of the same kind as `sink` when it is the
+// system's default kind, else nothing (the host's sinks are the host's).
+std::shared_ptr<LogSink> freshDefaultSink(const LogSink& sink);
+// Brings the standard store's files to their settled form before the
+// process exits (folds SQLite's write-ahead log); nothing where there is
+// nothing to fold.
+void settleStore(KeyValueStore& store);
 
 // System facts (DeviceFacts): read at call time, nothing cached here.
 std::optional<std::string> model();

@@ -15,9 +15,9 @@
 
 #include "tavrin/platform/dispatch.h"
 #include "tavrin/platform/http_client.h"
-#include "tavrin/platform/internal/curl_errors.h"
 #include "tavrin/platform/internal/http_fields.h"
 #include "tavrin/platform/internal/log_hook.h"
+#include "tavrin/platform/linux/curl_errors.h"
 
 namespace tavrin::platform {
 

@@ -1,4 +1,4 @@
-#include "tavrin/platform/internal/sqlite_key_value_store.h"
+#include "tavrin/platform/linux/sqlite_key_value_store.h"
 
 #include <grp.h>
 #include <pwd.h>

@@ -1,4 +1,4 @@
-#include "tavrin/platform/internal/netlink_path_monitor.h"
+#include "tavrin/platform/linux/netlink_path_monitor.h"
 
 #include <linux/if.h>
 #include <linux/netlink.h>

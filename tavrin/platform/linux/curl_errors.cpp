@@ -1,4 +1,4 @@
-#include "tavrin/platform/internal/curl_errors.h"
+#include "tavrin/platform/linux/curl_errors.h"
 
 #include <cerrno>
 #include <string>
