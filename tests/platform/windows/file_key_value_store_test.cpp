@@ -449,8 +449,8 @@ private:
 };
 
 // Not run by itself: the killed process of the test below. Writes until it
-// is killed, single values and pairs that must change together, and
-// acknowledges each write that returned true.
+// is killed, by turns three changes that must be made together and single
+// values, and acknowledges each write that returned true.
 TEST(FileKeyValueStoreChild, WritesUntilKilled) {
     wchar_t directory[4096];
     const DWORD length = GetEnvironmentVariableW(kChildDirectoryVariable, directory, std::size(directory));
@@ -461,7 +461,7 @@ TEST(FileKeyValueStoreChild, WritesUntilKilled) {
     for (int i = 0;; ++i) {
         const std::string key = "key" + std::to_string(i);
         const bool written =
-            i % 2 == 0 ? store.set(key, valueFor(i))
+            i % 2 == 1 ? store.set(key, valueFor(i))
                        : store.apply({{key, valueFor(i)}, {"pair/a", std::int64_t{i}}, {"pair/b", std::int64_t{i}}});
         if (!written) break;
         const std::string ack = "ack " + std::to_string(i) + "\n";
@@ -472,32 +472,42 @@ TEST(FileKeyValueStoreChild, WritesUntilKilled) {
 }
 
 // A write that returned true is on disk even when the process is killed right
-// after, in the middle of the next write; the pair an apply changes is never
-// found half changed.
+// after, in the middle of the next write (an apply, made whole or not at all).
+// Each round kills a little later, so the kill lands at other steps.
 TEST_F(FileKeyValueStoreTest, AcknowledgedWritesSurviveTerminateProcess) {
-    ChildProcess child("FileKeyValueStoreChild.*", kChildDirectoryVariable, dir.wstring());
-    ASSERT_TRUE(child.started());
-    int acknowledged = 0;
-    while (acknowledged < 60) {
-        const auto line = child.readLine();
-        ASSERT_TRUE(line.has_value()) << "the child ended after " << acknowledged << " writes";
-        if (*line == "ack " + std::to_string(acknowledged)) ++acknowledged;
+    constexpr int kAcknowledged = 20;  // even: the write cut short is an apply
+    for (const DWORD delay : {0, 1, 2, 4, 8, 16}) {
+        SCOPED_TRACE("killed " + std::to_string(delay) + " ms after the last acknowledgement");
+        ScratchDirectory place;
+        const fs::path values = place / "values";
+        {
+            ChildProcess child("FileKeyValueStoreChild.*", kChildDirectoryVariable, values.wstring());
+            ASSERT_TRUE(child.started());
+            for (int acknowledged = 0; acknowledged < kAcknowledged;) {
+                const auto line = child.readLine();
+                ASSERT_TRUE(line.has_value()) << "the child ended after " << acknowledged << " writes";
+                if (*line == "ack " + std::to_string(acknowledged)) ++acknowledged;
+            }
+            Sleep(delay);
+            child.kill();
+        }
+        LogCapture log;
+        FileKeyValueStore store(values);
+        for (int i = 0; i < kAcknowledged; ++i) EXPECT_EQ(store.value("key" + std::to_string(i)), valueFor(i)) << i;
+        // Later writes may or may not have landed, but whole.
+        for (int i = kAcknowledged; i < kAcknowledged + 4; ++i) {
+            const auto found = store.value("key" + std::to_string(i));
+            EXPECT_TRUE(!found || *found == valueFor(i)) << i;
+        }
+        const auto a = store.integer("pair/a"), b = store.integer("pair/b");
+        ASSERT_TRUE(a && b);
+        EXPECT_EQ(*a, *b);
+        EXPECT_GE(*a, kAcknowledged - 2);
+        EXPECT_EQ(store.value("key" + std::to_string(*a)), valueFor(static_cast<int>(*a)));
+        EXPECT_FALSE(store.value("key" + std::to_string(*a + 2)).has_value()) << "an apply was made in part";
+        EXPECT_FALSE(fs::exists(values / FileKeyValueStore::kCorruptFolder));
+        EXPECT_TRUE(log.sink->messages(LogType::error).empty());
     }
-    child.kill();
-    LogCapture log;
-    FileKeyValueStore store(dir);
-    for (int i = 0; i < acknowledged; ++i) EXPECT_EQ(store.value("key" + std::to_string(i)), valueFor(i)) << i;
-    // Writes after the last acknowledged one may or may not have landed, but whole.
-    for (int i = acknowledged; i < acknowledged + 3; ++i) {
-        const auto found = store.value("key" + std::to_string(i));
-        EXPECT_TRUE(!found || *found == valueFor(i)) << i;
-    }
-    const auto a = store.integer("pair/a"), b = store.integer("pair/b");
-    ASSERT_TRUE(a && b);
-    EXPECT_EQ(*a, *b);
-    EXPECT_GE(*a, acknowledged - 1);
-    EXPECT_FALSE(fs::exists(dir / FileKeyValueStore::kCorruptFolder));
-    EXPECT_TRUE(log.sink->messages(LogType::error).empty());
 }
 
 }  // namespace
