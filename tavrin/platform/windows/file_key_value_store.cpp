@@ -503,8 +503,10 @@ std::string FileKeyValueStore::fileNameFor(const std::string& key) {
     if (encoded.size() > kMaxEncodedName) {
         // Cut before an escape rather than inside one; the hash tells the rest.
         std::size_t cut = kMaxEncodedName - 20;
-        if (encoded[cut - 1] == '%') cut -= 1;
-        if (encoded[cut - 2] == '%') cut -= 2;
+        if (encoded[cut - 1] == '%')
+            cut -= 1;
+        else if (encoded[cut - 2] == '%')
+            cut -= 2;
         encoded.resize(cut);
         encoded += '~';
         const std::uint64_t hash = fnv1a(key);
@@ -553,7 +555,9 @@ void FileKeyValueStore::open() {
     if (auto writable = probe(); !writable) {
         // What is there stays readable for this run.
         loadIndex();
-        for (const auto& [key, stored] : index_)
+        std::vector<std::string> keys;
+        for (const auto& entry : index_) keys.push_back(entry.first);
+        for (const auto& key : keys)
             if (auto value = readLocked(key)) memory_.emplace(key, std::move(*value));
         index_.clear();
         openInMemory(writable.error().message);
