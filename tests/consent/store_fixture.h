@@ -111,7 +111,7 @@ protected:
     }
 
     // A second connection to the same file, as another process would have.
-    std::shared_ptr<platform::KeyValueStore> openFile() const { return platform::os::openDefaultStore(dir); }
+    std::shared_ptr<platform::KeyValueStore> openFile() const { return platform::os::openDefaultStore(dir.path()); }
 
     // Forgets everything in memory, as a new process would start.
     static void forgetProcessState() {

@@ -12,6 +12,7 @@
 
 #include "tavrin/consent/internal/consent_status_coding.h"
 #include "tavrin/platform/internal/pattern.h"
+#include "tavrin/platform/linux/sqlite_key_value_store.h"
 #include "tavrin/sdk/internal/track_config_coding.h"
 #include "tests/end_to_end/end_to_end_fixture.h"
 #include "tests/reliability/fault_support.h"

@@ -4,6 +4,10 @@
 // (a host that exits, a launch killed with SIGKILL, a launch on a broken
 // store), where an assertion in the child would never reach the parent.
 
+#if defined(_WIN32)
+#include "tests/support/windows/reliability_child_process.h"
+#else
+
 #include <fcntl.h>
 #include <poll.h>
 #include <sched.h>
@@ -135,3 +139,5 @@ inline std::string env(const char* name) {
 }
 
 }  // namespace tavrin::testing
+
+#endif

@@ -7,6 +7,7 @@
 #include <sys/resource.h>
 #include <unistd.h>
 
+#include "tavrin/platform/linux/sqlite_key_value_store.h"
 #include "tests/support/network_namespace.h"
 #include "tests/support/transport_fixture.h"
 

@@ -23,7 +23,7 @@ std::vector<std::string> bodies(const std::vector<Request>& requests) {
 
 class OfflineCacheTest : public ::testing::Test {
 protected:
-    std::shared_ptr<platform::KeyValueStore> openStore() { return platform::os::openDefaultStore(dir); }
+    std::shared_ptr<platform::KeyValueStore> openStore() { return platform::os::openDefaultStore(dir.path()); }
     TempDir dir;
     LogCapture log;
 };

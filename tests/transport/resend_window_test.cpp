@@ -183,7 +183,7 @@ struct HeldStore final : platform::KeyValueStore {
 
 TEST_F(ResendWindowTest, RequestsArrivingTogetherAreWrittenInOneTransaction) {
     std::promise<void> release;
-    auto store = std::make_shared<HeldStore>(platform::os::openDefaultStore(dir));
+    auto store = std::make_shared<HeldStore>(platform::os::openDefaultStore(dir.path()));
     store->released = release.get_future().share();
     OfflineCache cache(store);
     std::atomic<int> durable{0};

@@ -111,7 +111,8 @@ std::shared_ptr<PathMonitor> makeDefaultPathMonitor() { return std::make_shared<
 std::shared_ptr<LogSink> makeDefaultLogSink() { return std::make_shared<SyslogSink>(); }
 
 std::shared_ptr<LogSink> freshDefaultSink(const LogSink& sink) {
-    if (auto* syslog = dynamic_cast<const SyslogSink*>(&sink)) return std::make_shared<SyslogSink>(syslog->socketPath());
+    if (auto* syslog = dynamic_cast<const SyslogSink*>(&sink))
+        return std::make_shared<SyslogSink>(syslog->socketPath());
     return nullptr;
 }
 
