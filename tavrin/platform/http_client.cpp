@@ -57,7 +57,7 @@ std::shared_ptr<HttpClient> HttpClient::shared() {
     // A forked child starts its own client: the parent's thread is not there.
     if (gShared && gSharedGeneration != forkGeneration()) keepForever(std::exchange(gShared, nullptr));
     if (!gShared) {
-        gShared = std::make_shared<CurlHttpClient>();
+        gShared = std::make_shared<SystemHttpClient>();
         gSharedGeneration = forkGeneration();
     }
     return gShared;
