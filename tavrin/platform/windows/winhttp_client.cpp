@@ -56,11 +56,8 @@ constexpr double kDefaultTimeoutSeconds = 60;
 // Response header bytes WinHTTP keeps: a server that sends header lines
 // without end is stopped like one with an endless body.
 constexpr DWORD kMaxHeaderBytes = 256 * 1024;
-// Bytes asked of WinHTTP per read; a body is kept up to the limit plus this.
+// Most bytes asked of WinHTTP per read.
 constexpr DWORD kReadChunkBytes = 64 * 1024;
-// How long shutdown waits for WinHTTP to let go of closed requests before it
-// leaves their state (and the session) to the end of the process.
-constexpr auto kCloseWait = std::chrono::seconds(10);
 
 std::chrono::milliseconds duration(double seconds) {
     if (!std::isfinite(seconds) || seconds <= 0) seconds = kDefaultTimeoutSeconds;
@@ -297,6 +294,8 @@ struct Exchange {
     HttpClient::Completion completion;
     std::wstring host;
     INTERNET_PORT port = 0;
+    std::wstring hostKey;
+    bool holdsSlot = false;  // counts against its host's connection limit
     bool secure = false;
     // send() plus the request's timeout: the limit covers waiting for a
     // connection too.
@@ -320,6 +319,8 @@ struct Exchange {
     HttpResponse response;
     std::size_t maxBodyBytes = 0;
     std::vector<char> buffer;
+    // Set when the client's thread ends before WinHTTP lets go of the handle.
+    std::shared_ptr<const void> keepOwner;
 
     void close() {
         if (handle && !closed.exchange(true)) WinHttpCloseHandle(handle);
@@ -401,7 +402,8 @@ struct WinHttpClient::Impl final : EventSink, std::enable_shared_from_this<WinHt
                 thread.join();
             }
         }
-        for (auto& [key, connection] : connections) WinHttpCloseHandle(connection);
+        for (auto& [key, host] : hosts)
+            if (host.connection) WinHttpCloseHandle(host.connection);
         if (session) {
             WinHttpSetStatusCallback(session, nullptr, 0, 0);
             WinHttpCloseHandle(session);
@@ -418,11 +420,24 @@ struct WinHttpClient::Impl final : EventSink, std::enable_shared_from_this<WinHt
 
     // From WinHTTP's threads.
     void post(const Event& event) override {
+        std::unique_ptr<Exchange> released;
         {
             std::lock_guard lock(mutex);
-            events.push_back(event);
+            if (!orphaned) {
+                events.push_back(event);
+                wake.notify_one();
+                return;
+            }
+            // The client's thread is gone: a request's state goes with its
+            // handle's last callback.
+            if (event.status != WINHTTP_CALLBACK_STATUS_HANDLE_CLOSING) return;
+            auto found = active.find(event.exchange);
+            if (found == active.end()) return;
+            released = std::move(found->second);
+            active.erase(found);
         }
-        wake.notify_one();
+        // The last one may hold the last reference to this client state.
+        released.reset();
     }
 
     void enqueue(std::unique_ptr<Exchange> exchange) {
@@ -466,16 +481,27 @@ struct WinHttpClient::Impl final : EventSink, std::enable_shared_from_this<WinHt
                 for (auto& exchange : arrived) exchange->fail(cancelledError());
                 break;
             }
-            for (auto& exchange : arrived) start(std::move(exchange));
+            for (auto& exchange : arrived) admit(std::move(exchange));
+            bool stopped = false;
             for (const Event& event : happened) {
-                handle(event);
-                if (stopRequestedNow()) break;
+                // Once shut down from a completion, the others end cancelled.
+                if (!stopped && stopRequestedNow()) stopped = true;
+                if (stopped) {
+                    if (event.status == WINHTTP_CALLBACK_STATUS_HANDLE_CLOSING) active.erase(event.exchange);
+                } else {
+                    handle(event);
+                }
             }
-            expireOverdue();
+            if (!stopped) {
+                expireOverdue();
+                releaseSlots();
+            }
         }
+        for (auto& [key, host] : hosts)
+            for (auto& exchange : std::exchange(host.waiting, {})) exchange->fail(cancelledError());
         for (auto& [raw, exchange] : active)
             if (!exchange->finished) exchange->fail(cancelledError());
-        waitForClosedHandles();
+        leaveClosingHandles();
     }
 
     bool stopRequestedNow() {
@@ -483,27 +509,24 @@ struct WinHttpClient::Impl final : EventSink, std::enable_shared_from_this<WinHt
         return stopping;
     }
 
-    // Every request handle is closed; its state may go once WinHTTP says so.
-    void waitForClosedHandles() {
-        const auto limit = SteadyClock::now() + kCloseWait;
-        std::unique_lock lock(mutex);
-        while (!active.empty()) {
-            if (!wake.wait_until(lock, limit, [&] { return !events.empty(); })) break;
-            std::deque<Event> happened;
-            happened.swap(events);
-            lock.unlock();
-            for (const Event& event : happened)
-                if (event.status == WINHTTP_CALLBACK_STATUS_HANDLE_CLOSING) active.erase(event.exchange);
-            lock.lock();
+    // Every request handle is closed, but WinHTTP may still be finishing
+    // with some (under some WinHTTP versions a read in progress keeps its
+    // handle until the socket yields). Shutdown does not wait for them: each
+    // keeps this state alive until its last callback frees it (post()).
+    void leaveClosingHandles() {
+        std::deque<Event> happened;
+        std::vector<std::unique_ptr<Exchange>> released;
+        std::lock_guard lock(mutex);
+        happened.swap(events);
+        for (const Event& event : happened) {
+            if (event.status != WINHTTP_CALLBACK_STATUS_HANDLE_CLOSING) continue;
+            auto found = active.find(event.exchange);
+            if (found == active.end()) continue;
+            released.push_back(std::move(found->second));
+            active.erase(found);
         }
-        if (!active.empty()) {
-            // WinHTTP may still call back with these: their state and the
-            // session stay until the process ends.
-            logError([&] {
-                return "WinHTTP did not release " + std::to_string(active.size()) + " closed request(s) in time";
-            });
-            keepForever(shared_from_this());
-        }
+        for (auto& [raw, exchange] : active) exchange->keepOwner = shared_from_this();
+        orphaned = true;
     }
 
     SteadyClock::time_point nextDeadline() const {
@@ -513,6 +536,8 @@ struct WinHttpClient::Impl final : EventSink, std::enable_shared_from_this<WinHt
             next = std::min(next, exchange->deadline);
             if (exchange->connectDeadline) next = std::min(next, *exchange->connectDeadline);
         }
+        for (const auto& [key, host] : hosts)
+            for (const auto& exchange : host.waiting) next = std::min(next, exchange->deadline);
         return next;
     }
 
@@ -528,28 +553,77 @@ struct WinHttpClient::Impl final : EventSink, std::enable_shared_from_this<WinHt
                                                                    " took over " + std::to_string(limit.count()) +
                                                                    " ms"));
         }
+        for (auto& [key, host] : hosts) {
+            for (auto it = host.waiting.begin(); it != host.waiting.end();) {
+                if ((*it)->deadline > now) {
+                    ++it;
+                    continue;
+                }
+                auto expired = std::move(*it);
+                it = host.waiting.erase(it);
+                expired->fail(winHttpError(ERROR_WINHTTP_TIMEOUT,
+                                           "request took over " +
+                                               std::to_string(duration(expired->request.timeoutSeconds).count()) +
+                                               " ms waiting for a connection"));
+            }
+        }
     }
 
-    HINTERNET connection(const std::wstring& host, INTERNET_PORT port) {
-        const std::wstring key = host + L"|" + std::to_wstring(port);
-        auto found = connections.find(key);
-        if (found != connections.end()) return found->second;
-        HINTERNET handle = WinHttpConnect(session, host.c_str(), port, 0);
-        if (handle) connections.emplace(key, handle);
-        return handle;
+    // Requests past the per-host limit wait here, not in WinHTTP, so the
+    // limit holds where WinHTTP does not enforce it and a waiting request
+    // can still be cancelled or expire without a handle.
+    void admit(std::unique_ptr<Exchange> owned) {
+        owned->owner = this;
+        owned->hostKey = owned->host + L"|" + std::to_wstring(owned->port);
+        Host& host = hosts[owned->hostKey];
+        if (host.running >= static_cast<std::size_t>(std::max(1L, options.maxConnectionsPerHost))) {
+            host.waiting.push_back(std::move(owned));
+            return;
+        }
+        ++host.running;
+        owned->holdsSlot = true;
+        start(std::move(owned));
+    }
+
+    // For a request that ended before it had a handle.
+    void releaseSlot(Exchange& x) {
+        if (!std::exchange(x.holdsSlot, false)) return;
+        --hosts[x.hostKey].running;
+    }
+
+    // Gives the slots of finished requests to waiting ones.
+    void releaseSlots() {
+        for (auto& [raw, exchange] : active) {
+            if (!exchange->finished || !exchange->holdsSlot) continue;
+            exchange->holdsSlot = false;
+            --hosts[exchange->hostKey].running;
+        }
+        const auto limit = static_cast<std::size_t>(std::max(1L, options.maxConnectionsPerHost));
+        for (auto& [key, host] : hosts) {
+            while (host.running < limit && !host.waiting.empty()) {
+                auto next = std::move(host.waiting.front());
+                host.waiting.pop_front();
+                ++host.running;
+                next->holdsSlot = true;
+                start(std::move(next));
+            }
+        }
     }
 
     void start(std::unique_ptr<Exchange> owned) {
         Exchange& x = *owned;
-        x.owner = this;
         if (x.secure && anchors && !anchors->problem().empty()) {
             x.fail(std::make_exception_ptr(
                 UrlError(UrlError::Code::secureConnectionFailed, "CA file unusable", anchors->problem())));
+            releaseSlot(x);
             return;
         }
-        HINTERNET connect = connection(x.host, x.port);
+        Host& host = hosts[x.hostKey];
+        if (!host.connection) host.connection = WinHttpConnect(session, x.host.c_str(), x.port, 0);
+        HINTERNET connect = host.connection;
         if (!connect) {
             x.fail(winHttpError(GetLastError(), "WinHttpConnect"));
+            releaseSlot(x);
             return;
         }
         const auto url = Url::parse(x.request.url);
@@ -562,6 +636,7 @@ struct WinHttpClient::Impl final : EventSink, std::enable_shared_from_this<WinHt
             WINHTTP_FLAG_ESCAPE_DISABLE | WINHTTP_FLAG_ESCAPE_DISABLE_QUERY | (x.secure ? WINHTTP_FLAG_SECURE : 0));
         if (!x.handle) {
             x.fail(winHttpError(GetLastError(), "WinHttpOpenRequest"));
+            releaseSlot(x);
             return;
         }
         active.emplace(&x, std::move(owned));
@@ -632,6 +707,7 @@ struct WinHttpClient::Impl final : EventSink, std::enable_shared_from_this<WinHt
                 }
                 break;
             case WINHTTP_CALLBACK_STATUS_HEADERS_AVAILABLE: onHeaders(x); break;
+            case WINHTTP_CALLBACK_STATUS_DATA_AVAILABLE: onDataAvailable(x, event.value); break;
             case WINHTTP_CALLBACK_STATUS_READ_COMPLETE: onRead(x, event.value); break;
             case WINHTTP_CALLBACK_STATUS_REQUEST_ERROR: x.fail(endedEarly(x, event.error)); break;
             default: break;
@@ -693,9 +769,24 @@ struct WinHttpClient::Impl final : EventSink, std::enable_shared_from_this<WinHt
         readMore(x);
     }
 
+    // Asks what has arrived, then reads only that: a read for more than is
+    // there may wait for the socket in some WinHTTP versions.
     void readMore(Exchange& x) {
-        x.buffer.resize(kReadChunkBytes);
-        if (!WinHttpReadData(x.handle, x.buffer.data(), kReadChunkBytes, nullptr))
+        if (!WinHttpQueryDataAvailable(x.handle, nullptr)) x.fail(endedEarly(x, GetLastError()));
+    }
+
+    void onDataAvailable(Exchange& x, DWORD bytes) {
+        if (bytes == 0) {
+            x.buffer = {};
+            x.succeed(std::move(x.response));
+            return;
+        }
+        if (bytes > x.maxBodyBytes - x.response.body.size()) {
+            failTooLarge(x);
+            return;
+        }
+        x.buffer.resize(std::min(bytes, kReadChunkBytes));
+        if (!WinHttpReadData(x.handle, x.buffer.data(), static_cast<DWORD>(x.buffer.size()), nullptr))
             x.fail(endedEarly(x, GetLastError()));
     }
 
@@ -738,13 +829,20 @@ struct WinHttpClient::Impl final : EventSink, std::enable_shared_from_this<WinHt
     const Options options;
     std::unique_ptr<TrustAnchors> anchors;
     HINTERNET session = nullptr;
-    std::map<std::wstring, HINTERNET> connections;  // by host and port; the client's thread only
+    struct Host {
+        HINTERNET connection = nullptr;
+        std::size_t running = 0;  // requests holding a slot
+        std::deque<std::unique_ptr<Exchange>> waiting;
+    };
+    std::map<std::wstring, Host> hosts;  // by host and port; the client's thread only
 
     std::mutex mutex;
     std::condition_variable wake;
     std::deque<std::unique_ptr<Exchange>> incoming;
     std::deque<Event> events;
     bool stopping = false;
+    // The client's thread has ended; the callbacks free what remains.
+    bool orphaned = false;
     std::mutex joinMutex;
     std::thread thread;
     // Owned by the client's thread: every request whose handle is not yet
@@ -764,6 +862,7 @@ void CALLBACK onStatus(HINTERNET handle, DWORD_PTR context, DWORD status, LPVOID
             event.error = static_cast<const WINHTTP_ASYNC_RESULT*>(info)->dwError;
             break;
         case WINHTTP_CALLBACK_STATUS_READ_COMPLETE: event.value = infoLength; break;
+        case WINHTTP_CALLBACK_STATUS_DATA_AVAILABLE:
         case WINHTTP_CALLBACK_STATUS_RESPONSE_RECEIVED:
         case WINHTTP_CALLBACK_STATUS_SECURE_FAILURE:
             if (info) event.value = *static_cast<const DWORD*>(info);
