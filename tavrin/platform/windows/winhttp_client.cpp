@@ -309,12 +309,17 @@ struct Exchange {
     std::atomic<bool> closed{false};
     // Written by the callback before it closes the handle.
     std::atomic<bool> certificateRefused{false};
+    // Set by the callback once the server's certificate passed that check.
+    std::atomic<bool> peerVerified{false};
+    bool bodyAfterCheck = false;
+    std::size_t bodySent = 0;
     std::mutex refusalMutex;
     std::string refusal;
 
     bool finished = false;  // the completion has run
     DWORD secureFailureFlags = 0;
     std::uint64_t responseBytes = 0;  // as WinHTTP reports them received
+    bool headersRead = false;
     std::wstring headerBlock;
     HttpResponse response;
     std::size_t maxBodyBytes = 0;
@@ -673,11 +678,49 @@ struct WinHttpClient::Impl final : EventSink, std::enable_shared_from_this<WinHt
             headers += L"Content-Length: 0\r\n";
         const auto bodySize = static_cast<DWORD>(x.request.body.size());
         x.maxBodyBytes = options.maxResponseBodyBytes;
+        // Checked against the CA file, the body goes out only once the check
+        // has passed, whatever WinHTTP does with a request closed just
+        // before it is written.
+        x.bodyAfterCheck = x.secure && anchors && bodySize > 0;
+        const DWORD withRequest = x.bodyAfterCheck ? 0 : bodySize;
         if (!WinHttpSendRequest(x.handle, headers.empty() ? WINHTTP_NO_ADDITIONAL_HEADERS : headers.c_str(),
                                 static_cast<DWORD>(headers.size()),
-                                bodySize ? x.request.body.data() : WINHTTP_NO_REQUEST_DATA, bodySize, bodySize,
+                                withRequest ? x.request.body.data() : WINHTTP_NO_REQUEST_DATA, withRequest, bodySize,
                                 context))
             x.fail(winHttpError(GetLastError(), "WinHttpSendRequest"));
+    }
+
+    // Request written (and the body, when it went with it): on to the answer.
+    void onRequestSent(Exchange& x) {
+        if (x.certificateRefused) {
+            x.fail(endedEarly(x, ERROR_WINHTTP_SECURE_FAILURE));
+            return;
+        }
+        if (x.secure && anchors && !x.peerVerified) {
+            x.fail(std::make_exception_ptr(UrlError(UrlError::Code::secureConnectionFailed, "certificate not checked",
+                                                    "WinHTTP gave no chance to check the server certificate")));
+            return;
+        }
+        if (x.bodyAfterCheck && x.bodySent < x.request.body.size()) {
+            writeBody(x);
+            return;
+        }
+        if (!WinHttpReceiveResponse(x.handle, nullptr)) x.fail(endedEarly(x, GetLastError()));
+    }
+
+    void writeBody(Exchange& x) {
+        const auto rest = static_cast<DWORD>(x.request.body.size() - x.bodySent);
+        if (!WinHttpWriteData(x.handle, x.request.body.data() + x.bodySent, rest, nullptr))
+            x.fail(endedEarly(x, GetLastError()));
+    }
+
+    void onBodyWritten(Exchange& x, DWORD bytes) {
+        x.bodySent += bytes;
+        if (bytes == 0) {
+            x.fail(endedEarly(x, ERROR_WINHTTP_CONNECTION_ERROR));
+            return;
+        }
+        onRequestSent(x);
     }
 
     void handle(const Event& event) {
@@ -698,14 +741,16 @@ struct WinHttpClient::Impl final : EventSink, std::enable_shared_from_this<WinHt
             case WINHTTP_CALLBACK_STATUS_CONNECTED_TO_SERVER:
             case WINHTTP_CALLBACK_STATUS_SENDING_REQUEST: x.connectDeadline.reset(); break;
             case WINHTTP_CALLBACK_STATUS_SECURE_FAILURE: x.secureFailureFlags |= event.value; break;
-            case WINHTTP_CALLBACK_STATUS_RESPONSE_RECEIVED: x.responseBytes += event.value; break;
-            case WINHTTP_CALLBACK_STATUS_SENDREQUEST_COMPLETE:
-                if (x.certificateRefused) {
-                    x.fail(endedEarly(x, ERROR_WINHTTP_SECURE_FAILURE));
-                } else if (!WinHttpReceiveResponse(x.handle, nullptr)) {
-                    x.fail(endedEarly(x, GetLastError()));
-                }
+            case WINHTTP_CALLBACK_STATUS_RESPONSE_RECEIVED:
+                x.responseBytes += event.value;
+                // Where WinHTTP does not bound the header block itself.
+                if (!x.headersRead && x.responseBytes > kMaxHeaderBytes)
+                    x.fail(std::make_exception_ptr(
+                        UrlError(UrlError::Code::responseTooLarge, "response header too large",
+                                 "header block longer than " + std::to_string(kMaxHeaderBytes) + " bytes")));
                 break;
+            case WINHTTP_CALLBACK_STATUS_SENDREQUEST_COMPLETE: onRequestSent(x); break;
+            case WINHTTP_CALLBACK_STATUS_WRITE_COMPLETE: onBodyWritten(x, event.value); break;
             case WINHTTP_CALLBACK_STATUS_HEADERS_AVAILABLE: onHeaders(x); break;
             case WINHTTP_CALLBACK_STATUS_DATA_AVAILABLE: onDataAvailable(x, event.value); break;
             case WINHTTP_CALLBACK_STATUS_READ_COMPLETE: onRead(x, event.value); break;
@@ -747,6 +792,7 @@ struct WinHttpClient::Impl final : EventSink, std::enable_shared_from_this<WinHt
             return;
         }
         raw.resize(size / sizeof(wchar_t));
+        x.headersRead = true;
         x.response.statusCode = static_cast<int>(status);
         x.response.headers = parseRawHeaders(toUtf8(raw));
         // An interim status WinHTTP took for the answer: the server ended the
@@ -817,7 +863,10 @@ struct WinHttpClient::Impl final : EventSink, std::enable_shared_from_this<WinHt
     void checkPeer(HINTERNET handle, Exchange& x) override {
         if (!x.secure || !anchors) return;
         std::string why;
-        if (anchors->verify(handle, x.host, why)) return;
+        if (anchors->verify(handle, x.host, why)) {
+            x.peerVerified = true;
+            return;
+        }
         {
             std::lock_guard lock(x.refusalMutex);
             x.refusal = why;
@@ -863,6 +912,7 @@ void CALLBACK onStatus(HINTERNET handle, DWORD_PTR context, DWORD status, LPVOID
             break;
         case WINHTTP_CALLBACK_STATUS_READ_COMPLETE: event.value = infoLength; break;
         case WINHTTP_CALLBACK_STATUS_DATA_AVAILABLE:
+        case WINHTTP_CALLBACK_STATUS_WRITE_COMPLETE:
         case WINHTTP_CALLBACK_STATUS_RESPONSE_RECEIVED:
         case WINHTTP_CALLBACK_STATUS_SECURE_FAILURE:
             if (info) event.value = *static_cast<const DWORD*>(info);
