@@ -647,7 +647,10 @@ struct WinHttpClient::Impl final : EventSink, std::enable_shared_from_this<WinHt
         active.emplace(&x, std::move(owned));
         DWORD_PTR context = reinterpret_cast<DWORD_PTR>(&x);
         if (!WinHttpSetOption(x.handle, WINHTTP_OPTION_CONTEXT_VALUE, &context, sizeof context)) {
+            // Without its context the handle reports nothing back: done here.
             x.fail(winHttpError(GetLastError(), "context"));
+            releaseSlot(x);
+            active.erase(&x);
             return;
         }
         // A redirect would carry the body (and its credential) to a place the
@@ -859,7 +862,10 @@ struct WinHttpClient::Impl final : EventSink, std::enable_shared_from_this<WinHt
 
     // From the status callback, on WinHTTP's thread, before the request is
     // written: the last moment to keep it (headers and body) from a server
-    // that is not the one the CA file vouches for.
+    // that is not the one the CA file vouches for. Closing the handle here
+    // stops the request on Windows; wine 8 still writes the request head of
+    // a handle closed at this point, which is why the body waits for the
+    // check's result on the client's thread (bodyAfterCheck).
     void checkPeer(HINTERNET handle, Exchange& x) override {
         if (!x.secure || !anchors) return;
         std::string why;
