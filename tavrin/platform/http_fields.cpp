@@ -60,9 +60,16 @@ void HttpRequest::setHeader(std::string name, std::string value) {
 // ---- UrlError
 
 namespace {
+// The transport that gave the reason, named in front of it.
+#if defined(_WIN32)
+constexpr const char* kTransportName = "WinHTTP";
+#else
+constexpr const char* kTransportName = "curl";
+#endif
+
 std::string errorMessage(UrlError::Code code, const std::string& reason) {
     std::string text = UrlError::description(code);
-    if (!reason.empty()) text += " (curl: " + reason + ")";
+    if (!reason.empty()) text += std::string(" (") + kTransportName + ": " + reason + ")";
     return text;
 }
 }  // namespace
