@@ -16,6 +16,8 @@ TempDir::TempDir() {
         const auto candidate = base / ("tavrin-test-" + std::to_string(random()) + std::to_string(random() % 1000));
         std::error_code ec;
         if (std::filesystem::create_directory(candidate, ec)) {
+            // Private to this user, as a directory for secrets must be.
+            std::filesystem::permissions(candidate, std::filesystem::perms::owner_all, ec);
             path_ = candidate;
             return;
         }
