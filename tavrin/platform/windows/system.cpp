@@ -151,7 +151,7 @@ std::optional<std::string> executableName() {
 }
 
 std::filesystem::path defaultDataDirectory(const std::string& applicationDirectoryName) {
-    // The name is UTF-8; a path built from a narrow string would read it in the ANSI code page.
+    // The name is UTF-8; some standard libraries read a narrow string in the ANSI code page.
     const std::filesystem::path name(win::toWide(applicationDirectoryName));
     PWSTR folder = nullptr;
     const HRESULT found = SHGetKnownFolderPath(FOLDERID_LocalAppData, KF_FLAG_DEFAULT, nullptr, &folder);
