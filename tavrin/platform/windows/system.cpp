@@ -18,12 +18,10 @@
 #include <shlobj.h>
 
 #include <algorithm>
-#include <cstdint>
 #include <cstdio>
 #include <string>
 #include <string_view>
 #include <system_error>
-#include <vector>
 
 #include "tavrin/platform/internal/fatal_error.h"
 #include "tavrin/platform/system_log.h"
