@@ -77,6 +77,20 @@ private:
 };
 #endif
 
+#if defined(_WIN32)
+// Windows: each record becomes one line of debug output (OutputDebugStringW),
+// in the syslog sink's text form "<PRI>Mmm dd hh:mm:ss IDENT[PID]: [category]
+// message", shown by an attached debugger or a debug-output viewer. Info and
+// error lines are always written; debug lines only while a debugger is
+// attached, since each line costs a round trip through the system even when
+// nobody reads it.
+class DebugOutputSink final : public LogSink {
+public:
+    bool isEnabled(LogType type) const override;
+    void write(const LogRecord& record) override;
+};
+#endif
+
 // One line per message on standard error: "<subsystem> [<category>] <TYPE>: <message>".
 class StderrSink final : public LogSink {
 public:
