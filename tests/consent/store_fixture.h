@@ -95,7 +95,7 @@ DecodingError decodeFailure(std::string_view text) {
 class StoreTest : public ::testing::Test {
 protected:
     void SetUp() override {
-        platform::KeyValueStore::setDataDirectory(dir.path());
+        platform::KeyValueStore::setDataDirectory(dir.path().string());
         forgetProcessState();
     }
     void TearDown() override {
