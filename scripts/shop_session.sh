@@ -7,7 +7,10 @@
 #   bash scripts/shop_session.sh COLLECTOR SHOP [--runs N] [--wait]
 #
 # TAVRIN_EMULATOR, when set, is put before both programs (a cross build run
-# under qemu-aarch64-static -L /).
+# under qemu-aarch64-static -L /). TAVRIN_SHOP_EMULATOR is put before the shop
+# alone: a Windows shop runs under wine64 against the Linux collector, with
+# its paths given as wine's drive paths and the collector named "localhost"
+# (wine's TLS does not accept a certificate for an IP address).
 set -euo pipefail
 
 collector=$1 shop=$2
@@ -23,6 +26,14 @@ while [ $# -gt 0 ]; do
 done
 # shellcheck disable=SC2206 # a command and its arguments
 emulator=(${TAVRIN_EMULATOR:-})
+# shellcheck disable=SC2206 # a command and its arguments
+shop_emulator=(${TAVRIN_SHOP_EMULATOR:-${TAVRIN_EMULATOR:-}})
+shop_path() {
+  case "${shop_emulator[0]:-}" in
+    *wine*) winepath -w "$1" 2>/dev/null ;;
+    *) echo "$1" ;;
+  esac
+}
 
 work=$(mktemp -d "${TMPDIR:-/tmp}/tavrin-shop.XXXXXX")
 collector_pid=""
@@ -36,7 +47,7 @@ trap 'exit 130' INT TERM
 # The SDK always reports debug tags over HTTPS, so the collector gets a
 # certificate of its own for 127.0.0.1 and the example trusts exactly it.
 openssl req -x509 -newkey rsa:2048 -nodes -days 2 -subj "/CN=127.0.0.1" \
-  -addext "subjectAltName=IP:127.0.0.1" -keyout "$work/key.pem" -out "$work/cert.pem" 2>/dev/null
+  -addext "subjectAltName=IP:127.0.0.1,DNS:localhost" -keyout "$work/key.pem" -out "$work/cert.pem" 2>/dev/null
 
 # The token travels in the environment, which other users cannot read (a
 # command line they can).
@@ -53,9 +64,11 @@ url=$(sed -n 's/^listening on //p' "$work/collector.out" | head -n 1)
 echo "=== collector at $url"
 
 for run in $(seq "$runs"); do
-  echo "=== running the example shop (launch $run of $runs)${emulator[*]:+ under ${emulator[*]}}"
-  TAVRIN_TOKEN="$token" "${emulator[@]}" "$shop" --domain "${url#https://}" --ca-file "$work/cert.pem" \
-    --debug-code demo-debug --data-dir "$work/sdk" || echo "(the example reported failures)"
+  echo "=== running the example shop (launch $run of $runs)${shop_emulator[*]:+ under ${shop_emulator[*]}}"
+  domain=${url#https://}
+  case "${shop_emulator[0]:-}" in *wine*) domain="localhost:${domain##*:}" ;; esac
+  TAVRIN_TOKEN="$token" "${shop_emulator[@]}" "$shop" --domain "$domain" --ca-file "$(shop_path "$work/cert.pem")" \
+    --debug-code demo-debug --data-dir "$(shop_path "$work/sdk")" || echo "(the example reported failures)"
 done
 
 echo "=== what arrived"

@@ -3,8 +3,8 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <condition_variable>
 #include <future>
-#include <latch>
 #include <memory>
 #include <mutex>
 #include <set>
@@ -18,6 +18,30 @@ namespace tavrin::platform {
 namespace {
 
 using namespace std::chrono_literals;
+
+// A count-down latch on a mutex: mingw-w64's std::latch (GCC 12) can lose a
+// wake-up and leave its waiter asleep for good.
+class Latch {
+public:
+    explicit Latch(int count) : count_(count) {}
+    void count_down() {
+        std::lock_guard lock(mutex_);
+        if (--count_ == 0) zero_.notify_all();
+    }
+    void wait() {
+        std::unique_lock lock(mutex_);
+        zero_.wait(lock, [&] { return count_ <= 0; });
+    }
+    void arrive_and_wait() {
+        count_down();
+        wait();
+    }
+
+private:
+    std::mutex mutex_;
+    std::condition_variable zero_;
+    int count_;
+};
 
 // A one-shot signal, awaited with a bound reached only when something hangs.
 struct Gate {
@@ -91,7 +115,7 @@ TEST(SerialQueueTest, SyncFromTheQueuesOwnThreadRunsInline) {
 TEST(SerialQueueTest, ManyQueuesShareThePoolsThreads) {
     std::mutex mutex;
     std::set<std::thread::id> threads;
-    std::latch done(20 * 50);
+    Latch done(20 * 50);
     std::vector<std::unique_ptr<SerialQueue>> queues;  // destroyed first: their blocks use the above
     for (int q = 0; q < 20; ++q) queues.push_back(std::make_unique<SerialQueue>("com.tavrin.test.many"));
     for (int i = 0; i < 50; ++i)
@@ -112,7 +136,7 @@ TEST(SerialQueueTest, ManyQueuesShareThePoolsThreads) {
 // threads run those queues' blocks themselves instead of waiting for a free
 // pool thread that never comes.
 TEST(SerialQueueTest, WaitsBetweenQueuesNeverNeedAFreePoolThread) {
-    std::latch bothRunning(2);
+    Latch bothRunning(2);
     std::promise<int> fromA, fromB;  // outlive the queues, whose blocks set them
     SerialQueue a("com.tavrin.test.a"), b("com.tavrin.test.b"), c("com.tavrin.test.c"), d("com.tavrin.test.d");
     a.async([&] {
@@ -132,7 +156,7 @@ TEST(SerialQueueTest, WaitsBetweenQueuesNeverNeedAFreePoolThread) {
 // The host's threads wait for a queue but never run its blocks, even while
 // the pool is busy: a host submitting in a loop must not outrun the SDK.
 TEST(SerialQueueTest, AHostThreadWaitingForAQueueNeverRunsItsBlocks) {
-    std::latch bothBusy(2);
+    Latch bothBusy(2);
     Gate release;  // outlives the queues, whose blocks wait on it
     SerialQueue busyA("com.tavrin.test.busy"), busyB("com.tavrin.test.busy"), queue("com.tavrin.test.q");
     busyA.async([&] {

@@ -61,9 +61,10 @@ TEST_F(OfflineCacheTest, ChangesToRequestsSurviveARestart) {
     // A request added after the restart goes after the others, also on disk.
     reloaded.add(request("d", 40));
     reloaded.drain();
-    EXPECT_EQ(store->values(kPrefix).back().first, OfflineCache::recordKey(4));
-    EXPECT_EQ(bodies(OfflineCache(openStore()).getCachedRequests()), (std::vector<std::string>{"a", "c2", "d"}));
-    EXPECT_EQ(store->values("com.tavrin.OfflineCache").size(), 5u);
+    const auto relaunched = openStore();
+    EXPECT_EQ(relaunched->values(kPrefix).back().first, OfflineCache::recordKey(4));
+    EXPECT_EQ(bodies(OfflineCache(relaunched).getCachedRequests()), (std::vector<std::string>{"a", "c2", "d"}));
+    EXPECT_EQ(relaunched->values("com.tavrin.OfflineCache").size(), 5u);
 }
 
 // The resend walk changes records by entry: its retry counts and removals
