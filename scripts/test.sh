@@ -68,7 +68,8 @@ fi
 if bash scripts/bootstrap windows; then
   WINEDEBUG=-all WINEDLLOVERRIDES="mscoree,mshtml=" \
     run_suite build/windows "" "" -- -DCMAKE_BUILD_TYPE=Release \
-    -DCMAKE_TOOLCHAIN_FILE="$PWD/cmake/toolchains/mingw-w64-x86_64.cmake" || status=1
+    -DCMAKE_TOOLCHAIN_FILE="$PWD/cmake/toolchains/mingw-w64-x86_64.cmake" \
+    -DTAVRIN_HOST_COLLECTOR="$PWD/build/release/tools/collector/tavrin-collector" || status=1
 else
   status=1
 fi

@@ -16,7 +16,8 @@ set(CMAKE_FIND_ROOT_PATH /usr/${TAVRIN_TRIPLET})
 set(CMAKE_FIND_ROOT_PATH_MODE_PROGRAM NEVER)
 set(CMAKE_FIND_ROOT_PATH_MODE_LIBRARY ONLY)
 set(CMAKE_FIND_ROOT_PATH_MODE_INCLUDE ONLY)
-set(CMAKE_FIND_ROOT_PATH_MODE_PACKAGE ONLY)
+# Packages: also an installed tavrin prefix a consumer names (CMAKE_PREFIX_PATH).
+set(CMAKE_FIND_ROOT_PATH_MODE_PACKAGE BOTH)
 
 # The compiler's own runtime (libstdc++, libgcc, winpthreads) is linked in, so
 # a program runs on Windows (and under wine) without DLLs beside it.
