@@ -22,7 +22,9 @@ set(CMAKE_FIND_ROOT_PATH_MODE_PACKAGE BOTH)
 # The compiler's own runtime (libstdc++, libgcc, winpthreads) is linked in, so
 # a program runs on Windows (and under wine) without DLLs beside it.
 set(CMAKE_EXE_LINKER_FLAGS_INIT "-static")
-set(CMAKE_SHARED_LINKER_FLAGS_INIT "-static-libgcc -static-libstdc++ -Wl,-Bstatic,--whole-archive -lwinpthread -Wl,--no-whole-archive,-Bdynamic")
+# A DLL carries them too, without exporting them (a program linking it keeps
+# its own copy).
+set(CMAKE_SHARED_LINKER_FLAGS_INIT "-static -Wl,--exclude-libs,libpthread.a:libwinpthread.a:libgcc.a:libgcc_eh.a:libstdc++.a")
 
 # Tests and the example run under wine.
 set(CMAKE_CROSSCOMPILING_EMULATOR /usr/lib/wine/wine64)
