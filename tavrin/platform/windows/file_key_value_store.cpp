@@ -1,4 +1,5 @@
 #include "tavrin/platform/windows/file_key_value_store.h"
+#include "tavrin/platform/windows/wide_text.h"
 
 #ifndef WIN32_LEAN_AND_MEAN
 #define WIN32_LEAN_AND_MEAN
@@ -47,39 +48,18 @@ void logStoreError(const std::string& message) {
     platform::logError([&] { return "KeyValueStore: " + message; });
 }
 
-std::string utf8(std::wstring_view text) {
-    if (text.empty()) return {};
-    const int size =
-        WideCharToMultiByte(CP_UTF8, 0, text.data(), static_cast<int>(text.size()), nullptr, 0, nullptr, nullptr);
-    std::string out(static_cast<std::size_t>(std::max(size, 0)), '\0');
-    if (size > 0)
-        WideCharToMultiByte(CP_UTF8, 0, text.data(), static_cast<int>(text.size()), out.data(), size, nullptr, nullptr);
-    return out;
-}
-
 // Paths shown in log lines: without the \\?\ that only Windows needs.
 std::string shown(std::wstring_view path) {
-    if (path.starts_with(L"\\\\?\\UNC\\")) return "\\\\" + utf8(path.substr(8));
-    if (path.starts_with(L"\\\\?\\")) return utf8(path.substr(4));
-    return utf8(path);
+    if (path.starts_with(L"\\\\?\\UNC\\")) return "\\\\" + win::toUtf8(path.substr(8));
+    if (path.starts_with(L"\\\\?\\")) return win::toUtf8(path.substr(4));
+    return win::toUtf8(path);
 }
 
 // File names are ASCII by construction.
 std::wstring widen(std::string_view ascii) { return std::wstring(ascii.begin(), ascii.end()); }
 
-std::string describe(DWORD code) {
-    wchar_t buffer[512];
-    DWORD length = FormatMessageW(FORMAT_MESSAGE_FROM_SYSTEM | FORMAT_MESSAGE_IGNORE_INSERTS, nullptr, code, 0, buffer,
-                                  static_cast<DWORD>(std::size(buffer)), nullptr);
-    while (length > 0 && (buffer[length - 1] == L'\r' || buffer[length - 1] == L'\n' || buffer[length - 1] == L'.' ||
-                          buffer[length - 1] == L' '))
-        --length;
-    std::string text = length > 0 ? utf8(std::wstring_view(buffer, length)) : "system error";
-    return text + " (" + std::to_string(code) + ")";
-}
-
 Error systemError(const std::string& what, std::wstring_view path, DWORD code = GetLastError()) {
-    return Error{static_cast<int>(code), what + " " + shown(path) + ": " + describe(code)};
+    return Error{static_cast<int>(code), what + " " + shown(path) + ": " + win::errorText(code)};
 }
 
 bool isAbsent(DWORD code) { return code == ERROR_FILE_NOT_FOUND || code == ERROR_PATH_NOT_FOUND; }
@@ -570,7 +550,7 @@ void FileKeyValueStore::open() {
 
 void FileKeyValueStore::openInMemory(const std::string& reason) {
     inMemory_ = true;
-    logStoreError("cannot open " + utf8(directory_.wstring()) + " (" + reason +
+    logStoreError("cannot open " + win::toUtf8(directory_.wstring()) + " (" + reason +
                   "); values are kept in memory for this run only and will not persist");
 }
 

@@ -43,6 +43,7 @@
 #include "tavrin/platform/internal/http_fields.h"
 #include "tavrin/platform/internal/log_hook.h"
 #include "tavrin/platform/internal/system.h"
+#include "tavrin/platform/windows/wide_text.h"
 #include "tavrin/platform/windows/winhttp_errors.h"
 
 namespace tavrin::platform {
@@ -65,24 +66,8 @@ std::chrono::milliseconds duration(double seconds) {
     return std::chrono::milliseconds(ms > 2'000'000'000.0 ? 2'000'000'000LL : static_cast<long long>(ms));
 }
 
-std::wstring toWide(std::string_view text) {
-    if (text.empty()) return {};
-    const int size = MultiByteToWideChar(CP_UTF8, 0, text.data(), static_cast<int>(text.size()), nullptr, 0);
-    if (size <= 0) return {};
-    std::wstring result(static_cast<std::size_t>(size), L'\0');
-    MultiByteToWideChar(CP_UTF8, 0, text.data(), static_cast<int>(text.size()), result.data(), size);
-    return result;
-}
-
-std::string toUtf8(std::wstring_view text) {
-    if (text.empty()) return {};
-    const int size =
-        WideCharToMultiByte(CP_UTF8, 0, text.data(), static_cast<int>(text.size()), nullptr, 0, nullptr, nullptr);
-    if (size <= 0) return {};
-    std::string result(static_cast<std::size_t>(size), '\0');
-    WideCharToMultiByte(CP_UTF8, 0, text.data(), static_cast<int>(text.size()), result.data(), size, nullptr, nullptr);
-    return result;
-}
+using win::toUtf8;
+using win::toWide;
 
 std::exception_ptr cancelledError() { return std::make_exception_ptr(UrlError(UrlError::Code::cancelled)); }
 

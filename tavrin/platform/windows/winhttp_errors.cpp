@@ -1,4 +1,5 @@
 #include "tavrin/platform/windows/winhttp_errors.h"
+#include "tavrin/platform/windows/wide_text.h"
 
 #ifndef WIN32_LEAN_AND_MEAN
 #define WIN32_LEAN_AND_MEAN
@@ -72,15 +73,6 @@ const Known* find(DWORD error) {
     return nullptr;
 }
 
-std::string toUtf8(const wchar_t* text, int length) {
-    if (length <= 0) return {};
-    const int size = WideCharToMultiByte(CP_UTF8, 0, text, length, nullptr, 0, nullptr, nullptr);
-    if (size <= 0) return {};
-    std::string result(static_cast<std::size_t>(size), '\0');
-    WideCharToMultiByte(CP_UTF8, 0, text, length, result.data(), size, nullptr, nullptr);
-    return result;
-}
-
 }  // namespace
 
 UrlError::Code urlErrorCodeFromWinHttp(std::uint32_t error) noexcept {
@@ -108,7 +100,7 @@ std::string winHttpErrorMessage(std::uint32_t error) {
     if (length == 0 || !buffer) return {};
     while (length > 0 && (buffer[length - 1] == L'\r' || buffer[length - 1] == L'\n' || buffer[length - 1] == L' '))
         --length;
-    std::string text = toUtf8(buffer, static_cast<int>(length));
+    std::string text = win::toUtf8(std::wstring_view(buffer, length));
     LocalFree(buffer);
     return text;
 }
