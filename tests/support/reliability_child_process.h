@@ -123,14 +123,16 @@ inline int runChild(const std::string& filter, std::vector<std::string> variable
     return child.wait(limit);
 }
 
-// The child's side of the pipe: one write per line, so lines never interleave.
-inline void report(const std::string& line) {
+// The child's side of the pipe: one write per line, so lines never
+// interleave. False when the line could not be written (not started as a
+// child, or the parent has gone).
+inline bool report(const std::string& line) {
     static const int fd = [] {
         const char* text = std::getenv("TAVRIN_REPORT_FD");
         return text ? std::atoi(text) : -1;
     }();
     const std::string text = line + "\n";
-    if (fd >= 0) (void)!::write(fd, text.data(), text.size());
+    return fd >= 0 && ::write(fd, text.data(), text.size()) == static_cast<ssize_t>(text.size());
 }
 
 inline std::string env(const char* name) {

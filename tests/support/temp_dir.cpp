@@ -5,7 +5,46 @@
 #include <string>
 #include <system_error>
 
+#if defined(_WIN32)
+#ifndef WIN32_LEAN_AND_MEAN
+#define WIN32_LEAN_AND_MEAN
+#endif
+#ifndef NOMINMAX
+#define NOMINMAX
+#endif
+#include <windows.h>
+#endif
+
 namespace tavrin::testing {
+
+#if defined(_WIN32)
+namespace {
+
+// Removes `path` (in the \\?\ form) and everything under it, however deep:
+// std::filesystem stops at the 260-character limit a plain path has here.
+void removeTree(const std::wstring& path) {
+    WIN32_FIND_DATAW found{};
+    const HANDLE search = FindFirstFileW((path + L"\\*").c_str(), &found);
+    if (search != INVALID_HANDLE_VALUE) {
+        do {
+            const std::wstring name = found.cFileName;
+            if (name == L"." || name == L"..") continue;
+            const std::wstring child = path + L"\\" + name;
+            // A link to a directory goes, not what it points at.
+            if (!(found.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY))
+                DeleteFileW(child.c_str());
+            else if (found.dwFileAttributes & FILE_ATTRIBUTE_REPARSE_POINT)
+                RemoveDirectoryW(child.c_str());
+            else
+                removeTree(child);
+        } while (FindNextFileW(search, &found));
+        FindClose(search);
+    }
+    RemoveDirectoryW(path.c_str());
+}
+
+}  // namespace
+#endif
 
 TempDir::TempDir() {
     // A fresh random name until one is free: create_directory fails on an
@@ -26,8 +65,12 @@ TempDir::TempDir() {
 }
 
 TempDir::~TempDir() {
+#if defined(_WIN32)
+    removeTree(L"\\\\?\\" + std::filesystem::path(path_).make_preferred().wstring());
+#else
     std::error_code ec;
     std::filesystem::remove_all(path_, ec);
+#endif
 }
 
 }  // namespace tavrin::testing

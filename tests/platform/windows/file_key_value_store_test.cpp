@@ -10,6 +10,7 @@
 #include <windows.h>
 
 #include <atomic>
+#include <chrono>
 #include <fstream>
 #include <functional>
 #include <map>
@@ -18,6 +19,8 @@
 
 #include "tavrin/platform/internal/system.h"
 #include "tests/support/log_capture.h"
+#include "tests/support/reliability_child_process.h"
+#include "tests/support/temp_dir.h"
 
 namespace tavrin::platform {
 namespace {
@@ -28,46 +31,11 @@ using Value = KeyValueStore::Value;
 using Entries = std::vector<KeyValueStore::Entry>;
 using Sizes = std::vector<KeyValueStore::KeySize>;
 
-constexpr const wchar_t* kChildDirectoryVariable = L"TAVRIN_STORE_CHILD_DIRECTORY";
+using testing::ChildProcess;
+using testing::TempDir;
+using namespace std::chrono_literals;
 
-// Removes `path` and everything under it, however deep (std::filesystem
-// stops at the 260-character limit here).
-void removeTree(const std::wstring& path) {
-    WIN32_FIND_DATAW found{};
-    HANDLE search = FindFirstFileW((path + L"\\*").c_str(), &found);
-    if (search != INVALID_HANDLE_VALUE) {
-        do {
-            const std::wstring name = found.cFileName;
-            if (name == L"." || name == L"..") continue;
-            if (found.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY)
-                removeTree(path + L"\\" + name);
-            else
-                DeleteFileW((path + L"\\" + name).c_str());
-        } while (FindNextFileW(search, &found));
-        FindClose(search);
-    }
-    RemoveDirectoryW(path.c_str());
-}
-
-// A fresh directory under the temporary directory, removed with its contents.
-class ScratchDirectory {
-public:
-    ScratchDirectory() {
-        static std::atomic<int> counter{0};
-        const fs::path base = fs::temp_directory_path() / ("tavrin-store-" + std::to_string(GetCurrentProcessId()) +
-                                                           "-" + std::to_string(GetTickCount64()) + "-");
-        do path_ = base.wstring() + std::to_wstring(counter++);
-        while (!CreateDirectoryW(path_.wstring().c_str(), nullptr));
-    }
-    ~ScratchDirectory() { removeTree(L"\\\\?\\" + fs::absolute(path_).wstring()); }
-    ScratchDirectory(const ScratchDirectory&) = delete;
-    ScratchDirectory& operator=(const ScratchDirectory&) = delete;
-    const fs::path& path() const { return path_; }
-    fs::path operator/(const std::string& name) const { return path_ / name; }
-
-private:
-    fs::path path_;
-};
+constexpr const char* kChildDirectoryVariable = "TAVRIN_STORE_CHILD_DIRECTORY";
 
 std::string readFile(const fs::path& file) {
     std::ostringstream out;
@@ -117,7 +85,7 @@ struct ExclusiveHandle {
 
 class FileKeyValueStoreTest : public ::testing::Test {
 protected:
-    ScratchDirectory scratch;
+    TempDir scratch;
     fs::path dir = scratch / "values";
     fs::path fileOf(const std::string& key) const { return dir / FileKeyValueStore::fileNameFor(key); }
 };
@@ -228,7 +196,7 @@ TEST_F(FileKeyValueStoreTest, CommittedJournalIsCarriedOutAtOpenAndADamagedOneMo
         {"new", std::string("n")}, {"old", std::nullopt}, {"typed", std::int64_t{5}}};
     for (const bool damaged : {false, true}) {
         SCOPED_TRACE(damaged ? "damaged" : "whole");
-        ScratchDirectory place;
+        TempDir place;
         const fs::path values = place / "values";
         ASSERT_TRUE(FileKeyValueStore(values).setString("old", "o"));
         std::string journal = FileKeyValueStore::journalFor(changes);
@@ -284,7 +252,7 @@ TEST_F(FileKeyValueStoreTest, DamagedFileReadsAsAbsentAndIsMovedAsideWithALogLin
     for (const bool whileOpen : {false, true}) {
         for (const auto& [what, damage] : damages) {
             SCOPED_TRACE(what + (whileOpen ? " while open" : " while closed"));
-            ScratchDirectory place;
+            TempDir place;
             const fs::path values = place / "values", victim = values / FileKeyValueStore::fileNameFor("victim");
             auto store = std::make_unique<FileKeyValueStore>(values);
             ASSERT_TRUE(store->setString("victim", "a value of some length") && store->setInteger("other", 3));
@@ -385,90 +353,21 @@ TEST_F(FileKeyValueStoreTest, DefaultStoreLivesInAFolderOfTheDataDirectory) {
 
 // ---- a process killed while writing
 
-// This test binary again, on the tests matching `filter`, with its standard output in a pipe.
-class ChildProcess {
-public:
-    ChildProcess(const std::string& filter, const std::wstring& variable, const std::wstring& value) {
-        wchar_t self[MAX_PATH * 4];
-        const DWORD length = GetModuleFileNameW(nullptr, self, static_cast<DWORD>(std::size(self)));
-        std::wstring commandLine =
-            L"\"" + std::wstring(self, length) + L"\" --gtest_filter=" + std::wstring(filter.begin(), filter.end());
-        SECURITY_ATTRIBUTES inheritable{sizeof inheritable, nullptr, TRUE};
-        HANDLE writeEnd = nullptr;
-        if (!CreatePipe(&output_, &writeEnd, &inheritable, 0)) return;
-        SetHandleInformation(output_, HANDLE_FLAG_INHERIT, 0);
-        STARTUPINFOW startup{};
-        startup.cb = sizeof startup;
-        startup.dwFlags = STARTF_USESTDHANDLES;
-        startup.hStdOutput = writeEnd;
-        startup.hStdError = GetStdHandle(STD_ERROR_HANDLE);
-        // Inherited by the child, then taken back.
-        SetEnvironmentVariableW(variable.c_str(), value.c_str());
-        PROCESS_INFORMATION info{};
-        if (CreateProcessW(nullptr, commandLine.data(), nullptr, nullptr, TRUE, 0, nullptr, nullptr, &startup, &info)) {
-            process_ = info.hProcess;
-            CloseHandle(info.hThread);
-        }
-        SetEnvironmentVariableW(variable.c_str(), nullptr);
-        CloseHandle(writeEnd);  // the pipe ends when the child goes
-    }
-    ~ChildProcess() {
-        kill();
-        if (output_) CloseHandle(output_);
-    }
-    ChildProcess(const ChildProcess&) = delete;
-    ChildProcess& operator=(const ChildProcess&) = delete;
-
-    bool started() const { return process_ != nullptr; }
-    // The next line the child wrote; nothing once it has gone.
-    std::optional<std::string> readLine() {
-        for (;;) {
-            if (auto end = buffered_.find('\n'); end != std::string::npos) {
-                std::string line = buffered_.substr(0, end);
-                buffered_.erase(0, end + 1);
-                return line;
-            }
-            char chunk[256];
-            DWORD read = 0;
-            if (!ReadFile(output_, chunk, sizeof chunk, &read, nullptr) || read == 0) return std::nullopt;
-            buffered_.append(chunk, read);
-        }
-    }
-    // Ends it at once, as the task manager would, and waits until it is gone.
-    void kill() {
-        if (!process_) return;
-        TerminateProcess(process_, 9);
-        WaitForSingleObject(process_, INFINITE);
-        CloseHandle(std::exchange(process_, nullptr));
-    }
-
-private:
-    HANDLE process_ = nullptr;
-    HANDLE output_ = nullptr;
-    std::string buffered_;
-};
-
 // Not run by itself: the killed process of the test below. Writes until it
 // is killed, by turns three changes that must be made together and single
 // values, and acknowledges each write that returned true.
 TEST(FileKeyValueStoreChild, WritesUntilKilled) {
-    wchar_t directory[4096];
-    const DWORD length = GetEnvironmentVariableW(kChildDirectoryVariable, directory, std::size(directory));
-    if (length == 0 || length >= std::size(directory))
-        GTEST_SKIP() << "only run by AcknowledgedWritesSurviveTerminateProcess";
-    FileKeyValueStore store{fs::path(std::wstring(directory, length))};
-    const HANDLE out = GetStdHandle(STD_OUTPUT_HANDLE);
+    const std::string directory = testing::env(kChildDirectoryVariable);
+    if (directory.empty()) GTEST_SKIP() << "only run by AcknowledgedWritesSurviveTerminateProcess";
+    FileKeyValueStore store{fs::path(std::u8string(directory.begin(), directory.end()))};
     for (int i = 0;; ++i) {
         const std::string key = "key" + std::to_string(i);
         const bool written =
             i % 2 == 1 ? store.set(key, valueFor(i))
                        : store.apply({{key, valueFor(i)}, {"pair/a", std::int64_t{i}}, {"pair/b", std::int64_t{i}}});
-        if (!written) break;
-        const std::string ack = "ack " + std::to_string(i) + "\n";
-        DWORD sent = 0;
-        if (!WriteFile(out, ack.data(), static_cast<DWORD>(ack.size()), &sent, nullptr)) break;
+        ASSERT_TRUE(written) << "write " << i << " failed";
+        if (!testing::report("ack " + std::to_string(i))) return;  // the test that started it has gone
     }
-    ADD_FAILURE() << "a write failed";
 }
 
 // A write that returned true is on disk even when the process is killed right
@@ -476,20 +375,21 @@ TEST(FileKeyValueStoreChild, WritesUntilKilled) {
 // Each round kills a little later, so the kill lands at other steps.
 TEST_F(FileKeyValueStoreTest, AcknowledgedWritesSurviveTerminateProcess) {
     constexpr int kAcknowledged = 20;  // even: the write cut short is an apply
-    for (const DWORD delay : {0, 1, 2, 4, 8, 16}) {
+    for (const int delay : {0, 1, 2, 4, 8, 16}) {
         SCOPED_TRACE("killed " + std::to_string(delay) + " ms after the last acknowledgement");
-        ScratchDirectory place;
+        TempDir place;
         const fs::path values = place / "values";
         {
-            ChildProcess child("FileKeyValueStoreChild.*", kChildDirectoryVariable, values.wstring());
-            ASSERT_TRUE(child.started());
-            for (int acknowledged = 0; acknowledged < kAcknowledged;) {
-                const auto line = child.readLine();
-                ASSERT_TRUE(line.has_value()) << "the child ended after " << acknowledged << " writes";
-                if (*line == "ack " + std::to_string(acknowledged)) ++acknowledged;
-            }
-            Sleep(delay);
-            child.kill();
+            const std::u8string directory = values.u8string();
+            ChildProcess child("FileKeyValueStoreChild.*", {std::string(kChildDirectoryVariable) + "=" +
+                                                            std::string(directory.begin(), directory.end())});
+            for (int i = 0; i < kAcknowledged; ++i)
+                ASSERT_EQ(child.readLine(60s), "ack " + std::to_string(i))
+                    << "the child ended after " << i << " writes";
+            std::this_thread::sleep_for(std::chrono::milliseconds(delay));
+            child.killNow();
+            // Killed, not ended by a failed write.
+            ASSERT_EQ(child.wait(60s), testing::kKilledExitCode);
         }
         LogCapture log;
         FileKeyValueStore store(values);

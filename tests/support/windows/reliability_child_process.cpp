@@ -226,18 +226,20 @@ int ChildProcess::wait(std::chrono::milliseconds limit) {
     return exitCode_;
 }
 
-void report(const std::string& line) {
+bool report(const std::string& line) {
     static const HANDLE pipe = [] {
         const std::string value = env(kReportVariable);
         return value.empty() ? nullptr : reinterpret_cast<HANDLE>(std::strtoull(value.c_str(), nullptr, 10));
     }();
     static std::mutex writing;
-    if (!pipe) return;
+    if (!pipe) return false;
     const std::string text = line + "\n";
     std::lock_guard lock(writing);
     DWORD written = 0;
     for (std::size_t done = 0; done < text.size(); done += written)
-        if (!WriteFile(pipe, text.data() + done, static_cast<DWORD>(text.size() - done), &written, nullptr)) return;
+        if (!WriteFile(pipe, text.data() + done, static_cast<DWORD>(text.size() - done), &written, nullptr))
+            return false;
+    return true;
 }
 
 std::string env(const char* name) {

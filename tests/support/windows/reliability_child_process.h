@@ -63,8 +63,9 @@ inline int runChild(const std::string& filter, std::vector<std::string> variable
 }
 
 // The child's side of the pipe: one write per line, so lines never
-// interleave. Does nothing in a process that was not started as a child.
-void report(const std::string& line);
+// interleave. False when the line could not be written: the process was not
+// started as a child, or the parent has gone.
+bool report(const std::string& line);
 
 // An environment variable as UTF-8; "" when it is not set.
 std::string env(const char* name);
