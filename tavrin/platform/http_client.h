@@ -187,73 +187,45 @@ struct HttpClientOptions {
     std::optional<std::string> proxy = std::nullopt;
 };
 
+// The system's client: libcurl's multi interface on Linux, an asynchronous
+// WinHTTP session on Windows, each driven by one thread of the client's own.
+// Connections are kept and reused. A redirect is never followed: a 3xx is the
+// answer, so a body is never sent anywhere but the URL its caller named. TLS
+// peers are verified against the system store, or against caFile alone when
+// it is set.
+class SystemHttpClient final : public HttpClient {
+public:
+    using Options = HttpClientOptions;
+
+    SystemHttpClient();
+    explicit SystemHttpClient(Options options);
+    // Shuts down (see shutdown()).
+    ~SystemHttpClient() override;
+    SystemHttpClient(const SystemHttpClient&) = delete;
+    SystemHttpClient& operator=(const SystemHttpClient&) = delete;
+
+    using HttpClient::send;
+    void send(HttpRequest request, Completion completion) override;
+
+    // Fails every waiting and running request with UrlError cancelled and
+    // joins the client's thread. Later requests fail at once with cancelled.
+    // Idempotent. From the client's own thread (a completion) it does not
+    // wait: the requests are ended once that completion returns.
+    void shutdown();
+
+    const Options& options() const noexcept { return options_; }
+
+private:
+    struct Impl;
+    Options options_;
+    std::shared_ptr<Impl> impl_;
+};
+
+// The same client by the name of what drives it.
 #if defined(_WIN32)
-// WinHTTP driven by one thread of the client's own; connections are kept
-// and reused. A redirect is never followed: a 3xx is the answer, so a body is
-// never sent anywhere but the URL its caller named. TLS peers are verified
-// against the system store, or against caFile alone when it is set.
-class WinHttpClient final : public HttpClient {
-public:
-    using Options = HttpClientOptions;
-
-    WinHttpClient();
-    explicit WinHttpClient(Options options);
-    // Shuts down (see shutdown()).
-    ~WinHttpClient() override;
-    WinHttpClient(const WinHttpClient&) = delete;
-    WinHttpClient& operator=(const WinHttpClient&) = delete;
-
-    using HttpClient::send;
-    void send(HttpRequest request, Completion completion) override;
-
-    // Fails every waiting and running request with UrlError cancelled and
-    // joins the client's thread. Later requests fail at once with cancelled.
-    // Idempotent. From the client's own thread (a completion) it does not
-    // wait: the requests are ended once that completion returns.
-    void shutdown();
-
-    const Options& options() const noexcept { return options_; }
-
-private:
-    struct Impl;
-    Options options_;
-    std::shared_ptr<Impl> impl_;
-};
-// The system's default client.
-using SystemHttpClient = WinHttpClient;
+using WinHttpClient = SystemHttpClient;
 #else
-// libcurl multi handle driven by one thread; connections are kept and reused.
-// A redirect is never followed: a 3xx is the answer, so a body is never sent
-// anywhere but the URL its caller named.
-class CurlHttpClient final : public HttpClient {
-public:
-    using Options = HttpClientOptions;
-
-    CurlHttpClient();
-    explicit CurlHttpClient(Options options);
-    // Shuts down (see shutdown()).
-    ~CurlHttpClient() override;
-    CurlHttpClient(const CurlHttpClient&) = delete;
-    CurlHttpClient& operator=(const CurlHttpClient&) = delete;
-
-    using HttpClient::send;
-    void send(HttpRequest request, Completion completion) override;
-
-    // Fails every waiting and running request with UrlError cancelled and
-    // joins the client's thread. Later requests fail at once with cancelled.
-    // Idempotent. From the client's own thread (a completion) it does not
-    // wait: the requests are ended once that completion returns.
-    void shutdown();
-
-    const Options& options() const noexcept { return options_; }
-
-private:
-    struct Impl;
-    Options options_;
-    std::shared_ptr<Impl> impl_;
-};
-// The system's default client.
-using SystemHttpClient = CurlHttpClient;
+using CurlHttpClient = SystemHttpClient;
 #endif
 
 }  // namespace tavrin::platform

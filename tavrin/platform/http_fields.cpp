@@ -1,6 +1,7 @@
 // Header fields of requests and responses, and the transport's error type.
 
 #include <algorithm>
+#include <stdexcept>
 
 #include "tavrin/platform/http_client.h"
 #include "tavrin/platform/internal/http_fields.h"
@@ -117,3 +118,18 @@ const char* UrlError::name(Code code) noexcept {
 }
 
 }  // namespace tavrin::platform
+
+namespace tavrin::platform::detail {
+
+std::exception_ptr refusalOf(const HttpRequest& request, std::optional<Url>& url) {
+    for (const auto& [name, value] : request.headers)
+        if (!isValidHeaderName(name) || !isValidHeaderValue(value))
+            return std::make_exception_ptr(std::invalid_argument("invalid HTTP header field: " + name));
+    url = Url::parse(request.url);
+    if (!url) return std::make_exception_ptr(UrlError(UrlError::Code::badURL));
+    if (url->scheme != "http" && url->scheme != "https")
+        return std::make_exception_ptr(UrlError(UrlError::Code::unsupportedURL));
+    return nullptr;
+}
+
+}  // namespace tavrin::platform::detail

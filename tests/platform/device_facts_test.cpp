@@ -17,12 +17,8 @@ namespace tavrin::platform {
 namespace {
 
 using testing::TempDir;
+using testing::writeFile;
 constexpr auto none = std::nullopt;
-
-void writeFile(const std::filesystem::path& path, const std::string& content) {
-    std::filesystem::create_directories(path.parent_path());
-    std::ofstream(path, std::ios::binary) << content;
-}
 
 class DeviceFactsTest : public ::testing::Test {
 protected:

@@ -30,18 +30,10 @@ namespace {
 namespace fs = std::filesystem;
 using testing::inChild;
 using testing::LogCapture;
+using testing::readFile;
 using testing::TempDir;
+using testing::writeFile;
 using Value = KeyValueStore::Value;
-
-std::string readFile(const fs::path& file) {
-    std::ostringstream out;
-    out << std::ifstream(file, std::ios::binary).rdbuf();
-    return out.str();
-}
-
-void writeFile(const fs::path& file, const std::string& bytes) {
-    std::ofstream(file, std::ios::binary | std::ios::trunc) << bytes;
-}
 
 bool loggedError(const LogCapture& log, std::string_view part) {
     for (const auto& m : log.sink->messages(LogType::error))

@@ -16,6 +16,7 @@
 #include "tavrin/platform/internal/path_evaluation.h"
 #include "tavrin/platform/linux/netlink_path_monitor.h"
 #include "tests/support/network_namespace.h"
+#include "tests/support/path_recorder.h"
 
 namespace tavrin::platform {
 namespace {
@@ -26,27 +27,7 @@ using Statuses = std::vector<PathStatus>;
 constexpr auto S = PathStatus::satisfied;
 constexpr auto U = PathStatus::unsatisfied;
 
-// Collects reports and the queues they ran on; waits with a deadline instead of sleeping.
-struct Recorder {
-    std::mutex mutex;
-    std::condition_variable reported;
-    Statuses reports;
-    std::set<std::string> queues;
-    PathMonitor::UpdateHandler handler() {
-        return [this](PathStatus status) {
-            std::lock_guard lock(mutex);
-            reports.push_back(status);
-            queues.insert(currentQueueLabel());
-            reported.notify_all();
-        };
-    }
-    // All reports, once there are `count` of them or five seconds have passed.
-    Statuses await(std::size_t count) {
-        std::unique_lock lock(mutex);
-        reported.wait_for(lock, 5s, [&] { return reports.size() >= count; });
-        return reports;
-    }
-};
+using Recorder = testing::PathRecorder;
 
 TEST(PathEvaluationTest, NeedsAnUpRunningNonLoopbackInterfaceCarryingADefaultRoute) {
     using Link = detail::LinkFact;

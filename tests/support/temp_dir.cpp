@@ -1,17 +1,13 @@
 #include "temp_dir.h"
 
+#include <fstream>
 #include <random>
+#include <sstream>
 #include <stdexcept>
 #include <string>
 #include <system_error>
 
 #if defined(_WIN32)
-#ifndef WIN32_LEAN_AND_MEAN
-#define WIN32_LEAN_AND_MEAN
-#endif
-#ifndef NOMINMAX
-#define NOMINMAX
-#endif
 #include <windows.h>
 #endif
 
@@ -71,6 +67,18 @@ TempDir::~TempDir() {
     std::error_code ec;
     std::filesystem::remove_all(path_, ec);
 #endif
+}
+
+std::string readFile(const std::filesystem::path& file) {
+    std::ostringstream out;
+    out << std::ifstream(file, std::ios::binary).rdbuf();
+    return out.str();
+}
+
+void writeFile(const std::filesystem::path& file, const std::string& bytes) {
+    std::error_code ec;
+    if (file.has_parent_path()) std::filesystem::create_directories(file.parent_path(), ec);
+    std::ofstream(file, std::ios::binary | std::ios::trunc) << bytes;
 }
 
 }  // namespace tavrin::testing

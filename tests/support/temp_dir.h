@@ -1,6 +1,6 @@
 #pragma once
 // A fresh directory under the system temporary directory, removed with its
-// contents when the object goes away.
+// contents when the object goes away, and the file helpers tests use in it.
 
 #include <filesystem>
 #include <string>
@@ -20,5 +20,10 @@ public:
 private:
     std::filesystem::path path_;
 };
+
+// A file's bytes (empty when it cannot be read).
+std::string readFile(const std::filesystem::path& file);
+// Replaces a file's bytes, creating its directory if need be.
+void writeFile(const std::filesystem::path& file, const std::string& bytes);
 
 }  // namespace tavrin::testing

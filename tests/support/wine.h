@@ -5,7 +5,6 @@
 // false elsewhere.
 
 #if defined(_WIN32)
-#define WIN32_LEAN_AND_MEAN
 #include <windows.h>
 #endif
 

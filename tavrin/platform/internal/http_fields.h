@@ -1,8 +1,12 @@
 #pragma once
 // Text helpers for HTTP header fields, shared by the request model and the
-// libcurl client.
+// system clients, and the checks a request passes before any client takes it.
 
+#include <exception>
+#include <optional>
 #include <string_view>
+
+#include "tavrin/platform/http_client.h"
 
 namespace tavrin::platform::detail {
 
@@ -17,5 +21,11 @@ bool isValidHeaderValue(std::string_view value);
 
 // Without leading and trailing spaces, tabs, CR and LF.
 std::string_view trimmedField(std::string_view text);
+
+// What keeps a request from starting: a header field that cannot be sent
+// (std::invalid_argument), a URL that does not parse (UrlError badURL) or
+// names another scheme than http or https (unsupportedURL). Null when the
+// request may start; `url` then holds its parsed URL.
+std::exception_ptr refusalOf(const HttpRequest& request, std::optional<Url>& url);
 
 }  // namespace tavrin::platform::detail

@@ -170,7 +170,7 @@ size_t writeHeader(char* data, size_t size, size_t count, void* user) {
 // Shared by the client and its thread: the thread keeps it alive until it
 // ends, so a client dropped or shut down from one of its own completions lets
 // the thread finish by itself instead of joining itself.
-struct CurlHttpClient::Impl : std::enable_shared_from_this<Impl> {
+struct SystemHttpClient::Impl : std::enable_shared_from_this<Impl> {
     explicit Impl(Options opts) : options(std::move(opts)) {
         ensureCurlGlobalInit();
         multi = curl_multi_init();
@@ -435,14 +435,14 @@ struct CurlHttpClient::Impl : std::enable_shared_from_this<Impl> {
     std::unordered_map<CURL*, std::unique_ptr<Transfer>> active;
 };
 
-CurlHttpClient::CurlHttpClient() : CurlHttpClient(Options{}) {}
+SystemHttpClient::SystemHttpClient() : SystemHttpClient(Options{}) {}
 
-CurlHttpClient::CurlHttpClient(Options options)
+SystemHttpClient::SystemHttpClient(Options options)
     : options_(std::move(options)), impl_(std::make_shared<Impl>(options_)) {
     impl_->startThread();
 }
 
-CurlHttpClient::~CurlHttpClient() {
+SystemHttpClient::~SystemHttpClient() {
     // A forked child's copy: the thread and the connections are the parent's.
     if (impl_->generation != forkGeneration()) {
         keepForever(std::move(impl_));
@@ -451,26 +451,16 @@ CurlHttpClient::~CurlHttpClient() {
     impl_->stop();
 }
 
-void CurlHttpClient::shutdown() {
+void SystemHttpClient::shutdown() {
     if (impl_->generation == forkGeneration()) impl_->stop();
 }
 
-void CurlHttpClient::send(HttpRequest request, Completion completion) {
+void SystemHttpClient::send(HttpRequest request, Completion completion) {
     auto transfer = std::make_unique<Transfer>();
     transfer->completion = std::move(completion);
-    for (const auto& [name, value] : request.headers) {
-        if (!detail::isValidHeaderName(name) || !detail::isValidHeaderValue(value)) {
-            transfer->fail(std::make_exception_ptr(std::invalid_argument("invalid HTTP header field: " + name)));
-            return;
-        }
-    }
-    const auto url = Url::parse(request.url);
-    if (!url) {
-        transfer->fail(std::make_exception_ptr(UrlError(UrlError::Code::badURL)));
-        return;
-    }
-    if (url->scheme != "http" && url->scheme != "https") {
-        transfer->fail(std::make_exception_ptr(UrlError(UrlError::Code::unsupportedURL)));
+    std::optional<Url> url;
+    if (auto refusal = detail::refusalOf(request, url)) {
+        transfer->fail(std::move(refusal));
         return;
     }
     transfer->deadline = SteadyClock::now() + std::chrono::milliseconds(milliseconds(request.timeoutSeconds));

@@ -1,12 +1,6 @@
 #include "tavrin/platform/windows/file_key_value_store.h"
 #include "tavrin/platform/windows/wide_text.h"
 
-#ifndef WIN32_LEAN_AND_MEAN
-#define WIN32_LEAN_AND_MEAN
-#endif
-#ifndef NOMINMAX
-#define NOMINMAX
-#endif
 #include <windows.h>
 
 #include <algorithm>

@@ -6,12 +6,6 @@
 // one the other systems' monitors make (detail::evaluatePath). Only changes
 // are reported.
 
-#ifndef WIN32_LEAN_AND_MEAN
-#define WIN32_LEAN_AND_MEAN
-#endif
-#ifndef NOMINMAX
-#define NOMINMAX
-#endif
 #include <winsock2.h>
 #include <ws2ipdef.h>
 // After the socket headers, which they need.

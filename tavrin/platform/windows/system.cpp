@@ -5,12 +5,6 @@
 
 #include "tavrin/platform/internal/system.h"
 
-#ifndef WIN32_LEAN_AND_MEAN
-#define WIN32_LEAN_AND_MEAN
-#endif
-#ifndef NOMINMAX
-#define NOMINMAX
-#endif
 #include <windows.h>
 // After windows.h, which they need.
 #include <bcrypt.h>

@@ -11,12 +11,6 @@
 // deadline, shutdown); its state is freed once WinHTTP reports the handle
 // closing, the last callback it makes for that handle.
 
-#ifndef WIN32_LEAN_AND_MEAN
-#define WIN32_LEAN_AND_MEAN
-#endif
-#ifndef NOMINMAX
-#define NOMINMAX
-#endif
 #include <windows.h>
 // After windows.h, which they need.
 #include <wincrypt.h>
@@ -340,7 +334,7 @@ void CALLBACK onStatus(HINTERNET handle, DWORD_PTR context, DWORD status, LPVOID
 
 }  // namespace
 
-struct WinHttpClient::Impl final : EventSink, std::enable_shared_from_this<WinHttpClient::Impl> {
+struct SystemHttpClient::Impl final : EventSink, std::enable_shared_from_this<SystemHttpClient::Impl> {
     explicit Impl(const Options& options) : options(options) {
         if (options.caFile) anchors = std::make_unique<TrustAnchors>(*options.caFile);
         const std::wstring agent = options.userAgent ? toWide(*options.userAgent) : std::wstring();
@@ -809,31 +803,29 @@ struct WinHttpClient::Impl final : EventSink, std::enable_shared_from_this<WinHt
         if (!WinHttpQueryDataAvailable(x.handle, nullptr)) x.fail(endedEarly(x, GetLastError()));
     }
 
-    void onDataAvailable(Exchange& x, DWORD bytes) {
+    // No more bytes, or more than may be kept: either way the exchange is over.
+    static bool bodyEnds(Exchange& x, DWORD bytes) {
         if (bytes == 0) {
             x.buffer = {};
             x.succeed(std::move(x.response));
-            return;
+            return true;
         }
         if (bytes > x.maxBodyBytes - x.response.body.size()) {
             failTooLarge(x);
-            return;
+            return true;
         }
+        return false;
+    }
+
+    void onDataAvailable(Exchange& x, DWORD bytes) {
+        if (bodyEnds(x, bytes)) return;
         x.buffer.resize(std::min(bytes, kReadChunkBytes));
         if (!WinHttpReadData(x.handle, x.buffer.data(), static_cast<DWORD>(x.buffer.size()), nullptr))
             x.fail(endedEarly(x, GetLastError()));
     }
 
     void onRead(Exchange& x, DWORD bytes) {
-        if (bytes == 0) {
-            x.buffer = {};
-            x.succeed(std::move(x.response));
-            return;
-        }
-        if (bytes > x.maxBodyBytes - x.response.body.size()) {
-            failTooLarge(x);
-            return;
-        }
+        if (bodyEnds(x, bytes)) return;
         x.response.body.insert(x.response.body.end(), x.buffer.begin(), x.buffer.begin() + bytes);
         readMore(x);
     }
@@ -915,36 +907,27 @@ void CALLBACK onStatus(HINTERNET handle, DWORD_PTR context, DWORD status, LPVOID
 
 }  // namespace
 
-WinHttpClient::WinHttpClient() : WinHttpClient(Options{}) {}
+SystemHttpClient::SystemHttpClient() : SystemHttpClient(Options{}) {}
 
-WinHttpClient::WinHttpClient(Options options) : options_(std::move(options)), impl_(std::make_shared<Impl>(options_)) {
+SystemHttpClient::SystemHttpClient(Options options)
+    : options_(std::move(options)), impl_(std::make_shared<Impl>(options_)) {
     impl_->startThread();
 }
 
-WinHttpClient::~WinHttpClient() { impl_->stop(); }
+SystemHttpClient::~SystemHttpClient() { impl_->stop(); }
 
-void WinHttpClient::shutdown() { impl_->stop(); }
+void SystemHttpClient::shutdown() { impl_->stop(); }
 
-void WinHttpClient::send(HttpRequest request, Completion completion) {
+void SystemHttpClient::send(HttpRequest request, Completion completion) {
     auto exchange = std::make_unique<Exchange>();
     exchange->completion = std::move(completion);
     if (!detail::isValidHeaderName(request.method)) {
         exchange->fail(std::make_exception_ptr(std::invalid_argument("invalid HTTP method: " + request.method)));
         return;
     }
-    for (const auto& [name, value] : request.headers) {
-        if (!detail::isValidHeaderName(name) || !detail::isValidHeaderValue(value)) {
-            exchange->fail(std::make_exception_ptr(std::invalid_argument("invalid HTTP header field: " + name)));
-            return;
-        }
-    }
-    const auto url = Url::parse(request.url);
-    if (!url) {
-        exchange->fail(std::make_exception_ptr(UrlError(UrlError::Code::badURL)));
-        return;
-    }
-    if (url->scheme != "http" && url->scheme != "https") {
-        exchange->fail(std::make_exception_ptr(UrlError(UrlError::Code::unsupportedURL)));
+    std::optional<Url> url;
+    if (auto refusal = detail::refusalOf(request, url)) {
+        exchange->fail(std::move(refusal));
         return;
     }
     if (request.body.size() > 0xFFFFFFFFu) {

@@ -1,11 +1,5 @@
 #include "tavrin/platform/windows/file_key_value_store.h"
 
-#ifndef WIN32_LEAN_AND_MEAN
-#define WIN32_LEAN_AND_MEAN
-#endif
-#ifndef NOMINMAX
-#define NOMINMAX
-#endif
 #include <gtest/gtest.h>
 #include <windows.h>
 
@@ -32,20 +26,12 @@ using Entries = std::vector<KeyValueStore::Entry>;
 using Sizes = std::vector<KeyValueStore::KeySize>;
 
 using testing::ChildProcess;
+using testing::readFile;
 using testing::TempDir;
+using testing::writeFile;
 using namespace std::chrono_literals;
 
 constexpr const char* kChildDirectoryVariable = "TAVRIN_STORE_CHILD_DIRECTORY";
-
-std::string readFile(const fs::path& file) {
-    std::ostringstream out;
-    out << std::ifstream(file, std::ios::binary).rdbuf();
-    return out.str();
-}
-
-void writeFile(const fs::path& file, const std::string& bytes) {
-    std::ofstream(file, std::ios::binary | std::ios::trunc) << bytes;
-}
 
 std::vector<std::string> namesIn(const fs::path& directory) {
     std::vector<std::string> names;

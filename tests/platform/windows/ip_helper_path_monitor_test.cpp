@@ -11,6 +11,8 @@
 
 #include "tavrin/platform/dispatch.h"
 
+#include "tests/support/path_recorder.h"
+
 namespace tavrin::platform {
 namespace {
 
@@ -88,26 +90,7 @@ TEST(IpHelperRowsTest, InterfaceRowsGiveTheSharedFlags) {
     EXPECT_FALSE(detail::defaultRouteFromRow(routeRow(12, AF_INET, 1)).has_value());
 }
 
-// Collects reports and the queues they ran on; waits with a deadline instead of sleeping.
-struct Recorder {
-    std::mutex mutex;
-    std::condition_variable reported;
-    Statuses reports;
-    std::set<std::string> queues;
-    PathMonitor::UpdateHandler handler() {
-        return [this](PathStatus status) {
-            std::lock_guard lock(mutex);
-            reports.push_back(status);
-            queues.insert(currentQueueLabel());
-            reported.notify_all();
-        };
-    }
-    Statuses await(std::size_t count) {
-        std::unique_lock lock(mutex);
-        reported.wait_for(lock, 5s, [&] { return reports.size() >= count; });
-        return reports;
-    }
-};
+using Recorder = testing::PathRecorder;
 
 TEST(IpHelperPathMonitorTest, ReportsTheCurrentPathOnceOnTheQueueAndNothingAfterCancel) {
     const auto now = IpHelperPathMonitor::currentStatus();

@@ -1,12 +1,6 @@
 // What the platform layer reads from Windows, checked against the running
 // system (under wine on the build machine, on Windows itself in CI).
 
-#ifndef WIN32_LEAN_AND_MEAN
-#define WIN32_LEAN_AND_MEAN
-#endif
-#ifndef NOMINMAX
-#define NOMINMAX
-#endif
 #include <windows.h>
 
 #include <gtest/gtest.h>
