@@ -121,6 +121,22 @@ const char* UrlError::name(Code code) noexcept {
 
 namespace tavrin::platform::detail {
 
+void addHeaderLine(HttpHeaders& fields, std::string_view line) {
+    if (line.empty()) return;
+    if (line.front() == ' ' || line.front() == '\t') {
+        // Obsolete line folding continues the previous field.
+        if (!fields.empty()) {
+            auto& value = fields.back().second;
+            if (!value.empty()) value += ' ';
+            value += trimmedField(line);
+        }
+        return;
+    }
+    const auto colon = line.find(':');
+    if (colon == std::string_view::npos) return;
+    fields.emplace_back(std::string(line.substr(0, colon)), std::string(trimmedField(line.substr(colon + 1))));
+}
+
 std::exception_ptr refusalOf(const HttpRequest& request, std::optional<Url>& url) {
     for (const auto& [name, value] : request.headers)
         if (!isValidHeaderName(name) || !isValidHeaderValue(value))

@@ -22,6 +22,11 @@ bool isValidHeaderValue(std::string_view value);
 // Without leading and trailing spaces, tabs, CR and LF.
 std::string_view trimmedField(std::string_view text);
 
+// Adds one line of a received header block to `fields`: "Name: value", or a
+// folded line (leading space or tab) continuing the last field. A line of
+// neither kind (the one ending a CONNECT reply) is left out.
+void addHeaderLine(HttpHeaders& fields, std::string_view line);
+
 // What keeps a request from starting: a header field that cannot be sent
 // (std::invalid_argument), a URL that does not parse (UrlError badURL) or
 // names another scheme than http or https (unsupportedURL). Null when the

@@ -124,19 +124,7 @@ struct Transfer {
             }
             return;
         }
-        if (line.front() == ' ' || line.front() == '\t') {
-            // Obsolete line folding continues the previous field.
-            if (!blockHeaders.empty()) {
-                auto& value = blockHeaders.back().second;
-                if (!value.empty()) value += ' ';
-                value += trimmedField(line);
-            }
-            return;
-        }
-        const auto colon = line.find(':');
-        if (colon == std::string_view::npos) return;  // e.g. the line ending a CONNECT reply
-        blockHeaders.emplace_back(std::string(line.substr(0, colon)),
-                                  std::string(trimmedField(line.substr(colon + 1))));
+        detail::addHeaderLine(blockHeaders, line);
     }
 };
 

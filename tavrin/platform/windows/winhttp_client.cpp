@@ -45,7 +45,6 @@ namespace tavrin::platform {
 namespace {
 
 using SteadyClock = std::chrono::steady_clock;
-using detail::trimmedField;
 
 constexpr double kDefaultTimeoutSeconds = 60;
 // Response header bytes WinHTTP keeps: a server that sends header lines
@@ -78,18 +77,7 @@ HttpHeaders parseRawHeaders(std::string_view block) {
         const auto end = block.find("\r\n");
         const auto line = block.substr(0, end);
         block = end == std::string_view::npos ? std::string_view() : block.substr(end + 2);
-        if (std::exchange(statusLine, false) || line.empty()) continue;
-        if (line.front() == ' ' || line.front() == '\t') {
-            if (!headers.empty()) {
-                auto& value = headers.back().second;
-                if (!value.empty()) value += ' ';
-                value += trimmedField(line);
-            }
-            continue;
-        }
-        const auto colon = line.find(':');
-        if (colon == std::string_view::npos) continue;
-        headers.emplace_back(std::string(line.substr(0, colon)), std::string(trimmedField(line.substr(colon + 1))));
+        if (!std::exchange(statusLine, false)) detail::addHeaderLine(headers, line);
     }
     return headers;
 }
