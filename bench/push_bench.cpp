@@ -53,7 +53,7 @@ std::shared_ptr<TrackingService> service() {
                                                                 .customProtocol = std::nullopt,
                                                                 .enableOfflineTracking = false,
                                                                 .offlineTrackingTimeout = 3600});
-        return detail::TrackingServiceInternals::initialize(nullptr);
+        return tavrin::detail::TrackingServiceInternals::initialize(nullptr);
     }();
     return instance;
 }

@@ -22,6 +22,7 @@
 #include <vector>
 
 #include "bench/bench_support.h"
+#include "tavrin/platform/dispatch.h"
 #include "tavrin/platform/key_value_store.h"
 #include "tavrin/platform/path_monitor.h"
 #include "tavrin/platform/system_log.h"

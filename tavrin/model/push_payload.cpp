@@ -12,11 +12,29 @@ PushPayload::PushPayload(std::string track, std::string type, Properties customP
       order(order),
       id(id ? std::move(*id) : platform::Uuid::make()) {}
 
+const CodableValue* PushPayload::property(const std::string& key) const {
+    if (const auto found = customProperties.find(key); found != customProperties.end()) return &found->second;
+    if (!sharedProperties) return nullptr;
+    const auto found = sharedProperties->find(key);
+    return found != sharedProperties->end() ? &found->second : nullptr;
+}
+
+PushPayload::Properties PushPayload::properties() const {
+    Properties all = customProperties;
+    if (sharedProperties) all.insert(sharedProperties->begin(), sharedProperties->end());
+    return all;
+}
+
+bool operator==(const PushPayload& a, const PushPayload& b) {
+    return a.track == b.track && a.type == b.type && a.order == b.order && a.id == b.id &&
+           a.properties() == b.properties();
+}
+
 Json PushPayload::encode() const {
     Json out = Json::object();
     out["track"] = track;
     out["type"] = type;
-    out["customProperties"] = encodeJson(customProperties);
+    out["customProperties"] = encodeJson(sharedProperties ? properties() : customProperties);
     out["order"] = order;
     out["id"] = id;
     return out;

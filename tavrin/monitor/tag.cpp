@@ -97,17 +97,21 @@ Tag::Variables Tag::Variables::decode(const Decoder& decoder) {
 }
 
 void Tag::dropNonFiniteNumbers(const AnyCodable::DroppedHandler& dropped) {
-    AnyCodable::dropNonFiniteNumbers(trigger.conditions, dropped, {"trigger", "conditions"});
-    AnyCodable::dropNonFiniteNumbers(trigger.excludeTriggers, dropped, {"trigger", "excludeTriggers"});
-    AnyCodable::dropNonFiniteNumbers(http.payload, dropped, {"http", "payload"});
-    AnyCodable::dropNonFiniteNumbers(http.requestHeaders, dropped, {"http", "requestHeaders"});
-    AnyCodable::dropNonFiniteNumbers(http.queryStringParameters, dropped, {"http", "queryStringParameters"});
-    AnyCodable::dropNonFiniteNumbers(http.response.headers, dropped, {"http", "response", "headers"});
-    AnyCodable::dropNonFiniteNumbers(variables.frontend, dropped, {"variables", "frontend"});
-    AnyCodable::dropNonFiniteNumbers(variables.backend, dropped, {"variables", "backend"});
-    AnyCodable::dropNonFiniteNumbers(variables.constant, dropped, {"variables", "constant"});
-    AnyCodable::dropNonFiniteNumbers(variables.enrichment, dropped, {"variables", "enrichment"});
-    AnyCodable::dropNonFiniteNumbers(functions, dropped, {"functions"});
+    // Most members are empty: their paths are made only for a walk.
+    const auto walk = [&](auto& member, std::initializer_list<const char*> names) {
+        if (!member.empty()) AnyCodable::dropNonFiniteNumbers(member, dropped, CodingPath(names.begin(), names.end()));
+    };
+    walk(trigger.conditions, {"trigger", "conditions"});
+    walk(trigger.excludeTriggers, {"trigger", "excludeTriggers"});
+    walk(http.payload, {"http", "payload"});
+    walk(http.requestHeaders, {"http", "requestHeaders"});
+    walk(http.queryStringParameters, {"http", "queryStringParameters"});
+    walk(http.response.headers, {"http", "response", "headers"});
+    walk(variables.frontend, {"variables", "frontend"});
+    walk(variables.backend, {"variables", "backend"});
+    walk(variables.constant, {"variables", "constant"});
+    walk(variables.enrichment, {"variables", "enrichment"});
+    walk(functions, {"functions"});
 }
 
 Tag Tag::makeInfo(std::string id, std::string name, std::int64_t timestamp, bool success) {

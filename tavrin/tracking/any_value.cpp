@@ -64,7 +64,13 @@ bool writeText(std::string& out, std::string_view text) {
     if (!detail::isValidUtf8(text)) return false;
     static constexpr char kHex[] = "0123456789abcdef";
     out.push_back('"');
-    for (const char c : text) {
+    // Runs of characters that need no escape are copied whole.
+    std::size_t run = 0;
+    for (std::size_t i = 0; i < text.size(); ++i) {
+        const char c = text[i];
+        if (c != '"' && c != '\\' && static_cast<unsigned char>(c) >= 0x20) continue;
+        out.append(text.data() + run, i - run);
+        run = i + 1;
         switch (c) {
             case '"': out += "\\\""; break;
             case '\\': out += "\\\\"; break;
@@ -74,15 +80,12 @@ bool writeText(std::string& out, std::string_view text) {
             case '\r': out += "\\r"; break;
             case '\t': out += "\\t"; break;
             default:
-                if (static_cast<unsigned char>(c) < 0x20) {
-                    out += "\\u00";
-                    out.push_back(kHex[c >> 4]);
-                    out.push_back(kHex[c & 0xF]);
-                } else {
-                    out.push_back(c);
-                }
+                out += "\\u00";
+                out.push_back(kHex[c >> 4]);
+                out.push_back(kHex[c & 0xF]);
         }
     }
+    out.append(text.data() + run, text.size() - run);
     out.push_back('"');
     return true;
 }

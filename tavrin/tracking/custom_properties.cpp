@@ -217,12 +217,13 @@ std::map<std::string, CodableValue> validatedCustomProperties(const AnyValue::Di
             logger.debug([&] { return "Warning: " + key + " is a reserved key and cannot be set."; });
             continue;
         }
+        // Keys arrive sorted and unique: each entry goes at the end.
         if (isNonFiniteNumber(value)) {
             logNonFinite(key);
         } else if (auto converted = scalar(value)) {
-            result.insert_or_assign(key, std::move(*converted));
+            result.emplace_hint(result.end(), key, std::move(*converted));
         } else if (value.kind() == AnyValue::Kind::array) {
-            result.insert_or_assign(key, flatArray(key, value.asArray()));
+            result.emplace_hint(result.end(), key, flatArray(key, value.asArray()));
         } else {
             logger.debug([&] {
                 return "Warning: Unsupported type for custom property " + key +
@@ -268,9 +269,11 @@ std::size_t approximateBytes(const AnyValue::Dictionary& values) {
     return bytes;
 }
 
-std::size_t approximateBytes(const PushPayload& payload) {
-    std::size_t bytes = sizeof(PushPayload) + payload.track.size() + payload.type.size() + payload.id.size();
-    for (const auto& [key, value] : payload.customProperties) {
+namespace {
+
+std::size_t propertyBytes(const PushPayload::Properties& properties) {
+    std::size_t bytes = 0;
+    for (const auto& [key, value] : properties) {
         bytes += kEntryBytes + key.size();
         if (value.kind() == CodableValue::Kind::string) bytes += value.asString().size();
         if (value.kind() != CodableValue::Kind::array) continue;
@@ -280,6 +283,16 @@ std::size_t approximateBytes(const PushPayload& payload) {
         }
     }
     return bytes;
+}
+
+}  // namespace
+
+std::size_t approximateBytes(const PushPayload& payload) {
+    // Shared properties count for every push that has them: the limits then
+    // do not depend on how the pushes are kept.
+    return sizeof(PushPayload) + payload.track.size() + payload.type.size() + payload.id.size() +
+           propertyBytes(payload.customProperties) +
+           (payload.sharedProperties ? propertyBytes(*payload.sharedProperties) : 0);
 }
 
 }  // namespace tavrin

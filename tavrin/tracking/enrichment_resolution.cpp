@@ -12,8 +12,7 @@ namespace {
 std::optional<CodableValue> resolveProperty(const std::string& name, const std::vector<PushPayload>& pushes,
                                             const ProductData& productData) {
     for (auto push = pushes.rbegin(); push != pushes.rend(); ++push) {
-        const auto found = push->customProperties.find(name);
-        if (found != push->customProperties.end()) return found->second;
+        if (const CodableValue* found = push->property(name)) return *found;
     }
     if (const auto found = productData.find(name); found != productData.end())
         return CodableValue::array(found->second);

@@ -73,18 +73,29 @@ std::map<std::string, CodableValue> aggregateProperties(std::vector<PushPayload>
 
     auto& logger = LoggerUtility::shared();
     std::map<std::string, CodableValue> aggregate;
-    for (auto& payload : payloads) {
-        for (auto& entry : payload.customProperties) {
-            // Not a structured binding: the log lambdas capture the key (clang < 16 cannot).
-            const std::string& key = entry.first;
-            auto& value = entry.second;
-            // One lookup per key; the value moves only when the key is new.
-            if (aggregate.try_emplace(key, std::move(value)).second) {
-                logger.debug([&] { return "Adding key during push aggregation: " + key; });
-            } else {
-                logger.debug([&] { return "Skipping duplicate key during push aggregation: " + key; });
-            }
+    const auto add = [&](const std::string& key, auto&& value) {
+        // One lookup per key; the value is taken only when the key is new.
+        if (aggregate.try_emplace(key, std::forward<decltype(value)>(value)).second) {
+            logger.debug([&] { return "Adding key during push aggregation: " + key; });
+        } else {
+            logger.debug([&] { return "Skipping duplicate key during push aggregation: " + key; });
         }
+    };
+    // Shared properties already added: every key of theirs is in the
+    // aggregate, so a later push sharing them adds nothing from them.
+    std::vector<const PushPayload::Properties*> added;
+    for (auto& payload : payloads) {
+        // The push's own keys and its shared ones never overlap.
+        for (auto& [key, value] : payload.customProperties) add(key, std::move(value));
+        const PushPayload::Properties* shared = payload.sharedProperties.get();
+        if (!shared) continue;
+        if (std::find(added.begin(), added.end(), shared) != added.end()) {
+            for (const auto& entry : *shared)
+                logger.debug([&] { return "Skipping duplicate key during push aggregation: " + entry.first; });
+            continue;
+        }
+        for (const auto& [key, value] : *shared) add(key, value);
+        added.push_back(shared);
     }
     for (auto& [key, values] : productData) aggregate.insert_or_assign(key, CodableValue::array(std::move(values)));
     return aggregate;
@@ -113,6 +124,8 @@ std::future<void> TrackingService::submitData(std::optional<std::string> state, 
     commands.reserve(payloads.size() + 1);
     for (auto& payload : payloads) commands.push_back(std::move(payload.track));
     commands.emplace_back("submit");
+    // What is left of many pushes takes long to free: not on the caller's time.
+    if (payloads.size() > 64) platform::TaskPool::shared().detach([spent = std::move(payloads)] {});
 
     std::string stateText = state.value_or(kDefaultState);
     TagCache::shared().addOrReplace(Tag::makeInfo("AS01", "T-SDK: [STATE] - [AS01] State executed: " + stateText,

@@ -96,27 +96,60 @@ const std::string* textMember(const AnyValue::Dictionary& data, const char* key)
     return found == data.end() ? nullptr : found->second.textIf();
 }
 
-// The device's facts win over pushed properties of the same name.
-void mergeDeviceInfo(std::map<std::string, CodableValue>& properties, AppDeviceInfo info) {
-    // Built once: the keys would otherwise be made anew for every push.
-    static const std::string keys[] = {"app_device_id",           "app_device_brand",
-                                       "app_device_model",        "app_device_os",
-                                       "app_device_os_version",   "app_device_language",
-                                       "app_device_region",       "app_device_width",
-                                       "app_device_height",       "app_device_carrier",
-                                       "app_device_network_type", "app_application_name",
-                                       "app_application_version", "app_application_build_number"};
-    std::string values[] = {std::move(info.appDeviceId), std::move(info.appDeviceBrand), std::move(info.appDeviceModel),
-                            std::move(info.appDeviceOS), std::move(info.appDeviceOSVersion),
-                            std::move(info.appDeviceLanguage), std::move(info.appDeviceRegion),
-                            // Sent as text on purpose, like every other device fact.
-                            std::to_string(info.appDeviceWidth), std::to_string(info.appDeviceHeight),
-                            std::move(info.appDeviceCarrier).value_or("Unknown"), std::move(info.appDeviceNetworkType),
-                            std::move(info.appApplicationName), std::move(info.appApplicationVersion),
+// The device's facts but its id, as push properties; sent as text on
+// purpose, like every other device fact.
+std::shared_ptr<const PushPayload::Properties> devicePropertiesOf(AppDeviceInfo info) {
+    // Built once: the keys would otherwise be made anew for every change.
+    static const std::string keys[] = {"app_device_brand",
+                                       "app_device_model",
+                                       "app_device_os",
+                                       "app_device_os_version",
+                                       "app_device_language",
+                                       "app_device_region",
+                                       "app_device_width",
+                                       "app_device_height",
+                                       "app_device_carrier",
+                                       "app_device_network_type",
+                                       "app_application_name",
+                                       "app_application_version",
+                                       "app_application_build_number"};
+    std::string values[] = {std::move(info.appDeviceBrand),
+                            std::move(info.appDeviceModel),
+                            std::move(info.appDeviceOS),
+                            std::move(info.appDeviceOSVersion),
+                            std::move(info.appDeviceLanguage),
+                            std::move(info.appDeviceRegion),
+                            std::to_string(info.appDeviceWidth),
+                            std::to_string(info.appDeviceHeight),
+                            std::move(info.appDeviceCarrier).value_or("Unknown"),
+                            std::move(info.appDeviceNetworkType),
+                            std::move(info.appApplicationName),
+                            std::move(info.appApplicationVersion),
                             std::move(info.appApplicationBuildNumber)};
     static_assert(std::size(keys) == std::size(values));
+    auto properties = std::make_shared<PushPayload::Properties>();
     for (std::size_t i = 0; i < std::size(keys); ++i)
-        properties.insert_or_assign(keys[i], CodableValue::string(std::move(values[i])));
+        properties->emplace_hint(properties->end(), keys[i], CodableValue::string(std::move(values[i])));
+    return properties;
+}
+
+// Removes the pushed properties named like shared ones (the device's facts
+// win). Both are sorted: one walk over the two.
+void dropShadowed(PushPayload::Properties& own, const PushPayload::Properties& shared) {
+    if (shared.empty()) return;
+    auto mine = own.lower_bound(shared.begin()->first);
+    auto theirs = shared.begin();
+    while (mine != own.end() && theirs != shared.end()) {
+        const int order = mine->first.compare(theirs->first);
+        if (order < 0) {
+            ++mine;
+        } else if (order > 0) {
+            ++theirs;
+        } else {
+            mine = own.erase(mine);
+            ++theirs;
+        }
+    }
 }
 
 }  // namespace
@@ -275,9 +308,20 @@ void TrackingService::processPush(AnyValue::Dictionary data) {
     } else {
         properties = std::move(converted);
     }
-    mergeDeviceInfo(properties, DeviceInfoUtility::collectDeviceInfo());
+    // Every push carries the device's facts; while they stay the same, the
+    // pushes share one copy of them. Each push has a device id of its own.
+    AppDeviceInfo device = DeviceInfoUtility::collectDeviceInfo();
+    std::string deviceId = std::exchange(device.appDeviceId, std::string());
+    auto& last = state_->lastDevice;
+    if (!last.properties || last.facts != device) {
+        last.facts = device;
+        last.properties = devicePropertiesOf(std::move(device));
+    }
+    dropShadowed(properties, *last.properties);
+    properties.insert_or_assign("app_device_id", CodableValue::string(std::move(deviceId)));
 
     PushPayload payload(track, type, std::move(properties), nextPushOrder(), platform::Uuid::make());
+    payload.sharedProperties = last.properties;
     const std::size_t bytes = approximateBytes(payload);
     noteDroppedPushes(MemoryCacheUtility::shared().appendPushPayload(std::move(payload), bytes,
                                                                      limits.maxPushes.load(std::memory_order_relaxed),

@@ -115,5 +115,24 @@ TEST(PushPayloadTest, DecodingKeepsTheStoredId) {
     EXPECT_EQ(decodeJson<PushPayload>(encodeJsonText(first)), first);
 }
 
+TEST(PushPayloadTest, SharedPropertiesCountAsThePushsOwnInLookupEncodingAndEquality) {
+    auto shared = samplePayload("11111111-2222-4333-8444-555555555555");
+    shared.customProperties.erase("qty");
+    shared.sharedProperties = std::make_shared<const PushPayload::Properties>(
+        PushPayload::Properties{{"qty", CodableValue::integer(3)}, {"brand", CodableValue::string("B")}});
+    auto own = samplePayload("11111111-2222-4333-8444-555555555555");
+    own.customProperties.emplace("brand", CodableValue::string("B"));
+
+    ASSERT_NE(shared.property("qty"), nullptr);
+    EXPECT_EQ(*shared.property("qty"), CodableValue::integer(3));
+    EXPECT_EQ(*shared.property("price"), CodableValue::decimalNumber(9.99));
+    EXPECT_EQ(shared.property("absent"), nullptr);
+    EXPECT_EQ(shared.properties(), own.customProperties);
+    EXPECT_EQ(shared, own);
+    EXPECT_EQ(encodeJsonText(shared), encodeJsonText(own));
+    own.customProperties.at("brand") = CodableValue::string("C");
+    EXPECT_FALSE(shared == own);
+}
+
 }  // namespace
 }  // namespace tavrin

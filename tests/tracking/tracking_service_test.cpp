@@ -4,12 +4,14 @@
 #include "tavrin/tracking/tracking_service.h"
 
 #include <gtest/gtest.h>
+#include <set>
 
 #include <atomic>
 #include <chrono>
 #include <cmath>
 #include <future>
 #include <limits>
+#include <set>
 #include <thread>
 
 #include "tavrin/monitor/internal/device_info_utility.h"
@@ -143,11 +145,10 @@ TEST_F(TrackingServiceTest, PushStoresItsConvertedPropertiesUnderTheDeviceFacts)
     ASSERT_EQ(payloads.size(), 2u);
     EXPECT_EQ(payloads[0].track, "defaultTrackCommand");
     EXPECT_EQ(payloads[0].type, "defaultDependencyType");
-    EXPECT_EQ(withoutDeviceId(payloads[0].customProperties),
-              withDevice({{"price", CodableValue::decimalNumber(9.99)}}));
+    EXPECT_EQ(withoutDeviceId(payloads[0].properties()), withDevice({{"price", CodableValue::decimalNumber(9.99)}}));
     EXPECT_EQ(payloads[1].track, "pageview");
     EXPECT_EQ(payloads[1].type, "view");
-    EXPECT_EQ(withoutDeviceId(payloads[1].customProperties), withDevice({{"qty", CodableValue::integer(3)}}));
+    EXPECT_EQ(withoutDeviceId(payloads[1].properties()), withDevice({{"qty", CodableValue::integer(3)}}));
     for (const auto& p : payloads) EXPECT_EQ(p.id.find_first_of("abcdef"), std::string::npos) << p.id;
     EXPECT_NE(payloads[0].id, payloads[1].id);
 }
@@ -183,7 +184,7 @@ TEST_F(TrackingServiceTest, ProductPushesGoIntoParallelArraysInsteadOfTheirPaylo
                            {"qty", {CodableValue::integer(2)}}}));
     const auto payloads = MemoryCacheUtility::shared().getPushPayloads();
     ASSERT_EQ(payloads.size(), 2u);
-    for (const auto& p : payloads) EXPECT_EQ(withoutDeviceId(p.customProperties), kDevice);
+    for (const auto& p : payloads) EXPECT_EQ(withoutDeviceId(p.properties()), kDevice);
 }
 
 TEST_F(TrackingServiceTest, PushWithoutAJsonFormIsStoredWithoutATag) {
@@ -276,6 +277,41 @@ TEST_F(TrackingServiceTest, ConcurrentPushesAreEachStoredOnceInGaplessOrder) {
         EXPECT_GT(i, std::exchange(lastOfThread.at(p.track[1] - '0'), i)) << p.track;
     }
     EXPECT_EQ(lastOfThread, std::vector<std::int64_t>(kThreads, kPerThread - 1));
+}
+
+TEST_F(TrackingServiceTest, DeviceFactsChangingBetweenPushesReachTheNextPushAndTheSubmissionSendsTheFirst) {
+    auto width = std::make_shared<std::atomic<double>>(390);
+    auto source = fixedDeviceFacts();
+    source.screenBounds = [width] { return std::optional<platform::ScreenBounds>({width->load(), 844}); };
+    DeviceInfoUtility::setFactsSource(source);
+    const auto service = start();
+    service->push({{"a", 1}, {"app_device_width", "mine"}});
+    settle(*service);
+    width->store(1024);
+    service->push({{"b", 2}, {"app_device_width", "mine"}});
+    service->push({{"c", 3}});
+    settle(*service);
+
+    const auto payloads = MemoryCacheUtility::shared().getPushPayloads();
+    ASSERT_EQ(payloads.size(), 3u);
+    EXPECT_EQ(payloads[0].property("app_device_width")->asString(), "390");
+    EXPECT_EQ(payloads[1].property("app_device_width")->asString(), "1024");
+    EXPECT_EQ(payloads[2].property("app_device_width")->asString(), "1024");
+    std::set<std::string> deviceIds;
+    for (const auto& payload : payloads) deviceIds.insert(payload.property("app_device_id")->asString());
+    EXPECT_EQ(deviceIds.size(), 3u);
+    // Enrichments read the latest push.
+    service->addEnrichment("screen", {{"width", "app_device_width"}}, {});
+    EXPECT_EQ(Internals::enrichmentsForSubmission(*service)->at("screen").arguments.at("width"), str("1024"));
+
+    service->submit().get();
+    const auto submissions = transport->submissions();
+    ASSERT_EQ(submissions.size(), 1u);
+    auto sent = submissions[0].data.variables.customProperties;
+    EXPECT_EQ(sent.at("app_device_id"), *payloads[0].property("app_device_id"));
+    EXPECT_EQ(withoutDeviceId(sent),
+              withDevice(
+                  {{"a", CodableValue::integer(1)}, {"b", CodableValue::integer(2)}, {"c", CodableValue::integer(3)}}));
 }
 
 TEST_F(TrackingServiceTest, EnrichmentArgumentsResolveLatestPushThenProductDataThenText) {
@@ -459,7 +495,7 @@ TEST_F(TrackingServiceTest, PushesPastTheLimitsDropTheOldestWithACountAndOneWarn
     EXPECT_EQ(kept(), (std::vector<std::int64_t>{15, 16, 17, 18, 19}));
     EXPECT_EQ(TrackingService::droppedPushCount() - dropped, 15u);
     EXPECT_EQ(warnings(), 1u);
-    const auto last = MemoryCacheUtility::shared().getPushPayloads().back().customProperties;
+    const auto last = MemoryCacheUtility::shared().getPushPayloads().back().properties();
     EXPECT_FALSE(last.contains("note"));
     EXPECT_EQ(log.sink->count("Warning: Text longer than 16 bytes dropped from custom property note."), 1u);
 

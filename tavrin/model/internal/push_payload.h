@@ -3,6 +3,7 @@
 
 #include <cstdint>
 #include <map>
+#include <memory>
 #include <optional>
 #include <string>
 
@@ -19,17 +20,26 @@ struct PushPayload {
     Properties customProperties;
     std::int64_t order = 0;
     std::string id;  // canonical upper-case UUID text
+    // Properties many pushes have in common (the device facts), kept once
+    // for all of them; none of their keys is among customProperties.
+    std::shared_ptr<const Properties> sharedProperties;
 
     // A missing id gets a fresh random UUID.
     PushPayload(std::string track, std::string type, Properties customProperties, std::int64_t order,
                 std::optional<std::string> id = std::nullopt);
 
-    // Members in the order track, type, customProperties, order, id.
+    // One property of the push, its own or shared; null when absent.
+    const CodableValue* property(const std::string& key) const;
+    // Every property of the push, its own and the shared ones, in one dictionary.
+    Properties properties() const;
+
+    // Members in the order track, type, customProperties (every property), order, id.
     Json encode() const;
     // Every member required; the stored id is kept.
     static PushPayload decode(const Decoder& decoder);
 
-    friend bool operator==(const PushPayload&, const PushPayload&) = default;
+    // Equal when they carry the same properties, however they are kept.
+    friend bool operator==(const PushPayload& a, const PushPayload& b);
 };
 
 }  // namespace tavrin

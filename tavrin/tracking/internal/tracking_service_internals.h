@@ -18,6 +18,8 @@
 #include <utility>
 #include <vector>
 
+#include "tavrin/model/internal/push_payload.h"
+#include "tavrin/monitor/internal/device_info_utility.h"
 #include "tavrin/platform/dispatch.h"
 #include "tavrin/tracking/tracking_service.h"
 
@@ -45,6 +47,12 @@ struct TrackingService::State {
         std::size_t bytes;
     };
     std::deque<WaitingPush> waitingPushes;
+    // The device's facts the last push saw, and the properties made of them
+    // that the pushes share; only processingQueue touches them.
+    struct DeviceProperties {
+        AppDeviceInfo facts;
+        std::shared_ptr<const PushPayload::Properties> properties;
+    } lastDevice;
     std::size_t waitingBytes = 0;
     std::mutex waitingMutex;
     // setConsents calls, one at a time in call order.
