@@ -52,11 +52,13 @@ std::size_t MemoryCacheUtility::appendPushPayload(PushPayload payload, std::size
     // Shared: inside a read of this cache the write runs later, and counts nothing here.
     auto dropped = std::make_shared<std::atomic<std::size_t>>(0);
     queue_.barrier([this, payload = std::move(payload), bytes, maxPushes, maxBytes, dropped]() mutable {
-        pushPayloads_.push_back({std::move(payload), bytes});
+        pushPayloads_.push_back(std::move(payload));
+        pushPayloadSizes_.push_back(bytes);
         pushPayloadBytes_ += bytes;
         while (pushPayloads_.size() > 1 && (pushPayloads_.size() > maxPushes || pushPayloadBytes_ > maxBytes)) {
-            pushPayloadBytes_ -= pushPayloads_.front().bytes;
+            pushPayloadBytes_ -= pushPayloadSizes_.front();
             pushPayloads_.pop_front();
+            pushPayloadSizes_.pop_front();
             dropped->fetch_add(1, std::memory_order_relaxed);
         }
     });
@@ -64,22 +66,16 @@ std::size_t MemoryCacheUtility::appendPushPayload(PushPayload payload, std::size
 }
 
 std::vector<PushPayload> MemoryCacheUtility::getPushPayloads() const {
-    return queue_.sync([&] {
-        std::vector<PushPayload> payloads;
-        payloads.reserve(pushPayloads_.size());
-        for (const auto& kept : pushPayloads_) payloads.push_back(kept.payload);
-        return payloads;
-    });
+    return queue_.sync([&] { return std::vector<PushPayload>(pushPayloads_.begin(), pushPayloads_.end()); });
 }
 
-std::vector<PushPayload> MemoryCacheUtility::takePushPayloads() {
+MemoryCacheUtility::PushPayloads MemoryCacheUtility::takePushPayloads() {
     // Shared with the write, which a read of this cache on the calling thread
     // would defer (there is none on the submission path).
-    auto taken = std::make_shared<std::vector<PushPayload>>();
+    auto taken = std::make_shared<PushPayloads>();
     queue_.barrier([this, taken] {
-        taken->reserve(pushPayloads_.size());
-        for (auto& kept : pushPayloads_) taken->push_back(std::move(kept.payload));
-        pushPayloads_.clear();
+        taken->swap(pushPayloads_);
+        pushPayloadSizes_.clear();
         pushPayloadBytes_ = 0;
     });
     return std::move(*taken);
@@ -88,11 +84,20 @@ std::vector<PushPayload> MemoryCacheUtility::takePushPayloads() {
 void MemoryCacheUtility::removePushPayloads(std::vector<std::string> ids) {
     queue_.barrier([this, ids = std::move(ids)] {
         const std::unordered_set<std::string> drop(ids.begin(), ids.end());
-        std::erase_if(pushPayloads_, [&](const KeptPayload& kept) {
-            if (!drop.contains(kept.payload.id)) return false;
-            pushPayloadBytes_ -= kept.bytes;
-            return true;
-        });
+        std::size_t kept = 0;
+        for (std::size_t i = 0; i < pushPayloads_.size(); ++i) {
+            if (drop.contains(pushPayloads_[i].id)) {
+                pushPayloadBytes_ -= pushPayloadSizes_[i];
+                continue;
+            }
+            if (kept != i) {
+                pushPayloads_[kept] = std::move(pushPayloads_[i]);
+                pushPayloadSizes_[kept] = pushPayloadSizes_[i];
+            }
+            ++kept;
+        }
+        pushPayloads_.erase(pushPayloads_.begin() + static_cast<std::ptrdiff_t>(kept), pushPayloads_.end());
+        pushPayloadSizes_.resize(kept);
     });
 }
 
@@ -100,6 +105,7 @@ void MemoryCacheUtility::clear() {
     queue_.barrier([this] {
         cache_.removeAllObjects();
         pushPayloads_.clear();
+        pushPayloadSizes_.clear();
         pushPayloadBytes_ = 0;
     });
 }

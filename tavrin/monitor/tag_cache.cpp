@@ -26,7 +26,7 @@ std::string joined(const CodingPath& path) {
 
 }  // namespace
 
-void TagList::add(Tag tag, std::uint64_t sequence, std::size_t capacity) {
+void TagList::add(Tag tag, std::uint64_t sequence, std::size_t capacity, NameMaker name) {
     if (isSingle(tag.id)) {
         auto [single, added] = singles_.try_emplace(tag.id, sequence);
         if (!added) {
@@ -34,12 +34,12 @@ void TagList::add(Tag tag, std::uint64_t sequence, std::size_t capacity) {
             single->second = sequence;
         }
     }
-    entries_.emplace_hint(entries_.end(), sequence, std::move(tag));
+    entries_.emplace_hint(entries_.end(), sequence, Entry{std::move(tag), std::move(name)});
     while (entries_.size() > capacity) {
         // The two single tags are never dropped, so the oldest other tag is
         // at most the third from the front.
         auto oldest = entries_.begin();
-        while (oldest != entries_.end() && isSingle(oldest->second.id)) ++oldest;
+        while (oldest != entries_.end() && isSingle(oldest->second.tag.id)) ++oldest;
         if (oldest == entries_.end()) break;
         entries_.erase(oldest);
     }
@@ -53,7 +53,10 @@ void TagList::removeThrough(std::uint64_t sequence) {
 std::vector<Tag> TagList::tags() const {
     std::vector<Tag> out;
     out.reserve(entries_.size());
-    for (const auto& [sequence, tag] : entries_) out.push_back(tag);
+    for (const auto& [sequence, entry] : entries_) {
+        out.push_back(entry.tag);
+        if (entry.name) out.back().name = entry.name();
+    }
     return out;
 }
 
@@ -64,17 +67,19 @@ TagCache& TagCache::shared() {
     return *instance;
 }
 
-void TagCache::addOrReplace(Tag tag) {
+void TagCache::addOrReplace(Tag tag) { addOrReplace(std::move(tag), {}); }
+
+void TagCache::addOrReplace(Tag tag, TagList::NameMaker name) {
     auto& logger = LoggerUtility::shared();
     tag.dropNonFiniteNumbers([&](const CodingPath& path) {
         logger.debug(
             [&] { return "Warning: Non-finite number dropped from tag " + tag.id + " at " + joined(path) + "."; });
     });
     // Prints the name on purpose: it carries the readable message of the step.
-    logger.info([&] { return "Added or replaced tag with id: " + tag.name; });
+    logger.info([&] { return "Added or replaced tag with id: " + (name ? name() : tag.name); });
     // The number is drawn inside the write, so numbers follow the list's order.
-    cache_->update<TagList>(userDefaultsKey, [tag = std::move(tag)](TagList& list) mutable {
-        list.add(std::move(tag), nextSequence(), capacity);
+    cache_->update<TagList>(userDefaultsKey, [tag = std::move(tag), name = std::move(name)](TagList& list) mutable {
+        list.add(std::move(tag), nextSequence(), capacity, std::move(name));
     });
 }
 

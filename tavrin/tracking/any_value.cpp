@@ -6,6 +6,7 @@
 
 #include "tavrin/platform/internal/json.h"
 #include "tavrin/platform/internal/text.h"
+#include "tavrin/tracking/internal/custom_properties.h"
 
 namespace tavrin {
 
@@ -58,9 +59,19 @@ namespace {
 // tree was a third of a push's processing. The output is what a JSON library's
 // compact dump gives: the same escapes, numbers in shortest round-trip form.
 
+// Takes what a writer writes and keeps none of it: a walk that only asks
+// whether a value has a JSON form.
+struct Discard {
+    void push_back(char) {}
+    template <class... Text>
+    void append(Text&&...) {}
+    Discard& operator+=(const char*) { return *this; }
+};
+
 // Each writer gives false when the value has no JSON form (text that is not
 // UTF-8, a number that is not finite, a date, nesting past the limit).
-bool writeText(std::string& out, std::string_view text) {
+template <class Out>
+bool writeText(Out& out, std::string_view text) {
     if (!detail::isValidUtf8(text)) return false;
     static constexpr char kHex[] = "0123456789abcdef";
     out.push_back('"');
@@ -90,10 +101,12 @@ bool writeText(std::string& out, std::string_view text) {
     return true;
 }
 
-bool writeValue(std::string& out, const AnyValue& value, std::size_t depth);
+template <class Out>
+bool writeValue(Out& out, const AnyValue& value, std::size_t depth);
 
 // `depth` counts the arrays and dictionaries open around this one, itself included.
-bool writeDictionary(std::string& out, const AnyValue::Dictionary& dictionary, std::size_t depth) {
+template <class Out>
+bool writeDictionary(Out& out, const AnyValue::Dictionary& dictionary, std::size_t depth) {
     if (depth > platform::kMaxJsonNestingDepth) return false;
     out.push_back('{');
     bool first = true;
@@ -108,7 +121,8 @@ bool writeDictionary(std::string& out, const AnyValue::Dictionary& dictionary, s
     return true;
 }
 
-bool writeValue(std::string& out, const AnyValue& value, std::size_t depth) {
+template <class Out>
+bool writeValue(Out& out, const AnyValue& value, std::size_t depth) {
     switch (value.kind()) {
         case AnyValue::Kind::null: out += "null"; return true;
         case AnyValue::Kind::text: return writeText(out, value.asText());
@@ -153,6 +167,11 @@ std::optional<std::string> AnyValue::sortedJsonText(const Dictionary& dictionary
     out.reserve(256);
     if (!writeDictionary(out, dictionary, 1)) return std::nullopt;
     return out;
+}
+
+bool hasJsonForm(const AnyValue::Dictionary& dictionary) {
+    Discard out;
+    return writeDictionary(out, dictionary, 1);
 }
 
 namespace {

@@ -64,7 +64,8 @@ namespace {
 
 // The pushes of one submission in push order, with the first value each key
 // received and the product data collected beside them.
-std::map<std::string, CodableValue> aggregateProperties(std::vector<PushPayload>& payloads, ProductData productData) {
+std::map<std::string, CodableValue> aggregateProperties(MemoryCacheUtility::PushPayloads& payloads,
+                                                        ProductData productData) {
     // Pushes are kept in the order they were processed, which is almost
     // always their push order already: sorting is then a check, not moves.
     const auto byOrder = [](const PushPayload& a, const PushPayload& b) { return a.order < b.order; };
@@ -110,7 +111,7 @@ std::future<void> TrackingService::submitData(std::optional<std::string> state, 
     // The snapshot is taken on the processing queue itself: that waits for
     // every push enqueued so far, and no push can add product data between
     // reading it and removing it.
-    std::vector<PushPayload> payloads;
+    MemoryCacheUtility::PushPayloads payloads;
     ProductData productData;
     state_->processingQueue.sync([&] {
         auto& cache = MemoryCacheUtility::shared();

@@ -329,19 +329,23 @@ void TrackingService::processPush(AnyValue::Dictionary data) {
     logger.info([&] { return "Pushing data with track: " + track; });
 
     // The debug tag shows the dictionary as pushed, before any conversion.
-    const auto json = AnyValue::sortedJsonText(data);
-    if (!json) {
+    // Its text is made when the tag is read: most tags are dropped unread.
+    if (!hasJsonForm(data)) {
         logger.error("Failed to stringify push data");
         return;
     }
-    std::string message = "T-SDK: [TAVRIN DL] - [AD01] Received SDK.push() - Command: ";
-    message += pushedTrack ? *pushedTrack : std::string();
-    message += " | Data: ";
-    message += *json;
+    const auto pushed = std::make_shared<const AnyValue::Dictionary>(std::move(data));
     TagCache::shared().addOrReplace(
-        Tag::makeInfo("AD01", std::move(message), TimestampUtility::currentTimestampInMillis(), true));
+        Tag::makeInfo("AD01", {}, TimestampUtility::currentTimestampInMillis(), true), [pushed] {
+            const std::string* command = textMember(*pushed, "track");
+            std::string message = "T-SDK: [TAVRIN DL] - [AD01] Received SDK.push() - Command: ";
+            if (command) message += *command;
+            message += " | Data: ";
+            message += AnyValue::sortedJsonText(*pushed).value_or(std::string());
+            return message;
+        });
     logger.info("AD01 push tag added to TagCache.");
-    logger.debug(*json);
+    logger.debug([&] { return AnyValue::sortedJsonText(*pushed).value_or(std::string()); });
 }
 
 void TrackingService::addToProductData(const std::string& track, const std::string& type,

@@ -164,6 +164,7 @@ TEST_F(TrackingServiceTest, PushAddsATagShowingTheDictionaryAsPushed) {
     EXPECT_EQ(tags[1].name,
               "T-SDK: [TAVRIN DL] - [AD01] Received SDK.push() - Command: pageview | Data: "
               R"({"nested":{"a":null,"b":1},"qty":3,"track":"pageview","type":"view"})");
+    EXPECT_EQ(log.sink->count("Added or replaced tag with id: " + tags[1].name), 1u);
     const Json tag = tags[1].encode();
     EXPECT_EQ(std::tuple(tag["id"], tag["source"], tag["type"], tag["trigger"]["executed"]),
               std::tuple("AD01", "frontend", "info", true));

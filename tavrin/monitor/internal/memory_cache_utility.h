@@ -72,6 +72,8 @@ public:
 
     // ---- pushed payloads, in push order
 
+    using PushPayloads = std::deque<PushPayload>;
+
     // Adds `payload` (about `bytes` in memory), then drops the oldest while
     // more than `maxPushes` or more than `maxBytes` are kept (the newest one
     // always stays). Returns how many were dropped.
@@ -82,8 +84,8 @@ public:
     // Drops every payload whose id is listed; the rest keep their order.
     void removePushPayloads(std::vector<std::string> ids);
     // Moves every payload out, in order, leaving none: what a submission
-    // sends, without copying each push. Not from inside a read of the cache.
-    std::vector<PushPayload> takePushPayloads();
+    // sends, without copying or moving each push. Not from inside a read of the cache.
+    PushPayloads takePushPayloads();
 
     // Blocks until every write submitted so far has been applied.
     void drain() const { queue_.drain(); }
@@ -104,11 +106,10 @@ private:
     void clear();
 
     platform::ObjectCache cache_;
-    struct KeptPayload {
-        PushPayload payload;
-        std::size_t bytes;
-    };
-    std::deque<KeptPayload> pushPayloads_;  // the oldest are dropped from the front
+    // The oldest are dropped from the front; each one's approximate size
+    // beside it, at the same position.
+    PushPayloads pushPayloads_;
+    std::deque<std::size_t> pushPayloadSizes_;
     std::size_t pushPayloadBytes_ = 0;
     // Reads take the queue's shared side; sync/drain do not change what is stored.
     // Declared last so it is destroyed first: at exit its thread runs the

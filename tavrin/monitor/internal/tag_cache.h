@@ -4,6 +4,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <map>
 #include <optional>
 #include <string>
@@ -18,10 +19,15 @@ namespace tavrin {
 // each under a sequence number that no later tag of the process reuses.
 class TagList {
 public:
+    // Makes a tag's name when the tag is read. Most tags are dropped unread
+    // (a process without a debug code never sends them), and some names take
+    // long to make.
+    using NameMaker = std::function<std::string()>;
+
     // Appends the tag (a start-up or stored-consent tag first drops its
     // predecessor) and, beyond `capacity`, drops the oldest other tag.
     // Constant time amortised apart from the logarithmic index lookups.
-    void add(Tag tag, std::uint64_t sequence, std::size_t capacity);
+    void add(Tag tag, std::uint64_t sequence, std::size_t capacity, NameMaker name = {});
     // Drops every tag numbered up to `sequence`.
     void removeThrough(std::uint64_t sequence);
 
@@ -33,7 +39,11 @@ public:
 private:
     static bool isSingle(const std::string& id) { return id == "AI01" || id == "AC03"; }
 
-    std::map<std::uint64_t, Tag> entries_;
+    struct Entry {
+        Tag tag;
+        NameMaker name;  // when set, the tag's name is made from it
+    };
+    std::map<std::uint64_t, Entry> entries_;
     // The numbers of the single "AI01" and "AC03" tags, when present.
     std::map<std::string, std::uint64_t> singles_;
 };
@@ -63,6 +73,8 @@ public:
     // the list can always be encoded. One write on the cache's queue: tags
     // added at the same moment from different threads are all kept.
     void addOrReplace(Tag tag);
+    // The same, the tag's name made by `name` when the tag is read.
+    void addOrReplace(Tag tag, TagList::NameMaker name);
 
     // The cached tags, oldest first (empty when none are cached).
     std::vector<Tag> tags() const;

@@ -31,6 +31,10 @@ std::optional<AnyValue::Dictionary> withinHostValueLimits(const AnyValue::Dictio
 std::optional<std::map<std::string, CodableValue>> withinHostValueLimits(
     const std::map<std::string, CodableValue>& values, std::size_t maxTextBytes, const char* what);
 
+// Whether AnyValue::sortedJsonText has a text for the dictionary, without
+// making it.
+bool hasJsonForm(const AnyValue::Dictionary& dictionary);
+
 // About the memory a host's values take (text, keys and a fixed amount per
 // entry), for the push limits: walked without recursion, at any depth.
 std::size_t approximateBytes(const AnyValue::Dictionary& values);
