@@ -89,7 +89,7 @@ mkdir -p "$build"
 # A shared library that the tests do not relink against: a mutant rebuilds one
 # object and the library, not every test program.
 cmake -S . -B "$build" -DCMAKE_BUILD_TYPE=Release -DTAVRIN_BUILD_TOOLS=OFF -DTAVRIN_BUILD_EXAMPLES=OFF \
-  -DBUILD_SHARED_LIBS=ON -DCMAKE_LINK_DEPENDS_NO_SHARED=ON "${launcher[@]}" >"$build/configure.log" 2>&1 || { cat "$build/configure.log"; exit 1; }
+  -DBUILD_SHARED_LIBS=ON -DTAVRIN_HIDE_INTERNALS=OFF -DCMAKE_LINK_DEPENDS_NO_SHARED=ON "${launcher[@]}" >"$build/configure.log" 2>&1 || { cat "$build/configure.log"; exit 1; }
 
 # TAVRIN_MUTANTS_LABELS (a ctest label regex, e.g. 'platform|session') runs
 # only those folders' tests: what one folder's tests kill on their own.

@@ -20,6 +20,8 @@
 #include <utility>
 #include <variant>
 
+#include "tavrin/platform/api.h"
+
 namespace tavrin {
 
 // Encoded as the text of its case name.
@@ -38,9 +40,9 @@ constexpr const char* rawValue(ConsentStatus status) noexcept {
     return "";
 }
 // Exactly the three raw values (case-sensitive); anything else gives nothing.
-std::optional<ConsentStatus> consentStatusFromRawValue(std::string_view raw) noexcept;
+TAVRIN_API std::optional<ConsentStatus> consentStatusFromRawValue(std::string_view raw) noexcept;
 
-class VendorValue {
+class TAVRIN_API VendorValue {
 public:
     // Case order is also the case tag.
     enum class Kind { boolean = 0, string = 1 };
@@ -69,12 +71,12 @@ using VendorConsents = std::map<std::string, ConsentStatus>;
 using VendorValues = std::map<std::string, VendorValue>;
 
 // allow -> true, deny -> false, ncm -> the text "ncm".
-VendorValue toVendorValue(ConsentStatus status);
-VendorValues toVendorValues(const VendorConsents& consents);
+TAVRIN_API VendorValue toVendorValue(ConsentStatus status);
+TAVRIN_API VendorValues toVendorValues(const VendorConsents& consents);
 
 // Readable forms for log lines: "bool(true)", "string(\"ncm\")", and
 // ["a": bool(true), "b": string("ncm")] for a map ([:] when empty).
-std::string describe(const VendorValue& value);
-std::string describe(const VendorValues& values);
+TAVRIN_API std::string describe(const VendorValue& value);
+TAVRIN_API std::string describe(const VendorValues& values);
 
 }  // namespace tavrin

@@ -17,9 +17,11 @@
 #include <variant>
 #include <vector>
 
+#include "tavrin/platform/api.h"
+
 namespace tavrin {
 
-class CodableValue {
+class TAVRIN_API CodableValue {
 public:
     // Case order is also the case tag 0 to 4.
     enum class Kind { string = 0, boolean = 1, integer = 2, decimalNumber = 3, array = 4 };
@@ -49,7 +51,7 @@ public:
 
     // Different cases never compare equal; doubles compare by IEEE rules
     // (NaN unequal to itself, 0.0 equal to -0.0).
-    friend bool operator==(const CodableValue& a, const CodableValue& b);
+    friend TAVRIN_API bool operator==(const CodableValue& a, const CodableValue& b);
 
 private:
     using Storage = std::variant<std::string, bool, std::int64_t, double, Array>;
@@ -65,6 +67,6 @@ private:
 
 // Readable form for logs and test failures: "string(\"a\")", "integer(1)", ...
 // Arrays nested deeper than 512 levels are shown as "...".
-std::string describe(const CodableValue& value);
+TAVRIN_API std::string describe(const CodableValue& value);
 
 }  // namespace tavrin

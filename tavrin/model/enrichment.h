@@ -14,10 +14,11 @@
 #include <vector>
 
 #include "tavrin/model/codable_value.h"
+#include "tavrin/platform/api.h"
 
 namespace tavrin {
 
-struct Enrichment {
+struct TAVRIN_API Enrichment {
     std::map<std::string, CodableValue> arguments;
     std::vector<std::string> variables;
 

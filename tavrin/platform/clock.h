@@ -11,9 +11,11 @@
 
 #include <functional>
 
+#include "tavrin/platform/api.h"
+
 namespace tavrin::platform {
 
-class Clock {
+class TAVRIN_API Clock {
 public:
     using Source = std::function<double()>;
 

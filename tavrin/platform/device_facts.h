@@ -19,29 +19,31 @@
 #include <string>
 #include <string_view>
 
+#include "tavrin/platform/api.h"
+
 namespace tavrin::platform {
 
 // What the host application tells about itself, before configuring the SDK.
-struct ApplicationInfo {
+struct TAVRIN_API ApplicationInfo {
     std::optional<std::string> bundleIdentifier = std::nullopt;
     // Information dictionary: "CFBundleDisplayName", "CFBundleName",
     // "CFBundleShortVersionString", "CFBundleVersion".
     std::map<std::string, std::string, std::less<>> infoDictionary{};
 };
 
-struct ScreenBounds {
+struct TAVRIN_API ScreenBounds {
     double width = 0;   // points
     double height = 0;  // points
 };
 
-struct LocaleCodes {
+struct TAVRIN_API LocaleCodes {
     std::optional<std::string> languageCode;  // "de" of "de_AT.UTF-8"
     std::optional<std::string> regionCode;    // "AT" of "de_AT.UTF-8"
 
     friend bool operator==(const LocaleCodes&, const LocaleCodes&) = default;
 };
 
-class DeviceFacts {
+class TAVRIN_API DeviceFacts {
 public:
     // Host-supplied facts.
     static void setApplicationInfo(ApplicationInfo info);

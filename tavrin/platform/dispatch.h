@@ -38,10 +38,12 @@
 #include <type_traits>
 #include <vector>
 
+#include "tavrin/platform/api.h"
+
 namespace tavrin::platform {
 
 // The label of the queue running on this thread, or empty.
-const std::string& currentQueueLabel();
+TAVRIN_API const std::string& currentQueueLabel();
 
 // How many fork() calls separate this process from the one that loaded the
 // library: 0 there, one more in each child. A forked child has none of its
@@ -49,14 +51,14 @@ const std::string& currentQueueLabel();
 // generation it started in: a child never joins, signals or shuts down what
 // belongs to the parent, and queues start threads of their own when the child
 // first uses them (blocks queued in the parent stay the parent's).
-std::uint32_t forkGeneration() noexcept;
+TAVRIN_API std::uint32_t forkGeneration() noexcept;
 
 // Keeps `object` until the process ends without ever destroying it: where a
 // forked child sets aside its copy of something that belongs to the parent.
-void keepForever(std::shared_ptr<const void> object);
+TAVRIN_API void keepForever(std::shared_ptr<const void> object);
 
 // Names the calling thread (Linux keeps 15 characters).
-void setCurrentThreadName(const std::string& name);
+TAVRIN_API void setCurrentThreadName(const std::string& name);
 
 namespace detail {
 // Threads taking blocks from one FIFO (defined in dispatch.cpp).
@@ -67,7 +69,7 @@ class Strand;
 
 // Blocks run one at a time in submission order, on the shared pool; while one
 // runs, currentQueueLabel() is the queue's label.
-class SerialQueue {
+class TAVRIN_API SerialQueue {
 public:
     explicit SerialQueue(std::string label);
     // Waits until every block already submitted has run (called from one of
@@ -117,7 +119,7 @@ private:
 // Reads run synchronously on the caller's thread and may overlap; writes are
 // asynchronous barrier blocks applied one at a time in submission order, and a
 // read waits for every write submitted before it.
-class ConcurrentQueue {
+class TAVRIN_API ConcurrentQueue {
 public:
     explicit ConcurrentQueue(std::string label);
     // Applies every pending write (called from a write: lets them be applied
@@ -186,7 +188,7 @@ private:
 };
 
 // A small fixed pool of threads for background tasks, which run side by side.
-class TaskPool {
+class TAVRIN_API TaskPool {
 public:
     explicit TaskPool(std::size_t threads, std::string label = "com.tavrin.pool");
     // Runs the tasks already submitted, then joins (from one of its own
@@ -222,6 +224,6 @@ private:
 };
 
 // The one process-wide mutual-exclusion lock (start-up serialisation).
-std::mutex& processLock();
+TAVRIN_API std::mutex& processLock();
 
 }  // namespace tavrin::platform

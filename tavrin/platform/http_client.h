@@ -35,6 +35,7 @@
 #include <utility>
 #include <vector>
 
+#include "tavrin/platform/api.h"
 #include "tavrin/platform/bytes.h"
 
 namespace tavrin::platform {
@@ -44,9 +45,9 @@ namespace tavrin::platform {
 using HttpHeaders = std::vector<std::pair<std::string, std::string>>;
 
 // The first value of the named header field, compared without regard to case.
-std::optional<std::string> headerValue(const HttpHeaders& headers, std::string_view name);
+TAVRIN_API std::optional<std::string> headerValue(const HttpHeaders& headers, std::string_view name);
 
-struct HttpRequest {
+struct TAVRIN_API HttpRequest {
     std::string method = "GET";
     std::string url;
     HttpHeaders headers;
@@ -61,7 +62,7 @@ struct HttpRequest {
     void setHeader(std::string name, std::string value);
 };
 
-struct HttpResponse {
+struct TAVRIN_API HttpResponse {
     int statusCode = 0;
     HttpHeaders headers;
     Bytes body;
@@ -71,7 +72,7 @@ struct HttpResponse {
 
 // The outcome of one request: a response (any status), or the error that
 // kept it from producing one.
-struct HttpResult {
+struct TAVRIN_API HttpResult {
     std::optional<HttpResponse> response;
     std::exception_ptr error;
 
@@ -80,7 +81,7 @@ struct HttpResult {
 };
 
 // A request that did not produce an HTTP response.
-class UrlError : public std::runtime_error {
+class TAVRIN_API UrlError : public std::runtime_error {
 public:
     enum class Code {
         badURL,
@@ -123,7 +124,7 @@ private:
 
 // A URL as the transport understands it; only text with a scheme and a host
 // parses.
-struct Url {
+struct TAVRIN_API Url {
     std::string text;         // the text as given
     std::string scheme;       // lower case
     std::string host;         // without the brackets of an IPv6 literal
@@ -134,7 +135,7 @@ struct Url {
     static std::optional<Url> parse(std::string_view text);
 };
 
-class HttpClient {
+class TAVRIN_API HttpClient {
 public:
     using Completion = std::function<void(HttpResult result)>;
 
@@ -165,7 +166,7 @@ public:
 };
 
 // What the system's default client is configured with.
-struct HttpClientOptions {
+struct TAVRIN_API HttpClientOptions {
     // PEM file of the certificate authorities to trust instead of the
     // system store.
     std::optional<std::string> caFile = std::nullopt;
@@ -193,7 +194,7 @@ struct HttpClientOptions {
 // answer, so a body is never sent anywhere but the URL its caller named. TLS
 // peers are verified against the system store, or against caFile alone when
 // it is set.
-class SystemHttpClient final : public HttpClient {
+class TAVRIN_API SystemHttpClient final : public HttpClient {
 public:
     using Options = HttpClientOptions;
 

@@ -24,11 +24,12 @@
 #include <variant>
 #include <vector>
 
+#include "tavrin/platform/api.h"
 #include "tavrin/platform/bytes.h"
 
 namespace tavrin::platform {
 
-class KeyValueStore {
+class TAVRIN_API KeyValueStore {
 public:
     using Value = std::variant<std::string, std::int64_t, Bytes>;
 

@@ -20,9 +20,11 @@
 #include <string>
 #include <vector>
 
+#include "tavrin/platform/api.h"
+
 namespace tavrin::platform {
 
-class NotificationCenter {
+class TAVRIN_API NotificationCenter {
 public:
     using Token = std::uint64_t;
     using Handler = std::function<void(const std::string& name)>;

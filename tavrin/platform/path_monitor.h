@@ -18,15 +18,17 @@
 #include <functional>
 #include <memory>
 
+#include "tavrin/platform/api.h"
+
 namespace tavrin::platform {
 
 class SerialQueue;  // tavrin/platform/dispatch.h
 
 enum class PathStatus { satisfied, unsatisfied };
 
-const char* pathStatusName(PathStatus status) noexcept;
+TAVRIN_API const char* pathStatusName(PathStatus status) noexcept;
 
-class PathMonitor {
+class TAVRIN_API PathMonitor {
 public:
     using UpdateHandler = std::function<void(PathStatus)>;
     using Factory = std::function<std::shared_ptr<PathMonitor>()>;

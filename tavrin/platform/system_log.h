@@ -19,16 +19,18 @@
 #include <string>
 #include <string_view>
 
+#include "tavrin/platform/api.h"
+
 namespace tavrin::platform {
 
 enum class LogType { debug, info, error };
 
-const char* logTypeName(LogType type) noexcept;
+TAVRIN_API const char* logTypeName(LogType type) noexcept;
 
 // Whether the text of a message may appear unredacted in the log.
 enum class LogPrivacy { publicText, privateText };
 
-struct LogRecord {
+struct TAVRIN_API LogRecord {
     LogType type;
     std::string subsystem;
     std::string category;
@@ -36,7 +38,7 @@ struct LogRecord {
     LogPrivacy privacy;
 };
 
-class LogSink {
+class TAVRIN_API LogSink {
 public:
     virtual ~LogSink() = default;
     virtual bool isEnabled(LogType type) const = 0;
@@ -54,7 +56,7 @@ public:
 // while none can be reached, lines are dropped and connecting is retried with
 // a growing pause, so a line costs a clock reading rather than a system call.
 // A saturated daemon drops lines instead of stalling the caller.
-class SyslogSink final : public LogSink {
+class TAVRIN_API SyslogSink final : public LogSink {
 public:
     explicit SyslogSink(std::string socketPath = "/dev/log");
     ~SyslogSink() override;
@@ -84,7 +86,7 @@ private:
 // error lines are always written; debug lines only while a debugger is
 // attached, since each line costs a round trip through the system even when
 // nobody reads it.
-class DebugOutputSink final : public LogSink {
+class TAVRIN_API DebugOutputSink final : public LogSink {
 public:
     bool isEnabled(LogType type) const override;
     void write(const LogRecord& record) override;
@@ -92,7 +94,7 @@ public:
 #endif
 
 // One line per message on standard error: "<subsystem> [<category>] <TYPE>: <message>".
-class StderrSink final : public LogSink {
+class TAVRIN_API StderrSink final : public LogSink {
 public:
     bool isEnabled(LogType) const override { return true; }
     void write(const LogRecord& record) override;
@@ -102,7 +104,7 @@ private:
 };
 
 // A logger handle with a subsystem and a category, writing to the installed sink.
-class SystemLog {
+class TAVRIN_API SystemLog {
 public:
     SystemLog(std::string subsystem, std::string category);
 

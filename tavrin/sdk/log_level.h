@@ -13,6 +13,8 @@
 #include <optional>
 #include <string>
 
+#include "tavrin/platform/api.h"
+
 namespace tavrin {
 
 // Threshold of the shared logger; ordered from most to least verbose.
@@ -27,7 +29,7 @@ enum class LogLevel : int {
 };
 
 // "DEBUG", "INFO", ... "NONE".
-const char* description(LogLevel level) noexcept;
+TAVRIN_API const char* description(LogLevel level) noexcept;
 constexpr int rawValue(LogLevel level) noexcept { return static_cast<int>(level); }
 // 1 to 7 give a level; anything else gives nothing.
 constexpr std::optional<LogLevel> logLevelFromRawValue(int raw) noexcept {

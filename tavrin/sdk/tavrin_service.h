@@ -14,12 +14,13 @@
 #include <chrono>
 #include <cstddef>
 
+#include "tavrin/platform/api.h"
 #include "tavrin/sdk/log_level.h"
 #include "tavrin/sdk/track_config.h"
 
 namespace tavrin {
 
-class TavrinService {
+class TAVRIN_API TavrinService {
 public:
     TavrinService() = delete;
 

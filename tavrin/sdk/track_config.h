@@ -26,9 +26,11 @@
 #include <string>
 #include <string_view>
 
+#include "tavrin/platform/api.h"
+
 namespace tavrin {
 
-struct TrackConfig {
+struct TAVRIN_API TrackConfig {
     enum class Environment { live, stage };
     static constexpr std::array<Environment, 2> allEnvironments{Environment::live, Environment::stage};
 
@@ -51,6 +53,6 @@ constexpr const char* rawValue(TrackConfig::Environment environment) noexcept {
     return environment == TrackConfig::Environment::live ? "live" : "stage";
 }
 // Exactly "live" or "stage" (case-sensitive); anything else gives nothing.
-std::optional<TrackConfig::Environment> environmentFromRawValue(std::string_view raw) noexcept;
+TAVRIN_API std::optional<TrackConfig::Environment> environmentFromRawValue(std::string_view raw) noexcept;
 
 }  // namespace tavrin

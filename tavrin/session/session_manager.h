@@ -18,6 +18,8 @@
 #include <string_view>
 #include <utility>
 
+#include "tavrin/platform/api.h"
+
 namespace tavrin {
 
 // Whether an identifier was just created or continued. The first case is
@@ -35,7 +37,7 @@ constexpr std::optional<Action> actionFromRawValue(std::string_view raw) noexcep
 
 // Never instantiated; all state is process-wide and safe to use from any
 // thread (concurrent calls resolve as last writer wins).
-class SessionManager {
+class TAVRIN_API SessionManager {
 public:
     SessionManager() = delete;
 

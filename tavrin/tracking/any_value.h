@@ -37,6 +37,8 @@
 #include <variant>
 #include <vector>
 
+#include "tavrin/platform/api.h"
+
 namespace tavrin {
 
 namespace detail {
@@ -47,7 +49,7 @@ template <class T>
 concept PushInteger = std::integral<T> && !std::same_as<T, bool> && !CharacterType<T>;
 }  // namespace detail
 
-class AnyValue {
+class TAVRIN_API AnyValue {
 public:
     // Tag order is the order of the alternatives below.
     enum class Kind { null = 0, text, boolean, integer, number, array, dictionary, date };
@@ -112,7 +114,7 @@ public:
     const std::string* textIf() const noexcept { return std::get_if<1>(&storage_); }
 
     // Same kind and equal payloads; numbers compare by IEEE rules.
-    friend bool operator==(const AnyValue& a, const AnyValue& b);
+    friend TAVRIN_API bool operator==(const AnyValue& a, const AnyValue& b);
 
     // Compact JSON text of a dictionary with its keys sorted at every level,
     // for log lines. Null becomes JSON null. Gives nothing when a value has no
@@ -141,7 +143,7 @@ private:
 
 // Readable form for logs and test failures: text("a"), integer(3), array[...], ...
 // Values nested deeper than 512 levels are shown as "...".
-std::string describe(const AnyValue& value);
-std::string describe(const AnyValue::Dictionary& dictionary);
+TAVRIN_API std::string describe(const AnyValue& value);
+TAVRIN_API std::string describe(const AnyValue::Dictionary& dictionary);
 
 }  // namespace tavrin

@@ -22,6 +22,7 @@
 #include "tavrin/consent/consent_status.h"
 #include "tavrin/model/codable_value.h"
 #include "tavrin/model/enrichment.h"
+#include "tavrin/platform/api.h"
 #include "tavrin/tracking/any_value.h"
 #include "tavrin/tracking/tracking_service_error.h"
 
@@ -43,14 +44,14 @@ class OrderedBlocks;
 // dropped, with one warning until the next submit; a text longer than
 // `maxTextBytes` (keys too) is left out of its push or enrichment with a debug
 // line. The defaults are far above what an app submitting now and then keeps.
-struct PushLimits {
+struct TAVRIN_API PushLimits {
     std::size_t maxPushes = 10'000;
     std::size_t maxBytes = 16u << 20;
     std::size_t maxTextBytes = 64u << 10;
     friend bool operator==(const PushLimits&, const PushLimits&) = default;
 };
 
-class TrackingService : public std::enable_shared_from_this<TrackingService> {
+class TAVRIN_API TrackingService : public std::enable_shared_from_this<TrackingService> {
 public:
     // The current instance. Without one: an error line, then
     // TrackingServiceError notInitialized.

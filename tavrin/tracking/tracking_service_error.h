@@ -14,9 +14,11 @@
 #include <stdexcept>
 #include <string>
 
+#include "tavrin/platform/api.h"
+
 namespace tavrin {
 
-class TrackingServiceError : public std::runtime_error {
+class TAVRIN_API TrackingServiceError : public std::runtime_error {
 public:
     enum class Code { submissionFailed, notInitialized, configurationFailed };
 

@@ -17,10 +17,11 @@
 #include <vector>
 
 #include "tavrin/model/codable_value.h"
+#include "tavrin/platform/api.h"
 
 namespace tavrin {
 
-struct VariablesWrapper {
+struct TAVRIN_API VariablesWrapper {
     VariablesWrapper(std::string documentLocationHref, std::string fbBrowserId,
                      std::vector<std::string> tvrpushedcommands, std::map<std::string, CodableValue> customProperties)
         : documentLocationHref(std::move(documentLocationHref)),

@@ -13,9 +13,11 @@
 #include <optional>
 #include <stdexcept>
 
+#include "tavrin/platform/api.h"
+
 namespace tavrin {
 
-class ServiceError : public std::runtime_error {
+class TAVRIN_API ServiceError : public std::runtime_error {
 public:
     enum class Code {
         invalidURL,          // the endpoint text is not a URL

@@ -28,6 +28,9 @@ case "${emulator[0]:-}" in *wine*) exe=".exe" ;; esac
 
 cmake --install "$build_dir" --prefix "$work/prefix" >/dev/null
 include_dir="$work/prefix/include"
+# A shared library is found where it was installed (the consumers have no rpath).
+shared=$(find "$work/prefix" -name 'libtavrin.so.*' -printf '%h\n' | head -n 1)
+[ -n "$shared" ] && export LD_LIBRARY_PATH="$shared${LD_LIBRARY_PATH:+:$LD_LIBRARY_PATH}"
 
 # Internal headers and test doubles are not part of the installed tree.
 if find "$include_dir/tavrin" -path '*/internal/*' | grep -q .; then
