@@ -84,20 +84,18 @@ MemoryCacheUtility::PushPayloads MemoryCacheUtility::takePushPayloads() {
 void MemoryCacheUtility::removePushPayloads(std::vector<std::string> ids) {
     queue_.barrier([this, ids = std::move(ids)] {
         const std::unordered_set<std::string> drop(ids.begin(), ids.end());
-        std::size_t kept = 0;
+        PushPayloads keptPayloads;
+        std::deque<std::size_t> keptSizes;
         for (std::size_t i = 0; i < pushPayloads_.size(); ++i) {
             if (drop.contains(pushPayloads_[i].id)) {
                 pushPayloadBytes_ -= pushPayloadSizes_[i];
-                continue;
+            } else {
+                keptPayloads.push_back(std::move(pushPayloads_[i]));
+                keptSizes.push_back(pushPayloadSizes_[i]);
             }
-            if (kept != i) {
-                pushPayloads_[kept] = std::move(pushPayloads_[i]);
-                pushPayloadSizes_[kept] = pushPayloadSizes_[i];
-            }
-            ++kept;
         }
-        pushPayloads_.erase(pushPayloads_.begin() + static_cast<std::ptrdiff_t>(kept), pushPayloads_.end());
-        pushPayloadSizes_.resize(kept);
+        pushPayloads_ = std::move(keptPayloads);
+        pushPayloadSizes_ = std::move(keptSizes);
     });
 }
 

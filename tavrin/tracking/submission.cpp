@@ -74,12 +74,15 @@ std::map<std::string, CodableValue> aggregateProperties(MemoryCacheUtility::Push
 
     auto& logger = LoggerUtility::shared();
     std::map<std::string, CodableValue> aggregate;
+    const auto skipped = [&](const std::string& key) {
+        logger.debug([&] { return "Skipping duplicate key during push aggregation: " + key; });
+    };
     const auto add = [&](const std::string& key, auto&& value) {
         // One lookup per key; the value is taken only when the key is new.
         if (aggregate.try_emplace(key, std::forward<decltype(value)>(value)).second) {
             logger.debug([&] { return "Adding key during push aggregation: " + key; });
         } else {
-            logger.debug([&] { return "Skipping duplicate key during push aggregation: " + key; });
+            skipped(key);
         }
     };
     // Shared properties already added: every key of theirs is in the
@@ -91,8 +94,7 @@ std::map<std::string, CodableValue> aggregateProperties(MemoryCacheUtility::Push
         const PushPayload::Properties* shared = payload.sharedProperties.get();
         if (!shared) continue;
         if (std::find(added.begin(), added.end(), shared) != added.end()) {
-            for (const auto& entry : *shared)
-                logger.debug([&] { return "Skipping duplicate key during push aggregation: " + entry.first; });
+            for (const auto& entry : *shared) skipped(entry.first);
             continue;
         }
         for (const auto& [key, value] : *shared) add(key, value);
