@@ -49,7 +49,7 @@ Json AnyCodable::encodeAt(const CodingPath& path) const {
     }
     if (const auto* s = std::any_cast<std::string>(&value_)) return Json(*s);
     if (const auto* dict = std::any_cast<Dictionary>(&value_)) {
-        Json out = Json::object();
+        Json out = jsonObject(dict->size());
         for (const auto& [key, member] : *dict) {
             CodingPath p = path;
             p.push_back(key);

@@ -27,7 +27,7 @@ Json member(const std::string& key, F&& encode) {
 // A text-keyed map, each value encoded as its own member.
 template <class T, class Encode>
 Json members(const std::map<std::string, T>& values, Encode&& encode) {
-    Json out = Json::object();
+    Json out = jsonObject(values.size());
     // Not a structured binding: the lambda captures the value (clang < 16 cannot).
     for (const auto& entry : values) out[entry.first] = member(entry.first, [&] { return encode(entry.second); });
     return out;
@@ -76,7 +76,7 @@ Identifier Identifier::decode(const Decoder& decoder) {
 }
 
 Json Variables::encode() const {
-    Json out = Json::object();
+    Json out = jsonObject(std::size(fixedKeys) + customProperties.size());
     out["document_location_href"] = documentLocationHref;
     out["fb_browser_id"] = fbBrowserId;
     out["tvrpushedcommands"] = encodeJson(tvrpushedcommands);
@@ -98,7 +98,7 @@ Variables Variables::decode(const Decoder& decoder) {
 }
 
 Json DataClass::encode() const {
-    Json out = Json::object();
+    Json out = jsonObject(3);
     out["identifier"] = identifier.encode();
     out["variables"] = member("variables", [&] { return variables.encode(); });
     if (enrichment) {
@@ -118,7 +118,7 @@ DataClass DataClass::decode(const Decoder& decoder) {
 }
 
 Json DataSubmissionModel::encode() const {
-    Json out = Json::object();
+    Json out = jsonObject(5);
     out["version"] = version;
     out["system"] = system.encode();
     out["consent"] = member(

@@ -26,7 +26,7 @@ detail::SharedInstance<MonitorService>& sharedSlot() {
 }  // namespace
 
 Json MonitorPayload::encode() const {
-    Json out = Json::object();
+    Json out = jsonObject(6);
     out["debugid"] = debugID;
     out["consent"] = encodeJson(consent);
     out["docs"] = encodeJson(docs);

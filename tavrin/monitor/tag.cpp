@@ -129,7 +129,7 @@ Tag Tag::makeInfo(std::string id, std::string name, std::int64_t timestamp, bool
 }
 
 Json Tag::encode() const {
-    Json out = Json::object();
+    Json out = jsonObject(9);
     out["id"] = id;
     out["name"] = name;
     out["source"] = source;

@@ -134,20 +134,21 @@ Json encodeJson(const std::unordered_map<std::string, T>& values);
 template <class T>
 Json encodeJson(const std::vector<T>& values) {
     Json out = Json::array();
+    out.get_ref<Json::array_t&>().reserve(values.size());
     for (const auto& v : values) out.push_back(encodeJson(v));
     return out;
 }
 
 template <class T, class C>
 Json encodeJson(const std::map<std::string, T, C>& values) {
-    Json out = Json::object();
+    Json out = jsonObject(values.size());
     for (const auto& [k, v] : values) out[k] = encodeJson(v);
     return out;
 }
 
 template <class T>
 Json encodeJson(const std::unordered_map<std::string, T>& values) {
-    Json out = Json::object();
+    Json out = jsonObject(values.size());
     for (const auto& [k, v] : values) out[k] = encodeJson(v);
     return out;
 }
