@@ -26,20 +26,30 @@ std::string joined(const CodingPath& path) {
 
 }  // namespace
 
-void TagList::add(Tag tag, std::uint64_t sequence, std::size_t capacity, NameMaker name) {
-    if (isSingle(tag.id)) {
-        auto [single, added] = singles_.try_emplace(tag.id, sequence);
+void TagList::add(std::shared_ptr<const Tag> tag, std::uint64_t sequence, std::size_t capacity) {
+    std::string id = tag->id;
+    add(std::move(id), std::move(tag), {}, sequence, capacity);
+}
+
+void TagList::add(std::string id, TagMaker make, std::uint64_t sequence, std::size_t capacity) {
+    add(std::move(id), nullptr, std::move(make), sequence, capacity);
+}
+
+void TagList::add(std::string id, std::shared_ptr<const Tag> tag, TagMaker make, std::uint64_t sequence,
+                  std::size_t capacity) {
+    if (isSingle(id)) {
+        auto [single, added] = singles_.try_emplace(id, sequence);
         if (!added) {
             entries_.erase(single->second);
             single->second = sequence;
         }
     }
-    entries_.emplace_hint(entries_.end(), sequence, Entry{std::move(tag), std::move(name)});
+    entries_.emplace_hint(entries_.end(), sequence, Entry{std::move(id), std::move(tag), std::move(make)});
     while (entries_.size() > capacity) {
         // The two single tags are never dropped, so the oldest other tag is
         // at most the third from the front.
         auto oldest = entries_.begin();
-        while (oldest != entries_.end() && isSingle(oldest->second.tag.id)) ++oldest;
+        while (oldest != entries_.end() && isSingle(oldest->second.id)) ++oldest;
         if (oldest == entries_.end()) break;
         entries_.erase(oldest);
     }
@@ -53,10 +63,7 @@ void TagList::removeThrough(std::uint64_t sequence) {
 std::vector<Tag> TagList::tags() const {
     std::vector<Tag> out;
     out.reserve(entries_.size());
-    for (const auto& [sequence, entry] : entries_) {
-        out.push_back(entry.tag);
-        if (entry.name) out.back().name = entry.name();
-    }
+    for (const auto& [sequence, entry] : entries_) out.push_back(entry.make ? entry.make() : *entry.tag);
     return out;
 }
 
@@ -67,19 +74,24 @@ TagCache& TagCache::shared() {
     return *instance;
 }
 
-void TagCache::addOrReplace(Tag tag) { addOrReplace(std::move(tag), {}); }
-
-void TagCache::addOrReplace(Tag tag, TagList::NameMaker name) {
+void TagCache::addOrReplace(Tag tag) {
     auto& logger = LoggerUtility::shared();
     tag.dropNonFiniteNumbers([&](const CodingPath& path) {
         logger.debug(
             [&] { return "Warning: Non-finite number dropped from tag " + tag.id + " at " + joined(path) + "."; });
     });
     // Prints the name on purpose: it carries the readable message of the step.
-    logger.info([&] { return "Added or replaced tag with id: " + (name ? name() : tag.name); });
+    logger.info([&] { return "Added or replaced tag with id: " + tag.name; });
     // The number is drawn inside the write, so numbers follow the list's order.
-    cache_->update<TagList>(userDefaultsKey, [tag = std::move(tag), name = std::move(name)](TagList& list) mutable {
-        list.add(std::move(tag), nextSequence(), capacity, std::move(name));
+    cache_->update<TagList>(userDefaultsKey, [tag = std::make_shared<const Tag>(std::move(tag))](TagList& list) {
+        list.add(tag, nextSequence(), capacity);
+    });
+}
+
+void TagCache::addOrReplace(std::string id, TagList::TagMaker make) {
+    LoggerUtility::shared().info([&] { return "Added or replaced tag with id: " + make().name; });
+    cache_->update<TagList>(userDefaultsKey, [id = std::move(id), make = std::move(make)](TagList& list) mutable {
+        list.add(std::move(id), std::move(make), nextSequence(), capacity);
     });
 }
 

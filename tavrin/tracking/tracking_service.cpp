@@ -335,15 +335,14 @@ void TrackingService::processPush(AnyValue::Dictionary data) {
         return;
     }
     const auto pushed = std::make_shared<const AnyValue::Dictionary>(std::move(data));
-    TagCache::shared().addOrReplace(
-        Tag::makeInfo("AD01", {}, TimestampUtility::currentTimestampInMillis(), true), [pushed] {
-            const std::string* command = textMember(*pushed, "track");
-            std::string message = "T-SDK: [TAVRIN DL] - [AD01] Received SDK.push() - Command: ";
-            if (command) message += *command;
-            message += " | Data: ";
-            message += AnyValue::sortedJsonText(*pushed).value_or(std::string());
-            return message;
-        });
+    TagCache::shared().addOrReplace("AD01", [pushed, timestamp = TimestampUtility::currentTimestampInMillis()] {
+        const std::string* command = textMember(*pushed, "track");
+        std::string message = "T-SDK: [TAVRIN DL] - [AD01] Received SDK.push() - Command: ";
+        if (command) message += *command;
+        message += " | Data: ";
+        message += AnyValue::sortedJsonText(*pushed).value_or(std::string());
+        return Tag::makeInfo("AD01", std::move(message), timestamp, true);
+    });
     logger.info("AD01 push tag added to TagCache.");
     logger.debug([&] { return AnyValue::sortedJsonText(*pushed).value_or(std::string()); });
 }

@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <functional>
 #include <map>
+#include <memory>
 #include <optional>
 #include <string>
 #include <vector>
@@ -19,15 +20,16 @@ namespace tavrin {
 // each under a sequence number that no later tag of the process reuses.
 class TagList {
 public:
-    // Makes a tag's name when the tag is read. Most tags are dropped unread
-    // (a process without a debug code never sends them), and some names take
-    // long to make.
-    using NameMaker = std::function<std::string()>;
+    // Makes a tag when it is read. Most tags are dropped unread (a process
+    // without a debug code never sends them), and some take long to make.
+    using TagMaker = std::function<Tag()>;
 
     // Appends the tag (a start-up or stored-consent tag first drops its
     // predecessor) and, beyond `capacity`, drops the oldest other tag.
     // Constant time amortised apart from the logarithmic index lookups.
-    void add(Tag tag, std::uint64_t sequence, std::size_t capacity, NameMaker name = {});
+    void add(std::shared_ptr<const Tag> tag, std::uint64_t sequence, std::size_t capacity);
+    // The same for a tag of id `id` that `make` makes when it is read.
+    void add(std::string id, TagMaker make, std::uint64_t sequence, std::size_t capacity);
     // Drops every tag numbered up to `sequence`.
     void removeThrough(std::uint64_t sequence);
 
@@ -39,9 +41,15 @@ public:
 private:
     static bool isSingle(const std::string& id) { return id == "AI01" || id == "AC03"; }
 
+    void add(std::string id, std::shared_ptr<const Tag> tag, TagMaker make, std::uint64_t sequence,
+             std::size_t capacity);
+
+    // A tag is large: the list keeps a made one behind a pointer, or only
+    // what makes it.
     struct Entry {
-        Tag tag;
-        NameMaker name;  // when set, the tag's name is made from it
+        std::string id;
+        std::shared_ptr<const Tag> tag;
+        TagMaker make;  // when set, the tag is made from it
     };
     std::map<std::uint64_t, Entry> entries_;
     // The numbers of the single "AI01" and "AC03" tags, when present.
@@ -73,8 +81,9 @@ public:
     // the list can always be encoded. One write on the cache's queue: tags
     // added at the same moment from different threads are all kept.
     void addOrReplace(Tag tag);
-    // The same, the tag's name made by `name` when the tag is read.
-    void addOrReplace(Tag tag, TagList::NameMaker name);
+    // The same for a tag of id `id` that `make` makes when it is read; what
+    // it makes must hold finite numbers only.
+    void addOrReplace(std::string id, TagList::TagMaker make);
 
     // The cached tags, oldest first (empty when none are cached).
     std::vector<Tag> tags() const;
