@@ -12,12 +12,12 @@ Uuid::Uuid() {
 
 std::string Uuid::uuidString() const {
     static constexpr char hex[] = "0123456789ABCDEF";
-    std::string out;
-    out.reserve(36);
+    std::string out(36, '-');
+    std::size_t at = 0;
     for (std::size_t i = 0; i < bytes_.size(); ++i) {
-        if (i == 4 || i == 6 || i == 8 || i == 10) out.push_back('-');
-        out.push_back(hex[bytes_[i] >> 4]);
-        out.push_back(hex[bytes_[i] & 0x0F]);
+        if (i == 4 || i == 6 || i == 8 || i == 10) ++at;  // keeps the dash
+        out[at++] = hex[bytes_[i] >> 4];
+        out[at++] = hex[bytes_[i] & 0x0F];
     }
     return out;
 }
