@@ -2,6 +2,7 @@
 
 #include <atomic>
 
+#include "tavrin/platform/dispatch.h"
 #include "tavrin/sdk/internal/logger_utility.h"
 
 namespace tavrin {
@@ -14,6 +15,9 @@ std::uint64_t nextSequence() {
     static std::atomic<std::uint64_t> last{0};
     return ++last;
 }
+
+// Dropped tags freed in one task on the pool.
+constexpr std::size_t kFreedTogether = 256;
 
 std::string joined(const CodingPath& path) {
     std::string out;
@@ -51,6 +55,7 @@ void TagList::add(std::string id, std::shared_ptr<const Tag> tag, TagMaker make,
         auto oldest = entries_.begin();
         while (oldest != entries_.end() && isSingle(oldest->second.id)) ++oldest;
         if (oldest == entries_.end()) break;
+        dropped_.push_back(std::move(oldest->second));
         entries_.erase(oldest);
     }
 }
@@ -92,6 +97,8 @@ void TagCache::addOrReplace(std::string id, TagList::TagMaker make) {
     LoggerUtility::shared().info([&] { return "Added or replaced tag with id: " + make().name; });
     cache_->update<TagList>(userDefaultsKey, [id = std::move(id), make = std::move(make)](TagList& list) mutable {
         list.add(std::move(id), std::move(make), nextSequence(), capacity);
+        // Freed together on the pool, beside the pushes that made them.
+        if (list.droppedCount() >= kFreedTogether) platform::TaskPool::shared().detach([spent = list.takeDropped()] {});
     });
 }
 

@@ -2,6 +2,8 @@
 
 #include "tavrin/monitor/internal/tag_cache.h"
 
+#include "tests/support/wait_until.h"
+
 #include <gtest/gtest.h>
 
 #include <cmath>
@@ -79,7 +81,13 @@ TEST_F(TagCacheTest, HoldsAtMostOneThousandDroppingTheOldestButTheStartUpTags) {
     };
     made("AD01", "first push");
     add({{"AI01", "init"}, {"AC03", "consent"}});
-    for (int i = 0; i < 1500; ++i) made("AD01", "push " + std::to_string(i));
+    // What the dropped tags hold is freed, on the pool.
+    auto held = std::make_shared<int>(0);
+    const std::weak_ptr<int> dropped = held;
+    for (int i = 0; i < 200; ++i) cache.addOrReplace("AD01", [held] { return Tag::makeInfo("AD01", "held", 1, true); });
+    held.reset();
+    for (int i = 200; i < 1500; ++i) made("AD01", "push " + std::to_string(i));
+    EXPECT_TRUE(testing::waitUntil([&] { return dropped.expired(); }));
     auto kept = names();
     ASSERT_EQ(kept.size(), TagCache::capacity);
     EXPECT_EQ((std::vector<std::string>{kept[0], kept[1], kept[2], kept.back()}),

@@ -9,6 +9,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "tavrin/monitor/internal/memory_cache_utility.h"
@@ -33,6 +34,19 @@ public:
     // Drops every tag numbered up to `sequence`.
     void removeThrough(std::uint64_t sequence);
 
+    // A tag is large: the list keeps a made one behind a pointer, or only
+    // what makes it.
+    struct Entry {
+        std::string id;
+        std::shared_ptr<const Tag> tag;
+        TagMaker make;  // when set, the tag is made from it
+    };
+    // The tags dropped beyond the capacity since the last call, for the
+    // caller to free elsewhere: a push's tag holds the pushed dictionary, and
+    // freeing them is work the adding thread need not do.
+    std::vector<Entry> takeDropped() { return std::exchange(dropped_, {}); }
+    std::size_t droppedCount() const noexcept { return dropped_.size(); }
+
     std::vector<Tag> tags() const;
     // The newest tag's number, 0 when empty.
     std::uint64_t lastSequence() const noexcept { return entries_.empty() ? 0 : entries_.rbegin()->first; }
@@ -44,14 +58,8 @@ private:
     void add(std::string id, std::shared_ptr<const Tag> tag, TagMaker make, std::uint64_t sequence,
              std::size_t capacity);
 
-    // A tag is large: the list keeps a made one behind a pointer, or only
-    // what makes it.
-    struct Entry {
-        std::string id;
-        std::shared_ptr<const Tag> tag;
-        TagMaker make;  // when set, the tag is made from it
-    };
     std::map<std::uint64_t, Entry> entries_;
+    std::vector<Entry> dropped_;
     // The numbers of the single "AI01" and "AC03" tags, when present.
     std::map<std::string, std::uint64_t> singles_;
 };
