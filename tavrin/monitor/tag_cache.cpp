@@ -66,9 +66,10 @@ void TagList::removeThrough(std::uint64_t sequence) {
 }
 
 std::vector<Tag> TagList::tags() const {
-    std::vector<Tag> out;
-    out.reserve(entries_.size());
-    for (const auto& [sequence, entry] : entries_) out.push_back(entry.make ? entry.make() : *entry.tag);
+    // Filled in place: a growing vector of tags is much code for a small host.
+    std::vector<Tag> out(entries_.size());
+    auto next = out.begin();
+    for (const auto& [sequence, entry] : entries_) *next++ = entry.make ? entry.make() : *entry.tag;
     return out;
 }
 

@@ -123,3 +123,13 @@ std::optional<Json> parseJson(std::string_view text) {
 std::string dumpJson(const Json& value) { return value.dump(-1, ' ', false, Json::error_handler_t::replace); }
 
 }  // namespace tavrin::platform
+
+namespace tavrin {
+
+Json jsonObject(std::size_t members) {
+    Json out = Json::object();
+    out.get_ptr<Json::object_t*>()->reserve(members);
+    return out;
+}
+
+}  // namespace tavrin

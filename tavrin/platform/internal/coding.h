@@ -134,7 +134,7 @@ Json encodeJson(const std::unordered_map<std::string, T>& values);
 template <class T>
 Json encodeJson(const std::vector<T>& values) {
     Json out = Json::array();
-    out.get_ref<Json::array_t&>().reserve(values.size());
+    out.get_ptr<Json::array_t*>()->reserve(values.size());
     for (const auto& v : values) out.push_back(encodeJson(v));
     return out;
 }

@@ -20,11 +20,7 @@ using Json = nlohmann::ordered_json;
 // An empty object with room for `members` members. Growing an object copies
 // every member already in it (its keys are const, so nothing moves), however
 // large: objects that take a large member get their room first.
-inline Json jsonObject(std::size_t members) {
-    Json out = Json::object();
-    out.get_ref<Json::object_t&>().reserve(members);
-    return out;
-}
+Json jsonObject(std::size_t members);
 
 namespace platform {
 
