@@ -11,11 +11,11 @@ namespace tavrin::platform {
 namespace {
 
 // Small requests (two identifiers per push) are served from a per-thread
-// block of the system's randomness, one system call per 4 KiB instead of
+// block of the system's randomness, one system call per KiB instead of
 // one per request. A forked child must never hand out its parent's bytes, so
 // a fork makes every block stale.
 struct RandomBlock {
-    unsigned char bytes[4096];
+    unsigned char bytes[1024];
     std::size_t left = 0;
     std::uint32_t generation = 0;
 
