@@ -1,6 +1,7 @@
 #include "tavrin/monitor/internal/tag_cache.h"
 
 #include <atomic>
+#include <utility>
 
 #include "tavrin/platform/dispatch.h"
 #include "tavrin/sdk/internal/logger_utility.h"
@@ -58,6 +59,9 @@ void TagList::add(std::string id, std::shared_ptr<const Tag> tag, TagMaker make,
         dropped_.push_back(std::move(oldest->second));
         entries_.erase(oldest);
     }
+    if (dropped_.size() >= kFreedTogether) {
+        platform::TaskPool::shared().detach([spent = std::exchange(dropped_, {})] {});
+    }
 }
 
 void TagList::removeThrough(std::uint64_t sequence) {
@@ -98,8 +102,6 @@ void TagCache::addOrReplace(std::string id, TagList::TagMaker make) {
     LoggerUtility::shared().info([&] { return "Added or replaced tag with id: " + make().name; });
     cache_->update<TagList>(userDefaultsKey, [id = std::move(id), make = std::move(make)](TagList& list) mutable {
         list.add(std::move(id), std::move(make), nextSequence(), capacity);
-        // Freed together on the pool, beside the pushes that made them.
-        if (list.droppedCount() >= kFreedTogether) platform::TaskPool::shared().detach([spent = list.takeDropped()] {});
     });
 }
 

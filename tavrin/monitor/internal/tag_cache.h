@@ -9,7 +9,6 @@
 #include <memory>
 #include <optional>
 #include <string>
-#include <utility>
 #include <vector>
 
 #include "tavrin/monitor/internal/memory_cache_utility.h"
@@ -28,24 +27,14 @@ public:
     // Appends the tag (a start-up or stored-consent tag first drops its
     // predecessor) and, beyond `capacity`, drops the oldest other tag.
     // Constant time amortised apart from the logarithmic index lookups.
+    // Dropped tags are freed together on the shared pool, a few hundred at a
+    // time: a push's tag holds the pushed dictionary, and freeing them one by
+    // one is work the adding thread need not do.
     void add(std::shared_ptr<const Tag> tag, std::uint64_t sequence, std::size_t capacity);
     // The same for a tag of id `id` that `make` makes when it is read.
     void add(std::string id, TagMaker make, std::uint64_t sequence, std::size_t capacity);
     // Drops every tag numbered up to `sequence`.
     void removeThrough(std::uint64_t sequence);
-
-    // A tag is large: the list keeps a made one behind a pointer, or only
-    // what makes it.
-    struct Entry {
-        std::string id;
-        std::shared_ptr<const Tag> tag;
-        TagMaker make;  // when set, the tag is made from it
-    };
-    // The tags dropped beyond the capacity since the last call, for the
-    // caller to free elsewhere: a push's tag holds the pushed dictionary, and
-    // freeing them is work the adding thread need not do.
-    std::vector<Entry> takeDropped() { return std::exchange(dropped_, {}); }
-    std::size_t droppedCount() const noexcept { return dropped_.size(); }
 
     std::vector<Tag> tags() const;
     // The newest tag's number, 0 when empty.
@@ -58,8 +47,16 @@ private:
     void add(std::string id, std::shared_ptr<const Tag> tag, TagMaker make, std::uint64_t sequence,
              std::size_t capacity);
 
+    // A tag is large: the list keeps a made one behind a pointer, or only
+    // what makes it.
+    struct Entry {
+        std::string id;
+        std::shared_ptr<const Tag> tag;
+        TagMaker make;  // when set, the tag is made from it
+    };
+
     std::map<std::uint64_t, Entry> entries_;
-    std::vector<Entry> dropped_;
+    std::vector<Entry> dropped_;  // waiting to be freed together
     // The numbers of the single "AI01" and "AC03" tags, when present.
     std::map<std::string, std::uint64_t> singles_;
 };
