@@ -1,6 +1,7 @@
 #include "tavrin/monitor/internal/tag_cache.h"
 
 #include <atomic>
+#include <memory>
 #include <utility>
 
 #include "tavrin/platform/dispatch.h"
@@ -31,17 +32,7 @@ std::string joined(const CodingPath& path) {
 
 }  // namespace
 
-void TagList::add(std::shared_ptr<const Tag> tag, std::uint64_t sequence, std::size_t capacity) {
-    std::string id = tag->id;
-    add(std::move(id), std::move(tag), {}, sequence, capacity);
-}
-
 void TagList::add(std::string id, TagMaker make, std::uint64_t sequence, std::size_t capacity) {
-    add(std::move(id), nullptr, std::move(make), sequence, capacity);
-}
-
-void TagList::add(std::string id, std::shared_ptr<const Tag> tag, TagMaker make, std::uint64_t sequence,
-                  std::size_t capacity) {
     if (isSingle(id)) {
         auto [single, added] = singles_.try_emplace(id, sequence);
         if (!added) {
@@ -49,7 +40,7 @@ void TagList::add(std::string id, std::shared_ptr<const Tag> tag, TagMaker make,
             single->second = sequence;
         }
     }
-    entries_.emplace_hint(entries_.end(), sequence, Entry{std::move(id), std::move(tag), std::move(make)});
+    entries_.emplace_hint(entries_.end(), sequence, Entry{std::move(id), std::move(make)});
     while (entries_.size() > capacity) {
         // The two single tags are never dropped, so the oldest other tag is
         // at most the third from the front.
@@ -73,7 +64,7 @@ std::vector<Tag> TagList::tags() const {
     // Filled in place: a growing vector of tags is much code for a small host.
     std::vector<Tag> out(entries_.size());
     auto next = out.begin();
-    for (const auto& [sequence, entry] : entries_) *next++ = entry.make ? entry.make() : *entry.tag;
+    for (const auto& [sequence, entry] : entries_) *next++ = entry.make();
     return out;
 }
 
@@ -92,14 +83,17 @@ void TagCache::addOrReplace(Tag tag) {
     });
     // Prints the name on purpose: it carries the readable message of the step.
     logger.info([&] { return "Added or replaced tag with id: " + tag.name; });
-    // The number is drawn inside the write, so numbers follow the list's order.
-    cache_->update<TagList>(userDefaultsKey, [tag = std::make_shared<const Tag>(std::move(tag))](TagList& list) {
-        list.add(tag, nextSequence(), capacity);
-    });
+    std::string id = tag.id;
+    store(std::move(id), [tag = std::make_shared<const Tag>(std::move(tag))] { return *tag; });
 }
 
 void TagCache::addOrReplace(std::string id, TagList::TagMaker make) {
     LoggerUtility::shared().info([&] { return "Added or replaced tag with id: " + make().name; });
+    store(std::move(id), std::move(make));
+}
+
+void TagCache::store(std::string id, TagList::TagMaker make) {
+    // The number is drawn inside the write, so numbers follow the list's order.
     cache_->update<TagList>(userDefaultsKey, [id = std::move(id), make = std::move(make)](TagList& list) mutable {
         list.add(std::move(id), std::move(make), nextSequence(), capacity);
     });

@@ -6,7 +6,6 @@
 #include <cstdint>
 #include <functional>
 #include <map>
-#include <memory>
 #include <optional>
 #include <string>
 #include <vector>
@@ -24,14 +23,13 @@ public:
     // without a debug code never sends them), and some take long to make.
     using TagMaker = std::function<Tag()>;
 
-    // Appends the tag (a start-up or stored-consent tag first drops its
-    // predecessor) and, beyond `capacity`, drops the oldest other tag.
-    // Constant time amortised apart from the logarithmic index lookups.
-    // Dropped tags are freed together on the shared pool, a few hundred at a
-    // time: a push's tag holds the pushed dictionary, and freeing them one by
-    // one is work the adding thread need not do.
-    void add(std::shared_ptr<const Tag> tag, std::uint64_t sequence, std::size_t capacity);
-    // The same for a tag of id `id` that `make` makes when it is read.
+    // Appends the tag of id `id` that `make` makes (a start-up or
+    // stored-consent tag first drops its predecessor) and, beyond `capacity`,
+    // drops the oldest other tag. Constant time amortised apart from the
+    // logarithmic index lookups. Dropped tags are freed together on the
+    // shared pool, a few hundred at a time: a push's tag holds the pushed
+    // dictionary, and freeing them one by one is work the adding thread need
+    // not do.
     void add(std::string id, TagMaker make, std::uint64_t sequence, std::size_t capacity);
     // Drops every tag numbered up to `sequence`.
     void removeThrough(std::uint64_t sequence);
@@ -44,15 +42,10 @@ public:
 private:
     static bool isSingle(const std::string& id) { return id == "AI01" || id == "AC03"; }
 
-    void add(std::string id, std::shared_ptr<const Tag> tag, TagMaker make, std::uint64_t sequence,
-             std::size_t capacity);
-
-    // A tag is large: the list keeps a made one behind a pointer, or only
-    // what makes it.
+    // A tag is large: the list keeps only what makes it.
     struct Entry {
         std::string id;
-        std::shared_ptr<const Tag> tag;
-        TagMaker make;  // when set, the tag is made from it
+        TagMaker make;
     };
 
     std::map<std::uint64_t, Entry> entries_;
@@ -101,6 +94,8 @@ public:
     const std::string userDefaultsKey = "TagCacheKey";
 
 private:
+    void store(std::string id, TagList::TagMaker make);
+
     MemoryCacheUtility* cache_;
 };
 
